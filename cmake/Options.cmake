@@ -1,0 +1,27 @@
+# What every target of this project is built with: corvil::options.
+
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+# Tools and libraries share one folder, so that a tool finds the library beside itself.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+
+add_library(corvil_options INTERFACE)
+add_library(corvil::options ALIAS corvil_options)
+target_include_directories(corvil_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(corvil_options INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Werror
+  # No path of the build machine in an object, so that any folder gives the same bits.
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(CORVIL_SANITIZE)
+  target_compile_options(corvil_options INTERFACE
+    -fsanitize=${CORVIL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(corvil_options INTERFACE -fsanitize=${CORVIL_SANITIZE})
+endif()

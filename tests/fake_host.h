@@ -1,0 +1,64 @@
+// A host process made for tests: it records in one list, in order, everything that the data-path
+// library does to it, and fails on demand.
+#ifndef TESTS_FAKE_HOST_H_
+#define TESTS_FAKE_HOST_H_
+
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host_interfaces/corvil_log_services.h"
+#include "host_interfaces/corvil_netlink.h"
+
+namespace fake_host {
+
+using Events = std::vector<std::string>;
+
+struct Answer {
+  int result = 0;
+  int error = 0;  // stored in the error slot, if there is one, when result is -1
+};
+
+struct Host {
+  /// "calloc 20", "free", "resolve TAVIK_WLAN 1", "send 14000000 2a00...", with " error slot" where
+  /// one was passed, "ERR name(): text" for a log message, and what later pieces of the host add.
+  Events events;
+
+  uint16_t family_id = 0x2a;
+  int resolve_result = 0;
+  /// Answers of the transact operation, first to last; success when there are none left.
+  std::deque<Answer> answers;
+  /// Which allocation fails, counted from 1; 0: none.
+  int failing_allocation = 0;
+  /// Makes the append operation leave nlmsg_len at the unpadded end of an attribute.
+  bool unpadded_length = false;
+  /// Time of day; gettimeofday() fails and writes nothing when there is none.
+  bool clock_works = true;
+  int64_t clock_seconds = 0;
+  int64_t clock_microseconds = 0;
+  /// What the sinks were given, apart from `events`.
+  std::vector<const LogSiteDescriptor*> descriptors;
+  /// Runs before each recorded call of a log sink, with the call's name.
+  std::function<void(const std::string&)> on_log_call;
+
+  int allocations = 0;
+  std::map<const void*, size_t> live;  // allocations of the library and their sizes
+};
+
+/// The one host of the process.
+Host& host();
+
+/// A fresh host whose only sink is the diagnostic service, which tells all four levels apart.
+void reset();
+
+/// "28000000 2a00 0500" as the bytes of a message; blanks do not matter.
+std::string hex(const void* bytes, size_t length);
+
+}  // namespace fake_host
+
+#endif  // TESTS_FAKE_HOST_H_
