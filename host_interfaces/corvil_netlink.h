@@ -70,9 +70,11 @@ typedef int (*corvil_netlink_reply_callback)(const struct nlmsghdr* reply, void*
  * Sends a request and runs a callback once for every reply message, in the order of arrival, on the
  * calling thread; returns after the last one.
  *
- * request   a complete message; read only
+ * request   a complete message; read only. Without a dump it has NLM_F_ACK set, since the
+ *           acknowledgement ends the replies
  * protocol  netlink protocol, such as NETLINK_GENERIC
- * callback  receives the replies; its result does not end the query
+ * callback  receives the replies, which are the messages of the request's own nlmsg_type; its
+ *           result does not end the query
  * context   passed on to the callback; may be null
  * dump      non-zero: ask for a dump (NLM_F_DUMP), of as many replies as the kernel sends
  *
@@ -95,7 +97,8 @@ int corvil_netlink_query(const struct nlmsghdr* request, int protocol,
  * max_type  highest type looked at; NLA_F_NESTED and NLA_F_NET_BYTEORDER are masked out before
  *
  * Reads nothing beyond the run: parsing ends at the first attribute whose length is below 4 or
- * exceeds what is left. Returns -1 when it ended so, the attributes before it indexed.
+ * exceeds what is left, or at bytes too few for a header. Returns -1 when it ended so, the
+ * attributes before indexed. The last attribute may lack its padding.
  */
 int corvil_nla_parse(const struct nlattr* first, const struct nlattr** table, uint32_t length,
                      uint16_t max_type);

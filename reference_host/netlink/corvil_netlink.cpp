@@ -1,0 +1,94 @@
+#include "host_interfaces/corvil_netlink.h"
+
+#include <libmnl/libmnl.h>
+#include <linux/genetlink.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "reference_host/corvil_export.h"
+#include "reference_host/netlink/exchange.h"
+#include "reference_host/netlink/last_error.h"
+
+namespace {
+
+using corvil::netlink::exchange;
+using corvil::netlink::explain_refusal;
+using corvil::netlink::fail;
+
+struct Family {
+  bool known;
+  uint16_t id;
+  uint32_t version;
+};
+
+/// Fills the Family that is the context from the controller's reply.
+int take_family(const nlmsghdr* reply, void* context) {
+  const size_t size = mnl_nlmsg_get_payload_len(reply);
+  if (size < GENL_HDRLEN) {
+    return 0;
+  }
+  std::array<const nlattr*, CTRL_ATTR_VERSION + 1> table{};
+  corvil_nla_parse(static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(reply, GENL_HDRLEN)),
+                   table.data(), static_cast<uint32_t>(size - GENL_HDRLEN), CTRL_ATTR_VERSION);
+  const nlattr* id = table[CTRL_ATTR_FAMILY_ID];
+  const nlattr* version = table[CTRL_ATTR_VERSION];
+  if (id == nullptr || mnl_attr_get_payload_len(id) < sizeof(uint16_t) || version == nullptr ||
+      mnl_attr_get_payload_len(version) < sizeof(uint32_t)) {
+    return 0;
+  }
+  *static_cast<Family*>(context) = {true, mnl_attr_get_u16(id), mnl_attr_get_u32(version)};
+  return 1;
+}
+
+/// Asks the controller; the name fits.
+int query_family(const char* name, Family* family) {
+  constexpr size_t kSize = NLMSG_HDRLEN + GENL_HDRLEN + NLA_HDRLEN + GENL_NAMSIZ;
+  alignas(nlmsghdr) std::array<char, kSize> buffer{};
+  nlmsghdr* request = mnl_nlmsg_put_header(buffer.data());
+  request->nlmsg_type = GENL_ID_CTRL;
+  request->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  auto* generic = static_cast<genlmsghdr*>(mnl_nlmsg_put_extra_header(request, GENL_HDRLEN));
+  generic->cmd = CTRL_CMD_GETFAMILY;
+  generic->version = 1;
+  mnl_attr_put_strz(request, CTRL_ATTR_FAMILY_NAME, name);
+  return corvil_netlink_query(request, NETLINK_GENERIC, take_family, family, 0);
+}
+
+}  // namespace
+
+CORVIL_EXPORT int corvil_netlink_query_genl(const char* family_name, uint32_t version,
+                                            uint16_t* family_id) {
+  if (strlen(family_name) >= GENL_NAMSIZ) {
+    return fail(EINVAL, "no family name is as long as %s", family_name);
+  }
+  Family family{};
+  if (query_family(family_name, &family) == -1) {
+    explain_refusal("netlink family %s is not available", family_name);
+    return -1;
+  }
+  if (!family.known) {
+    return fail(EBADMSG, "the controller's answer lacks the id or version of family %s",
+                family_name);
+  }
+  if (family.version != version) {
+    return fail(EPROTONOSUPPORT, "netlink family %s has version %u, not %u", family_name,
+                family.version, version);
+  }
+  *family_id = family.id;
+  return 0;
+}
+
+CORVIL_EXPORT int corvil_netlink_transact(const struct nlmsghdr* request, int protocol,
+                                          int* error) {
+  return exchange({request, protocol, nullptr, nullptr, false}, error);
+}
+
+CORVIL_EXPORT int corvil_netlink_query(const struct nlmsghdr* request, int protocol,
+                                       corvil_netlink_reply_callback callback, void* context,
+                                       int dump) {
+  return exchange({request, protocol, callback, context, dump != 0}, nullptr);
+}

@@ -1,0 +1,71 @@
+/*
+ * What tools ask of the netlink library beyond the operations of host_interfaces/corvil_netlink.h:
+ * the reason of a failure and a look at every message.
+ *
+ * Two environment variables steer the library; both are read afresh by every exchange:
+ *
+ *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
+ *                              which all requests go instead; one packet is one netlink datagram
+ *   CORVIL_NETLINK_TIMEOUT_MS  how long one operation may take, in milliseconds; a positive
+ * integer, anything else counts as unset: 3000
+ *
+ * The environment must not be changed while any thread is in an operation.
+ */
+#ifndef REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_
+#define REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define CORVIL_NETLINK_MESSAGE_SIZE 256
+
+/* How the last exchange of a thread ended. Everything is 0 and empty after a success. */
+typedef struct CorvilNetlinkError {
+  int error;                 /* a positive errno */
+  int from_kernel;           /* 1: the kernel refused the request; 0: the exchange failed */
+  uint32_t attribute_offset; /* bytes from the start of the request to the bad attribute; 0: none */
+  uint32_t missing_attribute; /* type of the attribute that the kernel missed; 0: none */
+  char message[CORVIL_NETLINK_MESSAGE_SIZE]; /* NUL-terminated, cut where too long; the kernel's own
+                                                (empty when it gave none), or what failed here */
+} CorvilNetlinkError;
+
+/*
+ * Returns how the calling thread's last query_genl, transact or query ended; never null. Valid
+ * until the thread ends, and rewritten by its next exchange. Thread-safe.
+ */
+const CorvilNetlinkError* corvil_netlink_last_error(void);
+
+typedef enum CorvilNetlinkDirection {
+  CORVIL_NETLINK_SENT = 0,
+  CORVIL_NETLINK_RECEIVED = 1,
+} CorvilNetlinkDirection;
+
+/*
+ * Sees one message just before it is sent, or one datagram just received, before any check of it.
+ *
+ * bytes    4-byte aligned; valid during the call only
+ * length   in bytes; of a truncated datagram, what is left of it
+ * context  what the caller of corvil_netlink_set_trace() passed
+ *
+ * It runs on the thread of the exchange and must not call a netlink operation that exchanges
+ * messages.
+ */
+typedef void (*corvil_netlink_trace_callback)(CorvilNetlinkDirection direction, const void* bytes,
+                                              size_t length, void* context);
+
+/*
+ * Sets the trace callback of the whole process; null switches tracing off.
+ *
+ * Not thread-safe: no other thread may be in a netlink operation.
+ */
+void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* context);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_ */

@@ -1,0 +1,99 @@
+#include "reference_host/netlink/last_error.h"
+
+#include <libmnl/libmnl.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
+#include "host_interfaces/corvil_netlink.h"
+#include "reference_host/corvil_export.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
+
+namespace corvil::netlink {
+namespace {
+
+constinit thread_local CorvilNetlinkError last_error{};
+
+/// Offset of the extended acknowledgement's attributes in the payload of an answer that has them.
+/// May lie beyond the payload: an uncapped answer tells itself how much of the request it repeats.
+uint64_t extended_ack_offset(const nlmsghdr* answer) {
+  if (answer->nlmsg_type == NLMSG_DONE) {
+    return sizeof(int);
+  }
+  if ((answer->nlmsg_flags & NLM_F_CAPPED) != 0) {
+    return sizeof(nlmsgerr);
+  }
+  const auto* refusal = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(answer));
+  return offsetof(nlmsgerr, msg) + MNL_ALIGN(uint64_t{refusal->msg.nlmsg_len});
+}
+
+uint32_t u32_or_zero(const nlattr* attribute) {
+  return attribute != nullptr && mnl_attr_get_payload_len(attribute) >= sizeof(uint32_t)
+             ? mnl_attr_get_u32(attribute)
+             : 0;
+}
+
+}  // namespace
+
+void clear_last_error() {
+  last_error.error = 0;
+  last_error.from_kernel = 0;
+  last_error.attribute_offset = 0;
+  last_error.missing_attribute = 0;
+  last_error.message[0] = '\0';
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks printf arguments best in this form.
+int fail(int error, const char* format, ...) {
+  clear_last_error();
+  last_error.error = error;
+  va_list arguments;
+  va_start(arguments, format);
+  errno = error;
+  vsnprintf(last_error.message, sizeof(last_error.message), format, arguments);
+  va_end(arguments);
+  return -1;
+}
+
+void record_refusal(int error, const nlmsghdr* answer) {
+  clear_last_error();
+  last_error.error = error;
+  last_error.from_kernel = 1;
+
+  const uint64_t offset = extended_ack_offset(answer);
+  const uint64_t size = mnl_nlmsg_get_payload_len(answer);
+  if ((answer->nlmsg_flags & NLM_F_ACK_TLVS) == 0 || offset > size) {
+    return;
+  }
+  std::array<const nlattr*, NLMSGERR_ATTR_MISS_TYPE + 1> table{};
+  corvil_nla_parse(
+      static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(answer, static_cast<size_t>(offset))),
+      table.data(), static_cast<uint32_t>(size - offset), NLMSGERR_ATTR_MISS_TYPE);
+  last_error.attribute_offset = u32_or_zero(table[NLMSGERR_ATTR_OFFS]);
+  last_error.missing_attribute = u32_or_zero(table[NLMSGERR_ATTR_MISS_TYPE]);
+  if (const nlattr* text = table[NLMSGERR_ATTR_MSG]) {
+    snprintf(last_error.message, sizeof(last_error.message), "%.*s",
+             int{mnl_attr_get_payload_len(text)}, mnl_attr_get_str(text));
+  }
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): as above.
+void explain_refusal(const char* format, ...) {
+  if (last_error.from_kernel == 0 || last_error.message[0] != '\0') {
+    return;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  vsnprintf(last_error.message, sizeof(last_error.message), format, arguments);
+  va_end(arguments);
+}
+
+}  // namespace corvil::netlink
+
+CORVIL_EXPORT const CorvilNetlinkError* corvil_netlink_last_error() {
+  return &corvil::netlink::last_error;
+}

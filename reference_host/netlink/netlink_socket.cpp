@@ -1,0 +1,185 @@
+#include "reference_host/netlink/netlink_socket.h"
+
+#include <linux/netlink.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "reference_host/netlink/trace.h"
+
+namespace corvil::netlink {
+namespace {
+
+/// Holds several times the largest datagram that the kernel sends in a dump.
+constexpr size_t kBufferSize = size_t{128} * 1024;
+
+/// Counts the forks between this process and the one that loaded the library. A handler keeps it,
+/// so that no request has to ask for the process id.
+std::atomic<uint32_t> fork_generation{0};
+
+void count_forks() {
+  // Refused with no memory only: then as if the process never forked.
+  [[maybe_unused]] static const int kRefused = pthread_atfork(
+      nullptr, nullptr, [] { fork_generation.fetch_add(1, std::memory_order_relaxed); });
+}
+
+timespec as_timespec(std::chrono::nanoseconds time) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+  return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
+}
+
+}  // namespace
+
+bool NetlinkSocket::is_open_to(const Endpoint& endpoint) const {
+  return socket_ != nullptr && protocol_ == endpoint.protocol &&
+         fork_generation_ == fork_generation.load(std::memory_order_relaxed) &&
+         strcmp(emulator_.sun_path, endpoint.emulator) == 0;
+}
+
+int NetlinkSocket::open(const Endpoint& endpoint, const Deadline& deadline) {
+  close();
+  count_forks();
+  const size_t path_length = strlen(endpoint.emulator);
+  if (path_length >= sizeof(emulator_.sun_path)) {
+    return ENAMETOOLONG;
+  }
+  if (buffer_ == nullptr) {
+    buffer_.reset(new (std::nothrow) std::byte[kBufferSize]);
+  }
+  if (buffer_ == nullptr) {
+    return ENOMEM;
+  }
+  protocol_ = endpoint.protocol;
+  emulator_.sun_family = AF_UNIX;
+  memcpy(emulator_.sun_path, endpoint.emulator, path_length + 1);
+  fork_generation_ = fork_generation.load(std::memory_order_relaxed);
+  const int error = is_emulated() ? open_emulator(deadline) : open_kernel();
+  if (error != 0) {
+    close();
+  }
+  return error;
+}
+
+int NetlinkSocket::open_kernel() {
+  socket_.reset(mnl_socket_open2(protocol_, SOCK_CLOEXEC));
+  if (socket_ == nullptr || mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) == -1) {
+    return errno;
+  }
+  // Kernels without them answer all the same, only with less said.
+  int on = 1;
+  mnl_socket_setsockopt(socket_.get(), NETLINK_EXT_ACK, &on, sizeof(on));
+  mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, &on, sizeof(on));
+  return 0;
+}
+
+int NetlinkSocket::open_emulator(const Deadline& deadline) {
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (fd == -1) {
+    return errno;
+  }
+  socket_.reset(mnl_socket_fdopen(fd));
+  if (socket_ == nullptr) {
+    const int error = errno;
+    ::close(fd);
+    return error;
+  }
+  // connect() waits for room in the peer's backlog, as long as the send time-out says.
+  for (;;) {
+    const timespec left = as_timespec(deadline.remaining());
+    const timeval timeout{left.tv_sec, left.tv_nsec / 1000};
+    if (timeout.tv_sec == 0 && timeout.tv_usec == 0) {
+      return ETIMEDOUT;
+    }
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&emulator_), sizeof(emulator_)) == 0) {
+      return 0;
+    }
+    if (errno != EINTR) {
+      return errno == EAGAIN ? ETIMEDOUT : errno;
+    }
+  }
+}
+
+int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message, const Deadline& deadline) {
+  // An iovec is not const, sendmsg() only reads.
+  std::array<iovec, 2> parts{{
+      {const_cast<nlmsghdr*>(&header), sizeof(header)},
+      {const_cast<nlmsghdr*>(message) + 1, header.nlmsg_len - sizeof(header)},
+  }};
+  msghdr envelope{};
+  envelope.msg_iov = parts.data();
+  envelope.msg_iovlen = parts.size();
+  while (sendmsg(fd(), &envelope, MSG_NOSIGNAL | MSG_DONTWAIT) == -1) {
+    if (errno != EAGAIN && errno != EINTR) {
+      return errno;
+    }
+    if (const int error = wait(POLLOUT, deadline)) {
+      return error;
+    }
+  }
+  return 0;
+}
+
+int NetlinkSocket::receive(const Deadline& deadline, std::span<const std::byte>* datagram) {
+  while (deadline.remaining().count() > 0) {
+    sockaddr_nl sender{};
+    iovec part{buffer_.get(), kBufferSize};
+    msghdr envelope{};
+    envelope.msg_name = is_emulated() ? nullptr : &sender;
+    envelope.msg_namelen = sizeof(sender);
+    envelope.msg_iov = &part;
+    envelope.msg_iovlen = 1;
+    const ssize_t size = recvmsg(fd(), &envelope, MSG_DONTWAIT);
+    if (size == -1) {
+      if (errno != EAGAIN && errno != EINTR) {
+        return errno;
+      }
+      if (const int error = wait(POLLIN, deadline)) {
+        return error;
+      }
+      continue;
+    }
+    if (is_emulated() && size == 0) {
+      return ECONNRESET;
+    }
+    *datagram = {buffer_.get(), static_cast<size_t>(size)};
+    if (tracing()) {
+      trace(CORVIL_NETLINK_RECEIVED, datagram->data(), datagram->size());
+    }
+    if (sender.nl_pid != 0) {
+      continue;
+    }
+    return (envelope.msg_flags & MSG_TRUNC) != 0 ? EMSGSIZE : 0;
+  }
+  return ETIMEDOUT;
+}
+
+int NetlinkSocket::wait(short events, const Deadline& deadline) const {
+  for (;;) {
+    const timespec left = as_timespec(deadline.remaining());
+    pollfd poll{fd(), events, 0};
+    const int ready = ppoll(&poll, 1, &left, nullptr);
+    if (ready > 0) {
+      return 0;
+    }
+    if (ready == 0) {
+      return ETIMEDOUT;
+    }
+    if (errno != EINTR) {
+      return errno;
+    }
+  }
+}
+
+}  // namespace corvil::netlink
