@@ -1,0 +1,116 @@
+#include "reference_kernel/emulator/controller.h"
+
+#include <linux/genetlink.h>
+#include <linux/netlink.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+#include "reference_kernel/emulator/attribute_reader.h"
+#include "reference_kernel/emulator/datagram_writer.h"
+
+namespace tavik_wlan {
+namespace {
+
+constexpr uint8_t kControllerVersion = 2;
+
+/// Which family a request asks about.
+struct Query {
+  std::optional<uint16_t> id;
+  std::optional<std::string> name;
+};
+
+/// Passes over attributes that it does not know, as the kernel's controller does.
+Verdict parse_query(Bytes message, Query& query) {
+  AttributeReader reader(message.subspan(kMessageHeaders), kMessageHeaders);
+  while (const std::optional<Attribute> attribute = reader.next()) {
+    const Bytes payload = attribute->payload;
+    const Refusal malformed{-EINVAL, "Attribute failed policy validation", attribute->offset};
+    if (attribute->type == CTRL_ATTR_FAMILY_ID) {
+      if (payload.size() != sizeof(uint16_t)) {
+        return malformed;
+      }
+      query.id = load<uint16_t>(payload);
+    } else if (attribute->type == CTRL_ATTR_FAMILY_NAME) {
+      const auto end = std::find(payload.begin(), payload.end(), std::byte{0});
+      if (end == payload.end() || payload.size() > GENL_NAMSIZ) {
+        return malformed;
+      }
+      query.name = reinterpret_cast<const char*>(payload.data());
+    }
+  }
+  if (!query.id && !query.name) {
+    return Refusal{-EINVAL, "neither a family's id nor its name"};
+  }
+  return kAccepted;
+}
+
+void append_family(DatagramWriter& writer, const nlmsghdr& request, uint16_t flags,
+                   const FamilyDescription& family) {
+  writer.begin_message(request, GENL_ID_CTRL, flags);
+  writer.append(genlmsghdr{CTRL_CMD_NEWFAMILY, kControllerVersion, 0});
+  writer.put_string(CTRL_ATTR_FAMILY_NAME, family.name);
+  writer.put(CTRL_ATTR_FAMILY_ID, family.id);
+  writer.put(CTRL_ATTR_VERSION, family.version);
+  writer.put(CTRL_ATTR_HDRSIZE, uint32_t{0});
+  writer.put(CTRL_ATTR_MAXATTR, family.max_attribute);
+  // An array: the elements' types are their positions from 1. The controller's containers are
+  // older than NLA_F_NESTED.
+  const size_t operations = writer.begin_nest(CTRL_ATTR_OPS);
+  uint16_t position = 0;
+  for (const auto& [command, command_flags] : family.operations) {
+    const size_t operation = writer.begin_nest(++position);
+    writer.put(CTRL_ATTR_OP_ID, command);
+    writer.put(CTRL_ATTR_OP_FLAGS, command_flags);
+    writer.end_nest(operation);
+  }
+  writer.end_nest(operations);
+  writer.end_message();
+}
+
+}  // namespace
+
+FamilyDescription describe_controller() {
+  return {.id = GENL_ID_CTRL,
+          .name = "nlctrl",
+          .version = kControllerVersion,
+          .max_attribute = CTRL_ATTR_MAX,
+          .operations = {{.command = CTRL_CMD_GETFAMILY,
+                          .flags = GENL_CMD_CAP_DO | GENL_CMD_CAP_DUMP | GENL_CMD_CAP_HASPOL}}};
+}
+
+Outcome handle_controller_request(Bytes message, std::span<const FamilyDescription> families) {
+  if (message.size() < kMessageHeaders) {
+    return {.verdict = Refusal{-EINVAL, "message shorter than its headers"}};
+  }
+  const auto header = load<nlmsghdr>(message);
+  if (load<genlmsghdr>(message.subspan(NLMSG_HDRLEN)).cmd != CTRL_CMD_GETFAMILY) {
+    return {.verdict = Refusal{-EOPNOTSUPP, "unknown command"}};
+  }
+  DatagramWriter writer;
+  if (is_dump(header)) {
+    for (const FamilyDescription& family : families) {
+      append_family(writer, header, NLM_F_MULTI, family);
+    }
+    append_done(writer, header);
+    return {.replies = {writer.take()}};
+  }
+  Query query;
+  if (const Verdict verdict = parse_query(message, query)) {
+    return {.verdict = verdict};
+  }
+  // As with the kernel's, a name counts more than an id.
+  const auto found = std::find_if(families.begin(), families.end(), [&](const auto& family) {
+    return query.name ? family.name == *query.name : family.id == *query.id;
+  });
+  if (found == families.end()) {
+    return {.verdict = Refusal{-ENOENT, "no such family"}};
+  }
+  append_family(writer, header, 0, *found);
+  return {.replies = {writer.take()}};
+}
+
+}  // namespace tavik_wlan

@@ -1,0 +1,63 @@
+// An emulated kernel with the family TAVIK_WLAN, for machines whose own kernel lacks it.
+#ifndef REFERENCE_KERNEL_EMULATOR_EMULATOR_H_
+#define REFERENCE_KERNEL_EMULATOR_EMULATOR_H_
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "reference_kernel/emulator/misbehaviour.h"  // IWYU pragma: export
+
+namespace tavik_wlan {
+
+/// Answers generic netlink over AF_UNIX sockets of type SOCK_SEQPACKET, one packet for what is one
+/// datagram of AF_NETLINK, to any number of clients. It holds one state for all of them. Requests
+/// of up to 128 KiB are taken; a longer one ends its connection.
+///
+/// Next to it, at its path with ".state" added, a SOCK_STREAM socket gives whoever connects the
+/// state as text and closes, as a file under /proc would.
+class Emulator {
+ public:
+  /// Gets one line for each accepted command, such as "ADD_TUPLES ipv4 tcp 443, ipv6 udp 4500" or
+  /// "SET_DEV 1 wlan0", on the serving thread. It must not throw, nor destroy the emulator.
+  using Observer = std::function<void(std::string_view line)>;
+
+  /// Serves at `path`, of at most 101 bytes, on a thread of its own. Sockets that a dead emulator
+  /// left there are replaced. Throws std::system_error, with EADDRINUSE when a live one or any
+  /// other file is there.
+  explicit Emulator(std::string path, Observer observer = {});
+  Emulator(const Emulator&) = delete;
+  Emulator& operator=(const Emulator&) = delete;
+  /// Hangs up on its clients, unsent answers or not, and removes the sockets.
+  ~Emulator();
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+  /// What the family holds, one line a thing, in this order; ports and SPIs in host byte order:
+  ///
+  ///     tuple ipv4 tcp 443
+  ///     tuple ipv4 esp 0x00001001
+  ///     device 1 wlan0                       selector, device
+  ///     forward 1 wwan0 wlan0                selector, from, to
+  ///     encap 4500                           then " pass-through" or " drop" where chosen
+  ///     lowlat 10.0.0.1 5000 10.0.0.2 5001   source and its port, destination and its port
+  ///
+  /// Tuples are sorted by IP version, transport protocol number and port or SPI, devices and
+  /// forwardings by selector and names, flows by IP version, source, destination and their ports.
+  /// Thread-safe.
+  [[nodiscard]] std::string state() const;
+
+  /// Replaces the misbehaviour, for requests not yet received. Thread-safe.
+  void misbehave(const Misbehaviour& misbehaviour);
+
+ private:
+  struct Service;
+
+  std::string path_;
+  std::unique_ptr<Service> service_;
+};
+
+}  // namespace tavik_wlan
+
+#endif  // REFERENCE_KERNEL_EMULATOR_EMULATOR_H_

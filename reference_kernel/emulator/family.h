@@ -1,0 +1,23 @@
+// The family TAVIK_WLAN.
+#ifndef REFERENCE_KERNEL_EMULATOR_FAMILY_H_
+#define REFERENCE_KERNEL_EMULATOR_FAMILY_H_
+
+#include <cstdint>
+
+#include "reference_kernel/emulator/controller.h"
+#include "reference_kernel/emulator/message.h"
+#include "reference_kernel/emulator/outcome.h"
+#include "reference_kernel/emulator/state.h"
+
+namespace tavik_wlan {
+
+/// What the controller tells about the family when it has the id `id`.
+FamilyDescription describe_family(uint16_t id);
+
+/// Handles a message to the family: the nlmsghdr and what follows. A refused one leaves `state`
+/// as it is.
+Outcome handle_family_request(Bytes message, State& state);
+
+}  // namespace tavik_wlan
+
+#endif  // REFERENCE_KERNEL_EMULATOR_FAMILY_H_

@@ -1,0 +1,49 @@
+// How the emulated kernel misbehaves when it is told to.
+#ifndef REFERENCE_KERNEL_EMULATOR_MISBEHAVIOUR_H_
+#define REFERENCE_KERNEL_EMULATOR_MISBEHAVIOUR_H_
+
+#include <cstddef>
+#include <cstdint>
+
+namespace tavik_wlan {
+
+/// By default no misbehaviour. Several may be combined. Counts start anew whenever it is set.
+///
+/// What concerns answers holds for those of the controller too; the request takes effect at once,
+/// whatever becomes of its answer.
+struct Misbehaviour {
+  /// Gives no answer.
+  bool silent = false;
+
+  /// Keeps each answer back for so long. Only its own client waits.
+  uint32_t delay_ms = 0;
+
+  /// Cuts each datagram of an answer to so many bytes; 0 leaves them whole.
+  size_t truncate = 0;
+
+  /// Replaces each datagram of an answer by as many random bytes.
+  bool garbage = false;
+
+  /// Begins each answer with the refusal of an earlier request: -EIO for the sequence number
+  /// before that of the request.
+  bool stale = false;
+
+  /// Refuses the n-th request to the family from now on, n counting from 1, with the (positive)
+  /// errno; 0 refuses none.
+  uint32_t refuse_nth = 0;
+  int refuse_error = 0;
+
+  /// Marks the next n dumps of tuples as inconsistent (NLM_F_DUMP_INTR).
+  uint32_t interrupted_dumps = 0;
+
+  /// Gives the family another id, above GENL_ID_CTRL; requests with the old one get -ENOENT.
+  /// 0 leaves the usual one.
+  uint16_t family_id = 0;
+
+  /// Unregisters the family: neither a look-up nor a request finds it. What it holds stays.
+  bool absent = false;
+};
+
+}  // namespace tavik_wlan
+
+#endif  // REFERENCE_KERNEL_EMULATOR_MISBEHAVIOUR_H_

@@ -1,0 +1,169 @@
+#include "reference_kernel/emulator/server.h"
+
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <span>
+#include <system_error>
+#include <utility>
+
+namespace tavik_wlan {
+namespace {
+
+/// Longest datagram of requests; who sends a longer one is hung up on.
+constexpr size_t kMaxRequest = 131072;
+
+/// How long nobody is let in after descriptors ran out.
+constexpr std::chrono::milliseconds kAcceptPause{100};
+
+/// In what poll() is given, before the clients.
+enum Watched : size_t { kStopped, kRequests, kState, kFirstClient };
+
+}  // namespace
+
+short Server::Client::awaited(Clock::time_point now) const {
+  if (unsent.empty()) {
+    return POLLIN;
+  }
+  return unsent.front().due <= now ? POLLOUT : 0;
+}
+
+void Server::Client::flush() {
+  const Clock::time_point now = Clock::now();
+  while (!unsent.empty() && unsent.front().due <= now) {
+    Outgoing& next = unsent.front();
+    const Bytes left = Bytes(next.bytes).subspan(next.sent);
+    const ssize_t sent = send(socket.get(), left.data(), left.size(), MSG_NOSIGNAL);
+    if (sent == -1) {
+      if (errno != EAGAIN && errno != EINTR) {
+        // Nobody is there to take it. What the client sent before it left still counts.
+        unsent.clear();
+      }
+      return;
+    }
+    next.sent += static_cast<size_t>(sent);
+    if (next.sent == next.bytes.size()) {
+      unsent.pop_front();
+    }
+  }
+}
+
+Server::Server(const std::string& path, Kernel& kernel)
+    : kernel_(kernel),
+      requests_(path, SOCK_SEQPACKET),
+      state_(path + ".state", SOCK_STREAM),
+      stopped_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      buffer_(kMaxRequest) {
+  if (!stopped_.is_open()) {
+    throw std::system_error(errno, std::generic_category(), "cannot create an eventfd");
+  }
+}
+
+void Server::run() {
+  for (;;) {
+    std::vector<pollfd> polled = watched();
+    if (poll(polled.data(), polled.size(), poll_timeout()) == -1) {
+      continue;
+    }
+    if (polled[kStopped].revents != 0) {
+      return;
+    }
+    auto events = polled.begin() + kFirstClient;
+    for (auto client = clients_.begin(); client != clients_.end(); ++events) {
+      client = serve(*client, events->revents) ? std::next(client) : clients_.erase(client);
+    }
+    if (polled[kRequests].revents != 0) {
+      accept_client(requests_, false);
+    }
+    if (polled[kState].revents != 0) {
+      accept_client(state_, true);
+    }
+  }
+}
+
+void Server::stop() const { eventfd_write(stopped_.get(), 1); }
+
+std::vector<pollfd> Server::watched() const {
+  const Clock::time_point now = Clock::now();
+  const short accepting = accept_again_ <= now ? POLLIN : 0;
+  std::vector<pollfd> polled{
+      {.fd = stopped_.get(), .events = POLLIN, .revents = 0},
+      {.fd = requests_.fd(), .events = accepting, .revents = 0},
+      {.fd = state_.fd(), .events = accepting, .revents = 0},
+  };
+  for (const Client& client : clients_) {
+    polled.push_back({.fd = client.socket.get(), .events = client.awaited(now), .revents = 0});
+  }
+  return polled;
+}
+
+/// Milliseconds up to the next thing to do without an event; -1 when there is none.
+int Server::poll_timeout() const {
+  const Clock::time_point now = Clock::now();
+  Clock::time_point next = accept_again_ > now ? accept_again_ : Clock::time_point::max();
+  for (const Client& client : clients_) {
+    if (!client.unsent.empty() && client.unsent.front().due > now) {
+      next = std::min(next, client.unsent.front().due);
+    }
+  }
+  if (next == Clock::time_point::max()) {
+    return -1;
+  }
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
+  return static_cast<int>(std::min<int64_t>(left, INT32_MAX));
+}
+
+void Server::accept_client(const Listener& listener, bool reads_state) {
+  FileDescriptor socket = listener.accept();
+  if (!socket.is_open()) {
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      accept_again_ = Clock::now() + kAcceptPause;
+    }
+    return;
+  }
+  Client client{std::move(socket), reads_state};
+  if (reads_state) {
+    const std::string text = kernel_.state();
+    const Bytes bytes = std::as_bytes(std::span(text));
+    client.unsent.push_back({.bytes = {bytes.begin(), bytes.end()}, .sent = 0, .due = {}});
+  }
+  clients_.push_back(std::move(client));
+}
+
+/// Returns whether the client stays.
+bool Server::serve(Client& client, short events) {
+  if ((events & (POLLHUP | POLLERR)) != 0) {
+    client.unsent.clear();
+  }
+  if (events != 0 && client.unsent.empty() && !client.reads_state && !receive(client)) {
+    return false;
+  }
+  client.flush();
+  return !client.reads_state || !client.unsent.empty();
+}
+
+/// Receives one datagram and queues its answer. Returns false at the end of the connection.
+bool Server::receive(Client& client) {
+  const ssize_t received = recv(client.socket.get(), buffer_.data(), buffer_.size(), MSG_TRUNC);
+  if (received == -1) {
+    // ECONNRESET comes before what the client sent in time.
+    return errno == EAGAIN || errno == EINTR || errno == ECONNRESET;
+  }
+  const auto size = static_cast<size_t>(received);
+  if (size == 0 || size > buffer_.size()) {
+    return false;
+  }
+  Answer answer = kernel_.receive(Bytes(buffer_).first(size));
+  const Clock::time_point due = Clock::now() + answer.delay;
+  for (Datagram& datagram : answer.datagrams) {
+    client.unsent.push_back({.bytes = std::move(datagram), .sent = 0, .due = due});
+  }
+  return true;
+}
+
+}  // namespace tavik_wlan

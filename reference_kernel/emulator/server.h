@@ -1,0 +1,74 @@
+// The sockets of the emulated kernel.
+#ifndef REFERENCE_KERNEL_EMULATOR_SERVER_H_
+#define REFERENCE_KERNEL_EMULATOR_SERVER_H_
+
+#include <poll.h>
+
+#include <chrono>
+#include <deque>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "reference_kernel/emulator/kernel.h"
+#include "reference_kernel/emulator/message.h"
+#include "reference_kernel/emulator/unix_socket.h"
+
+namespace tavik_wlan {
+
+/// Serves a kernel's clients at a path, and readers of its state at the path with ".state" added.
+/// All but stop() is for one thread.
+class Server {
+ public:
+  /// Listens; nothing is served before run(). Throws std::system_error.
+  Server(const std::string& path, Kernel& kernel);
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+  ~Server() = default;
+
+  /// Serves until stop() is called.
+  void run();
+
+  /// Has run() return. Thread-safe.
+  void stop() const;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  struct Outgoing {
+    Datagram bytes;
+    size_t sent = 0;  // Only a stream takes a part.
+    Clock::time_point due;
+  };
+
+  /// While it has something unsent nothing is received from it, which bounds its queue.
+  struct Client {
+    FileDescriptor socket;
+    bool reads_state;  // sends nothing, and is closed once everything is sent
+    std::deque<Outgoing> unsent{};
+
+    /// What to poll for.
+    [[nodiscard]] short awaited(Clock::time_point now) const;
+    /// Sends what is due, as far as it is taken.
+    void flush();
+  };
+
+  [[nodiscard]] std::vector<pollfd> watched() const;
+  [[nodiscard]] int poll_timeout() const;
+  void accept_client(const Listener& listener, bool reads_state);
+  bool serve(Client& client, short events);
+  bool receive(Client& client);
+
+  Kernel& kernel_;
+  Listener requests_;
+  Listener state_;
+  FileDescriptor stopped_;  // an eventfd
+  std::list<Client> clients_;
+  Clock::time_point accept_again_{};  // until then nobody new is let in
+  std::vector<std::byte> buffer_;
+};
+
+}  // namespace tavik_wlan
+
+#endif  // REFERENCE_KERNEL_EMULATOR_SERVER_H_

@@ -1,0 +1,14 @@
+/* Limits of this project's own TAVIK_WLAN families, emulator and kernel module alike. */
+#ifndef REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
+#define REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
+
+/* Tuples held at the same time; adding more is refused with -ENOSPC. */
+#define TAVIK_WLAN_MAX_TUPLES 65536
+
+/* Longest device or forwarding name, without its NUL: that of a network interface. */
+#define TAVIK_WLAN_MAX_NAME 15
+
+/* Longest textual IPv4 or IPv6 address, without its NUL. */
+#define TAVIK_WLAN_MAX_ADDRESS 45
+
+#endif /* REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_ */
