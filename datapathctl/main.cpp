@@ -1,0 +1,180 @@
+// datapathctl: a host process of the data-path library for a person at a terminal.
+
+#include <csignal>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "datapathctl/commands.h"
+#include "datapathctl/misbehaviour.h"
+#include "datapathctl/session.h"
+#include "datapathctl/values.h"
+
+namespace datapathctl {
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kUsage = 1;
+constexpr int kFailed = 2;
+
+int complain(std::string_view what, int status) {
+  std::cout.flush();
+  std::cerr << "datapathctl: " << what << "\n";
+  return status;
+}
+
+/// Runs a step, with its errors as one line and an exit status; `place` stands before the line.
+template <typename Step>
+int run(const std::string& place, Step step) {
+  try {
+    step();
+    return kDone;
+  } catch (const CLI::Success&) {
+    throw;  // help was asked for
+  } catch (const CLI::ParseError& error) {
+    return complain(place + error.what(), kUsage);
+  } catch (const UsageError& error) {
+    return complain(place + error.what(), kUsage);
+  } catch (const std::exception& error) {
+    return complain(place + error.what(), kFailed);
+  }
+}
+
+/// Parses and so runs a command; words that no command has are named.
+template <typename... Arguments>
+void parse(CLI::App& app, Arguments... arguments) {
+  try {
+    app.parse(arguments...);
+  } catch (const CLI::RequiredError& error) {
+    const std::vector<std::string> strangers = app.remaining(true);
+    if (strangers.empty()) {
+      throw;
+    }
+    throw UsageError("not understood: " + strangers.front());
+  }
+}
+
+/// Runs commands, one a line, up to the first that fails; empty lines and those of '#' are skipped.
+int run_batch(std::istream& input, const std::string& name, Session& session) {
+  int number = 0;
+  for (std::string line; std::getline(input, line);) {
+    ++number;
+    const size_t start = line.find_first_not_of(" \t\r");
+    if (start == std::string::npos || line[start] == '#') {
+      continue;
+    }
+    CLI::App app;
+    app.set_help_flag();
+    app.require_subcommand(1);
+    define_commands(app, session);
+    if (session.settings().trace && !session.settings().json) {
+      std::cout << "# " << line.substr(start) << std::endl;
+    }
+    const int status = run(name + ":" + std::to_string(number) + ": ",
+                           [&] { parse(app, line.substr(start), false); });
+    if (status != kDone) {
+      return status;
+    }
+  }
+  return kDone;
+}
+
+int run_batch_file(const std::string& path, Session& session) {
+  if (path == "-") {
+    return run_batch(std::cin, "standard input", session);
+  }
+  std::ifstream file(path);
+  const int status = run_batch(file, path, session);
+  // A folder opens, but does not read.
+  if (!file.is_open() || file.bad()) {
+    throw UsageError("cannot read the batch " + path);
+  }
+  return status;
+}
+
+/// Serves an emulated kernel until SIGINT or SIGTERM.
+void serve_emulator(const std::string& path, const Settings& settings) {
+  sigset_t ends;
+  sigemptyset(&ends);
+  sigaddset(&ends, SIGINT);
+  sigaddset(&ends, SIGTERM);
+  // Before the emulator's thread starts, so that it inherits the mask.
+  pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+  tavik_wlan::Emulator emulator(path,
+                                [](std::string_view line) { std::cout << line << std::endl; });
+  emulator.misbehave(parse_misbehaviour(settings.misbehaviour));
+  std::cout << "serving TAVIK_WLAN at " << path << std::endl;
+  int signal = 0;
+  sigwait(&ends, &signal);
+}
+
+void define_options(CLI::App& app, Settings& settings) {
+  app.set_version_flag("--version", "datapathctl " CORVIL_VERSION);
+  app.add_option("--library", settings.library,
+                 "the library to load; default: the one beside this program, or the installed one")
+      ->type_name("PATH");
+  auto* emulate = app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
+  app.add_option("--socket", settings.socket, "talk to the emulator that is serving there")
+      ->type_name("PATH")
+      ->excludes(emulate);
+  app.add_option("--misbehave", settings.misbehaviour, kMisbehaviourHelp)
+      ->type_name("WORD")
+      ->allow_extra_args(false);
+  app.add_option("--timeout", settings.timeout_ms, "how long the kernel may take to answer")
+      ->type_name("MS")
+      ->check(CLI::Range(1, 3600000));
+  app.add_flag("--trace", settings.trace, "print every netlink message, decoded");
+  app.add_flag("--hex", settings.hex, "with --trace, print the bytes too");
+  app.add_flag("--json", settings.json,
+               "print results, state and trace as JSON, one object a line");
+  app.add_option("--log-file", settings.log_file, "append the library's log there; -: print it")
+      ->type_name("PATH");
+  app.add_flag("--log-diag", settings.log_diagnostic, "print the diagnostic sink on stderr");
+  app.add_flag("--log-android", settings.log_android, "switch the Android log on (here: stderr)");
+}
+
+int run_command_line(int argc, char** argv) {
+  Settings settings;
+  Session session(settings);
+  CLI::App app("Drives the data-path library as its host, one command or a batch of them.",
+               "datapathctl");
+  app.require_subcommand(1);
+  app.footer(
+      "Exit status: 0 done, 1 bad usage or input, 2 refused by the kernel or failed.\n"
+      "Without --emulate or --socket the commands reach the kernel of this machine.");
+  define_options(app, settings);
+  define_commands(app, session);
+
+  int status = kDone;
+  std::string file;
+  CLI::App* batch = app.add_subcommand("batch", "run the commands of a file, one a line");
+  batch->add_option("FILE", file, "the file; -: standard input")->required();
+  batch->callback([&] { status = run_batch_file(file, session); });
+
+  std::string path;
+  CLI::App* emulator =
+      app.add_subcommand("emulator", "serve an emulated kernel until SIGINT or SIGTERM");
+  emulator->add_option("PATH", path, "the socket to serve at")->required();
+  emulator->callback([&] { serve_emulator(path, settings); });
+
+  try {
+    const int run_status = run("", [&] { parse(app, argc, argv); });
+    return run_status != kDone ? run_status : status;
+  } catch (const CLI::Success& success) {
+    return app.exit(success);
+  }
+}
+
+}  // namespace
+}  // namespace datapathctl
+
+int main(int argc, char** argv) {
+  try {
+    return datapathctl::run_command_line(argc, argv);
+  } catch (...) {  // nothing but want of memory comes so far
+    return datapathctl::kFailed;
+  }
+}

@@ -1,0 +1,40 @@
+// Netlink messages of the family TAVIK_WLAN and of the controller, by name.
+#ifndef DATAPATHCTL_MESSAGE_DECODER_H_
+#define DATAPATHCTL_MESSAGE_DECODER_H_
+
+#include <linux/genetlink.h>
+#include <linux/netlink.h>
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <span>
+#include <string>
+
+namespace datapathctl {
+
+/// Decodes the datagrams of both sides in their order. Learns the family's id from the controller's
+/// answers among them. Not thread-safe.
+class MessageDecoder {
+ public:
+  /// One object for each message of a datagram: "message" names it ("TAVIK_WLAN ADD_TUPLES", "ACK",
+  /// "ERROR EEXIST", "DONE"), "seq" and "length" are those of its header, "attributes" maps names
+  /// to values, ports and SPIs in host byte order. What is no whole message becomes a "MALFORMED"
+  /// one. Reads nothing beyond the datagram, which is 4-byte aligned.
+  nlohmann::ordered_json decode(std::span<const uint8_t> datagram);
+
+ private:
+  nlohmann::ordered_json decode_message(const nlmsghdr* message);
+  nlohmann::ordered_json decode_generic(const nlmsghdr* message);
+
+  uint16_t family_id_ = 0;  // of TAVIK_WLAN; 0: not seen yet
+};
+
+/// A decoded message as lines of text, each ended by a newline, the first one its head.
+std::string to_text(const nlohmann::ordered_json& message);
+
+/// Bytes in hexadecimal, in groups of four.
+std::string to_hex(std::span<const uint8_t> bytes);
+
+}  // namespace datapathctl
+
+#endif  // DATAPATHCTL_MESSAGE_DECODER_H_

@@ -1,0 +1,88 @@
+#include "datapathctl/misbehaviour.h"
+
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "datapathctl/values.h"
+
+namespace datapathctl {
+
+using tavik_wlan::Misbehaviour;
+
+const char kMisbehaviourHelp[] =
+    "how the emulator misbehaves: silent, delay=MS, truncate=BYTES, garbage, stale, refuse=N:ERRNO "
+    "(the N-th request), interrupt=DUMPS, family-id=ID, absent, none";
+
+namespace {
+
+/// A name such as EPERM, or a number.
+int parse_errno(std::string_view text) {
+  constexpr int kMaxErrno = 4095;
+  for (int error = 1; error <= kMaxErrno; ++error) {
+    const char* name = strerrorname_np(error);
+    if (name != nullptr && name == text) {
+      return error;
+    }
+  }
+  return static_cast<int>(parse_number(text, kMaxErrno, "errno"));
+}
+
+void set_refusal(Misbehaviour& misbehaviour, std::string_view value) {
+  const size_t colon = value.find(':');
+  if (colon == std::string_view::npos) {
+    throw UsageError("bad misbehaviour: it reads refuse=N:ERRNO");
+  }
+  misbehaviour.refuse_nth = parse_number(value.substr(0, colon), UINT32_MAX, "refuse");
+  misbehaviour.refuse_error = parse_errno(value.substr(colon + 1));
+}
+
+struct Word {
+  std::string_view name;
+  bool has_value;
+  void (*apply)(Misbehaviour& misbehaviour, std::string_view value);
+};
+
+constexpr Word kWords[] = {
+    {"none", false, [](Misbehaviour& m, std::string_view) { m = {}; }},
+    {"silent", false, [](Misbehaviour& m, std::string_view) { m.silent = true; }},
+    {"garbage", false, [](Misbehaviour& m, std::string_view) { m.garbage = true; }},
+    {"stale", false, [](Misbehaviour& m, std::string_view) { m.stale = true; }},
+    {"absent", false, [](Misbehaviour& m, std::string_view) { m.absent = true; }},
+    {"delay", true,
+     [](Misbehaviour& m, std::string_view v) { m.delay_ms = parse_number(v, 3600000, "delay"); }},
+    {"truncate", true,
+     [](Misbehaviour& m, std::string_view v) { m.truncate = parse_number(v, 65536, "truncate"); }},
+    {"refuse", true, set_refusal},
+    {"interrupt", true,
+     [](Misbehaviour& m, std::string_view v) {
+       m.interrupted_dumps = parse_number(v, UINT32_MAX, "interrupt");
+     }},
+    {"family-id", true,
+     [](Misbehaviour& m, std::string_view v) {
+       m.family_id = static_cast<uint16_t>(parse_number(v, UINT16_MAX, "family-id"));
+     }},
+};
+
+}  // namespace
+
+Misbehaviour parse_misbehaviour(const std::vector<std::string>& words) {
+  Misbehaviour misbehaviour;
+  for (const std::string& word : words) {
+    const size_t equals = word.find('=');
+    const std::string_view name = std::string_view(word).substr(0, equals);
+    const Word* known = nullptr;
+    for (const Word& candidate : kWords) {
+      if (candidate.name == name && candidate.has_value == (equals != std::string::npos)) {
+        known = &candidate;
+      }
+    }
+    if (known == nullptr) {
+      throw UsageError("bad misbehaviour '" + word + "'");
+    }
+    known->apply(misbehaviour, known->has_value ? std::string_view(word).substr(equals + 1) : "");
+  }
+  return misbehaviour;
+}
+
+}  // namespace datapathctl

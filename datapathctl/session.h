@@ -1,0 +1,97 @@
+// What the commands of one run work with: the library and the kernel behind it, and the way results
+// reach the user.
+#ifndef DATAPATHCTL_SESSION_H_
+#define DATAPATHCTL_SESSION_H_
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "datapathctl/message_decoder.h"
+#include "datapathctl/proxy_library.h"
+#include "host_interfaces/corvil_log_services.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_kernel/emulator/emulator.h"
+
+namespace datapathctl {
+
+/// The options that stand before the command.
+struct Settings {
+  std::string library;   // empty: the one beside this program
+  std::string socket;    // of an emulator in another process; empty: the real kernel
+  bool emulate = false;  // an emulator in this process
+  std::vector<std::string> misbehaviour;
+  std::string log_file;  // empty: none; "-": standard output
+  bool log_diagnostic = false;
+  bool log_android = false;
+  bool trace = false;
+  bool hex = false;
+  bool json = false;
+  uint32_t timeout_ms = 0;  // 0: the netlink library's own
+};
+
+/// A call that the kernel refused or that did not reach it; what() is one line for the user.
+class CallFailed : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// An exported function of the library, by the type of its prototype and its name.
+template <typename Function>
+struct LibraryFunction {
+  const char* name;
+};
+#define LIBRARY_FUNCTION(function) \
+  ::datapathctl::LibraryFunction<decltype(function)> { #function }
+
+/// One at a time in a process, since the host's log settings and trace hook are the process's.
+class Session {
+ public:
+  /// Keeps the settings, which may still be parsed into; nothing happens before the first use.
+  explicit Session(const Settings& settings) : settings_(settings) {}
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  ~Session();
+
+  /// Calls an exported function of the library and reports its result under the command's name.
+  /// Throws CallFailed with the reason when that is -1.
+  template <typename Function, typename... Arguments>
+  void call(const char* command, LibraryFunction<Function> function, Arguments... arguments) {
+    start();
+    report(command, library_->symbol<Function>(function.name)(arguments...));
+  }
+
+  /// What the kernel holds, one line a thing. Throws CallFailed when it can't be read.
+  std::string kernel_state();
+
+  /// Makes the emulator of this process misbehave. Throws UsageError when there is none.
+  void misbehave(const std::vector<std::string>& words);
+
+  [[nodiscard]] const Settings& settings() const { return settings_; }
+
+ private:
+  void start();
+  void start_kernel();
+  void start_logging();
+  void report(const char* command, int result);
+  [[nodiscard]] std::string failure_reason(const CorvilNetlinkError& error) const;
+  void on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram);
+  void on_log_message(const LogSiteDescriptor& site, const char* line, const char* text);
+
+  const Settings& settings_;
+  std::string emulator_path_;    // empty: the real kernel
+  std::string emulator_folder_;  // of the emulator in this process
+  std::optional<tavik_wlan::Emulator> emulator_;
+  std::optional<ProxyLibrary> library_;
+  MessageDecoder decoder_;
+  std::string last_request_;
+  std::string first_error_;  // the call's first message at level ERR
+};
+
+}  // namespace datapathctl
+
+#endif  // DATAPATHCTL_SESSION_H_

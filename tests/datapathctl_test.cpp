@@ -1,0 +1,190 @@
+// datapathctl as a person runs it: arguments and input in; output, errors and exit status out.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string error;
+};
+
+std::string contents(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class DatapathctlTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string folder = ::testing::TempDir() + "datapathctl_test.XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    folder_ = folder;
+    unsetenv("CORVIL_NETLINK_EMULATOR");
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  /// Runs the tool with arguments as a shell reads them.
+  [[nodiscard]] Outcome run(const std::string& arguments, const std::string& input = "") const {
+    std::ofstream(folder_ + "/input") << input;
+    const std::string command =
+        "cd " + folder_ + " && timeout 20 " DATAPATHCTL " " + arguments + " <input >out 2>error";
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(folder_ + "/out"),
+            contents(folder_ + "/error")};
+  }
+
+  std::string folder_;
+};
+
+const std::string kUp = "proxy up wlan0 --from wwan0 --to wlan0 --selector 1 tcp/443 udp6/4500";
+
+/// The lines that start with one of the characters, without their sequence numbers.
+std::string lines_with(const std::string& text, const std::string& starts) {
+  std::istringstream stream(text);
+  std::string lines;
+  for (std::string line; std::getline(stream, line);) {
+    if (!line.empty() && starts.find(line[0]) != std::string::npos) {
+      const size_t sequence = line.find(", seq ");
+      if (sequence != std::string::npos) {
+        line.erase(sequence, line.find(',', sequence + 1) - sequence);
+      }
+      lines += line + "\n";
+    }
+  }
+  return lines;
+}
+
+TEST_F(DatapathctlTest, BringsTheProxyUpOnceAndSaysWhyNotTwice) {
+  const Outcome once = run("--emulate --trace --hex " + kUp);
+  EXPECT_EQ(once.status, 0) << once.error;
+  EXPECT_EQ(lines_with(once.out, ">"),
+            "> nlctrl GETFAMILY, 36 bytes\n"
+            "> TAVIK_WLAN ADD_TUPLES, 56 bytes\n"
+            "> nlctrl GETFAMILY, 36 bytes\n"
+            "> TAVIK_WLAN ADD_FWD_INFO, 52 bytes\n"
+            "> nlctrl GETFAMILY, 36 bytes\n"
+            "> TAVIK_WLAN SET_DEV, 40 bytes\n");
+  EXPECT_NE(once.out.find("    TUPLES [\"ipv4 tcp 443\",\"ipv6 udp 4500\"]\n"), std::string::npos);
+  EXPECT_NE(once.out.find(" 01010000 24000180 10000180 0c000100 01bb0000 04060000 10000180 "
+                          "0c000100 11940000 06110000\n"),
+            std::string::npos);
+
+  const Outcome twice = run("--emulate --trace batch -", kUp + "\n# again\n\n" + kUp);
+  EXPECT_EQ(twice.status, 2);
+  EXPECT_NE(twice.out.find("< ERROR EEXIST"), std::string::npos) << "of the forwarding pair";
+  EXPECT_EQ(twice.error,
+            "datapathctl: standard input:4: proxy up: the kernel refused TAVIK_WLAN SET_DEV: "
+            "File exists (EEXIST): the device is set already\n");
+}
+
+TEST_F(DatapathctlTest, PrintsJson) {
+  const Outcome outcome = run("--emulate --json batch -", "encap set 4500\nstate\nencap unset 1\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.out,
+            "{\"command\":\"encap set\",\"result\":0}\n"
+            "{\"state\":[\"encap 4500\"]}\n"
+            "{\"command\":\"encap unset\",\"result\":-1,\"reason\":\"the kernel refused TAVIK_WLAN "
+            "UNSET_ENCAP_PORT: No such file or directory (ENOENT): the encapsulation port is not "
+            "set\",\"errno\":\"ENOENT\",\"from_kernel\":true}\n");
+}
+
+TEST_F(DatapathctlTest, FindsTheFamilyUnderItsNewId) {
+  const Outcome outcome =
+      run("--emulate --trace batch -", "reset\nmisbehave family-id=99\nreset\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.error;
+  EXPECT_NE(outcome.out.find("    FAMILY_ID 99\n"), std::string::npos);
+}
+
+TEST_F(DatapathctlTest, WritesTheLogsThatAreAskedFor) {
+  const Outcome outcome = run("--emulate --log-file log --log-diag --log-android reset");
+  EXPECT_EQ(outcome.status, 0) << outcome.error;
+  EXPECT_NE(contents(folder_ + "/log").find("flush_config_info(): Resetting datapath state\n\n"),
+            std::string::npos);
+  EXPECT_NE(outcome.error.find("subsystem 65 HIGH datapath_proxy/src/corvil_datapath_proxy:"),
+            std::string::npos);
+  EXPECT_NE(outcome.error.find("VX-CORVIL-LIB"), std::string::npos);
+}
+
+TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
+  struct Case {
+    const char* arguments;
+    int status;
+    const char* error;
+  };
+  const std::vector<Case> cases = {
+      {"", 1, "A subcommand is required"},
+      {"frob", 1, "not understood: frob"},
+      {"proxy frob", 1, "not understood: frob"},
+      {"reset frob", 1, "The following argument was not expected: frob"},
+      {"proxy up wlan0 --from a", 1, "--to is required"},
+      {"--emulate proxy up wlan0 --from a --to b tcp/65536", 1,
+       "bad port in 'tcp/65536': '65536' is not a number from 0 to 65535"},
+      {"--emulate proxy up wlan0 --from a --to b sctp/1", 1,
+       "bad port 'sctp/1': it reads tcp/443, udp/53, tcp6/443 or udp6/4500"},
+      {"--emulate proxy up wlan0 --from a --to b tcp/1-4096", 2, "proxy up: Too many ports: 4096"},
+      {"--emulate encap set -1", 1, "bad port: '-1' is not a number from 0 to 65535"},
+      {"--emulate encap set 4500x", 1, "bad port: '4500x' is not a number from 0 to 65535"},
+      {"batch nonexistent", 1, "cannot read the batch nonexistent"},
+      {"batch /", 1, "cannot read the batch /"},
+      {"--emulate --log-file /nonexistent/x reset", 1,
+       "cannot write the log file /nonexistent/x: No such file or directory"},
+      {"--socket nonexistent reset", 2,
+       "reset: cannot reach the emulator: No such file or directory: nonexistent"},
+      {"--socket nonexistent state", 2,
+       "cannot read the emulator's state at nonexistent.state: No such file or directory"},
+      {"emulator /nonexistent/x", 2, "cannot listen at /nonexistent/x: No such file or directory"},
+      {"--misbehave silent reset", 1, "only the emulator of --emulate can be told to misbehave"},
+      {"--emulate --misbehave frob reset", 1, "bad misbehaviour 'frob'"},
+      {"--emulate --misbehave absent reset", 2,
+       "reset: the kernel has no family TAVIK_WLAN (is its module loaded?)"},
+      {"--emulate --misbehave refuse=1:EPERM reset", 2,
+       "reset: the kernel refused TAVIK_WLAN RESET: Operation not permitted (EPERM): refused on "
+       "demand"},
+      {"--emulate --misbehave silent --timeout 50 reset", 2, "reset: no answer within 50 ms"},
+  };
+  for (const Case& bad : cases) {
+    const Outcome outcome = run(bad.arguments);
+    EXPECT_EQ(outcome.status, bad.status) << bad.arguments;
+    EXPECT_EQ(outcome.error, std::string("datapathctl: ") + bad.error + "\n") << bad.arguments;
+  }
+  const Outcome library = run("--library nonexistent.so --emulate reset");
+  EXPECT_EQ(library.status, 1);
+  EXPECT_TRUE(library.error.starts_with("datapathctl: cannot load the library: nonexistent.so: "));
+}
+
+TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
+  const std::string socket = folder_ + "/kernel";
+  ASSERT_EQ(std::system((DATAPATHCTL " emulator " + socket + " > " + folder_ +
+                         "/served & echo $! > " + folder_ + "/pid")
+                            .c_str()),
+            0);
+  for (int i = 0; i < 500 && !std::filesystem::exists(socket + ".state"); ++i) {
+    usleep(10000);
+  }
+  EXPECT_EQ(run("--socket " + socket + " encap set 4500").status, 0);
+  EXPECT_EQ(run("--socket " + socket + " state").out, "encap 4500\n");
+  EXPECT_EQ(run("emulator " + socket).status, 2) << "a second one at the same place";
+  EXPECT_EQ(kill(std::stoi(contents(folder_ + "/pid")), SIGTERM), 0);
+  for (int i = 0; i < 500 && std::filesystem::exists(socket); ++i) {
+    usleep(10000);
+  }
+  EXPECT_FALSE(std::filesystem::exists(socket));
+  EXPECT_EQ(contents(folder_ + "/served"),
+            "serving TAVIK_WLAN at " + socket + "\nSET_ENCAP_PORT 4500\n");
+}
+
+}  // namespace
