@@ -5,17 +5,27 @@ library=$1
 
 exported=$(nm -D --defined-only "$library" | awk '{ print $3 }' | sort)
 expected=$(sort <<'END'
+corvil_datapath_proxy_act_encap_port_drop
+corvil_datapath_proxy_act_encap_port_pass_through
+corvil_datapath_proxy_add_ipsec_info
+corvil_datapath_proxy_add_ll_dst_addr
+corvil_datapath_proxy_delete_ipsec_info
 corvil_datapath_proxy_flush_config_info
+corvil_datapath_proxy_flush_ll_dst_addr
+corvil_datapath_proxy_get_port_tuple
 corvil_datapath_proxy_set_config_info
 corvil_datapath_proxy_set_udp_encap_port
+corvil_datapath_proxy_unset_config_info
+corvil_datapath_proxy_unset_reverse_dev_mapping
 corvil_datapath_proxy_unset_udp_encap_port
+corvil_datapath_proxy_update_config_info
 END
 )
 diff <(echo "$expected") <(echo "$exported")
 
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
-diff <(printf '%s\n' libc.so.6 libcorvil_log.so.1 libcorvil_netlink.so.1 liblog.so.0) \
-  <(echo "$needed")
+diff <(printf '%s\n' libc.so.6 libcorvil_log.so.1 libcorvil_netlink.so.1 \
+  libcorvil_port_utils.so.1 liblog.so.0) <(echo "$needed")
 
 undefined=$(nm -D --undefined-only "$library" | awk '{ sub("@.*", "", $NF); print $NF }' | sort)
 allowed=$(sort <<'END'
@@ -27,9 +37,12 @@ _ITM_deregisterTMCloneTable
 _ITM_registerTMCloneTable
 abort
 calloc
+corvil_netlink_query
 corvil_netlink_query_genl
 corvil_netlink_transact
+corvil_nla_parse
 corvil_nla_put
+corvil_port_utils_add_port_from_kernel
 fflush
 fprintf
 fputc
@@ -42,6 +55,7 @@ memcpy
 memset
 msg_sprintf
 snprintf
+strchr
 strftime
 strlen
 zu_format_log_msg

@@ -2,12 +2,18 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <vector>
+
+#include "host_interfaces/corvil_port_utils.h"
 
 namespace fake_host {
 namespace {
@@ -22,6 +28,35 @@ void log_call(const std::string& name) {
   char text[2048];
   vsnprintf(text, sizeof(text), format, arguments);
   return text;
+}
+
+template <typename Value>
+Value next(std::deque<Value>& values, Value otherwise) {
+  if (values.empty()) {
+    return otherwise;
+  }
+  const Value value = values.front();
+  values.pop_front();
+  return value;
+}
+
+/// Runs the callback on a reply that ends, but for its alignment, right before an unreadable page.
+int call_before_unreadable_page(corvil_netlink_reply_callback callback,
+                                const std::vector<uint8_t>& reply) {
+  if (reply.empty()) {
+    return callback(nullptr, nullptr);
+  }
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  const size_t readable = (reply.size() / page + 1) * page;
+  void* pages =
+      mmap(nullptr, readable + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  auto* unreadable = static_cast<uint8_t*>(pages) + readable;
+  EXPECT_EQ(mprotect(unreadable, page, PROT_NONE), 0);
+  uint8_t* start = unreadable - NLMSG_ALIGN(reply.size());
+  memcpy(start, reply.data(), reply.size());
+  const int result = callback(reinterpret_cast<const nlmsghdr*>(start), nullptr);
+  munmap(pages, readable + page);
+  return result;
 }
 
 const char* level_name(uint32_t mask) {
@@ -77,10 +112,11 @@ uint32_t zu_log_mask = 0;
 int corvil_netlink_query_genl(const char* family_name, uint32_t version, uint16_t* family_id) {
   EXPECT_EQ(*family_id, 0);
   host().events.push_back("resolve " + std::string(family_name) + " " + std::to_string(version));
-  if (host().resolve_result != -1) {
-    *family_id = host().family_id;
+  if (++host().resolutions == host().failing_resolution) {
+    return -1;
   }
-  return host().resolve_result;
+  *family_id = host().family_id;
+  return 0;
 }
 
 int corvil_nla_put(nlmsghdr* message, uint16_t type, uint32_t length, const void* payload) {
@@ -106,15 +142,51 @@ int corvil_netlink_transact(const nlmsghdr* request, int protocol, int* error) {
   EXPECT_TRUE(error == nullptr || *error == 0);
   host().events.push_back("send " + fake_host::hex(request, request->nlmsg_len) +
                           (error != nullptr ? " error slot" : ""));
-  if (host().answers.empty()) {
-    return 0;
-  }
-  const fake_host::Answer answer = host().answers.front();
-  host().answers.pop_front();
+  const fake_host::Answer answer = fake_host::next(host().answers, {});
   if (answer.result == -1 && error != nullptr) {
     *error = answer.error;
   }
   return answer.result;
+}
+
+int corvil_netlink_query(const nlmsghdr* request, int protocol,
+                         corvil_netlink_reply_callback callback, void* context, int dump) {
+  EXPECT_EQ(protocol, NETLINK_GENERIC);
+  EXPECT_EQ(context, nullptr);
+  EXPECT_EQ(dump, 1);
+  host().events.push_back("query " + fake_host::hex(request, request->nlmsg_len));
+  for (const std::vector<uint8_t>& reply : host().replies) {
+    const int result = fake_host::call_before_unreadable_page(callback, reply);
+    host().events.push_back("reply " + std::to_string(result));
+  }
+  return fake_host::next(host().answers, {}).result;
+}
+
+int corvil_nla_parse(const nlattr* first, const nlattr** table, uint32_t length,
+                     uint16_t max_type) {
+  for (uint16_t type = 0; type <= max_type; ++type) {
+    table[type] = nullptr;
+  }
+  const auto* start = reinterpret_cast<const uint8_t*>(first);
+  for (uint32_t at = 0; at + NLA_HDRLEN <= length;) {
+    const auto* attribute = reinterpret_cast<const nlattr*>(start + at);
+    // Like a host that trusts the kernel, it lets an attribute claim more than there is.
+    if (attribute->nla_len < NLA_HDRLEN) {
+      return -1;
+    }
+    const uint16_t type = attribute->nla_type & NLA_TYPE_MASK;
+    if (type <= max_type) {
+      table[type] = attribute;
+    }
+    at += NLA_ALIGN(attribute->nla_len);
+  }
+  return 0;
+}
+
+int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t ip_proto, uint8_t trans_proto) {
+  host().events.push_back("port " + std::to_string(port) + " " + std::to_string(ip_proto) + " " +
+                          std::to_string(trans_proto));
+  return fake_host::next(host().port_results, 0);
 }
 
 int zu_format_log_msg(char* buffer, size_t size, const char* format, ...) {

@@ -30,11 +30,15 @@ struct Host {
   Events events;
 
   uint16_t family_id = 0x2a;
-  int resolve_result = 0;
-  /// Answers of the transact operation, first to last; success when there are none left.
+  /// Answers of the transact and dump operations, first to last; success when there are none left.
   std::deque<Answer> answers;
-  /// Which allocation fails, counted from 1; 0: none.
+  /// Replies to a query, as the bytes from the netlink header on.
+  std::vector<std::vector<uint8_t>> replies;
+  /// Results of the port tree, first to last; success when there are none left.
+  std::deque<int> port_results;
+  /// Which allocation and which resolution of the family fails, counted from 1; 0: none.
   int failing_allocation = 0;
+  int failing_resolution = 0;
   /// Makes the append operation leave nlmsg_len at the unpadded end of an attribute.
   bool unpadded_length = false;
   /// Time of day; gettimeofday() fails and writes nothing when there is none.
@@ -47,6 +51,7 @@ struct Host {
   std::function<void(const std::string&)> on_log_call;
 
   int allocations = 0;
+  int resolutions = 0;
   std::map<const void*, size_t> live;  // allocations of the library and their sizes
 };
 

@@ -3,17 +3,20 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_host/port_utils/corvil_port_tree.h"
 #include "reference_kernel/emulator/emulator.h"
 
 namespace {
@@ -36,9 +39,10 @@ class SystemTest : public ::testing::Test {
     std::filesystem::remove_all(folder_);
   }
 
+  static constexpr PortDescriptor kPorts[] = {{4, 6, 443}, {6, 17, 4500}};
+
   static int set_up() {
-    const PortDescriptor ports[] = {{4, 6, 443}, {6, 17, 4500}};
-    return corvil_datapath_proxy_set_config_info("wlan0", "wlan0", "wwan0", ports, 2, 1);
+    return corvil_datapath_proxy_set_config_info("wlan0", "wlan0", "wwan0", kPorts, 2, 1);
   }
 
   std::string folder_;
@@ -54,11 +58,27 @@ const std::string kSetUpState =
 TEST_F(SystemTest, ConfiguresTheKernel) {
   EXPECT_EQ(set_up(), 0);
   EXPECT_EQ(corvil_datapath_proxy_set_udp_encap_port(htons(4500)), 0);
-  EXPECT_EQ(emulator_->state(), kSetUpState + "encap 4500\n");
+  EXPECT_EQ(corvil_datapath_proxy_act_encap_port_drop(htons(4500)), 0);
+  EXPECT_EQ(corvil_datapath_proxy_act_encap_port_pass_through(htons(4500)), 0);
+  const IpsecInfo flow = {{}, htonl(0x1001)};
+  EXPECT_EQ(corvil_datapath_proxy_add_ipsec_info(&flow, "2001:db8::1"), 0);
+  for (int i = 0; i < 2; ++i) {  // the second time it is there already
+    EXPECT_EQ(corvil_datapath_proxy_add_ll_dst_addr("10.0.0.1", "10.0.0.2", htons(1), htons(2)), 0);
+  }
+  EXPECT_EQ(emulator_->state(),
+            "tuple ipv4 tcp 443\n"
+            "tuple ipv6 udp 4500\n"
+            "tuple ipv6 esp 0x00001001\n"
+            "device 1 wlan0\n"
+            "forward 1 wwan0 wlan0\n"
+            "encap 4500 pass-through\n"
+            "lowlat 10.0.0.1 1 10.0.0.2 2\n");
 
   EXPECT_EQ(corvil_datapath_proxy_unset_udp_encap_port(htons(500)), -1);
   EXPECT_EQ(corvil_netlink_last_error()->error, ENOENT);
   EXPECT_EQ(corvil_datapath_proxy_unset_udp_encap_port(htons(4500)), 0);
+  EXPECT_EQ(corvil_datapath_proxy_delete_ipsec_info(&flow, "::"), 0);
+  EXPECT_EQ(corvil_datapath_proxy_flush_ll_dst_addr(), 0);
   EXPECT_EQ(emulator_->state(), kSetUpState);
 
   // Once more: ports and forwarding pair may be there already, the device may not.
@@ -66,8 +86,78 @@ TEST_F(SystemTest, ConfiguresTheKernel) {
   EXPECT_EQ(corvil_netlink_last_error()->error, EEXIST);
   EXPECT_EQ(emulator_->state(), kSetUpState);
 
+  const PortDescriptor other = {4, 17, 53};
+  EXPECT_EQ(corvil_datapath_proxy_update_config_info(&other, 1, kPorts, 2), 0);
+  EXPECT_EQ(corvil_datapath_proxy_unset_reverse_dev_mapping(1, "wlan0", "wwan0"), 0);
+  EXPECT_EQ(emulator_->state(), "tuple ipv4 udp 53\ndevice 1 wlan0\n");
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
   EXPECT_EQ(emulator_->state(), "");
+
+  EXPECT_EQ(set_up(), 0);
+  EXPECT_EQ(corvil_datapath_proxy_unset_config_info("wlan0", "wlan0", "wwan0", kPorts, 2, 1), 0);
+  EXPECT_EQ(emulator_->state(), "");
+}
+
+TEST_F(SystemTest, ReadsSixtyThousandTuplesBack) {
+  std::vector<PortDescriptor> ports;
+  for (uint32_t i = 0; i < 60000; ++i) {
+    ports.push_back({i % 2 == 0 ? 4U : 6U, i % 4 < 2 ? 6U : 17U, static_cast<uint16_t>(i / 4)});
+    if (ports.size() == 4000) {
+      ASSERT_EQ(corvil_datapath_proxy_update_config_info(ports.data(), 4000, nullptr, 0), 0);
+      ports.clear();
+    }
+  }
+  corvil_port_tree_clear();
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_EQ(corvil_port_tree_count(), 60000U);
+
+  emulator_->misbehave({.interrupted_dumps = 2});
+  EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
+  EXPECT_EQ(corvil_netlink_last_error()->error, 0) << "asked again until the dump was whole";
+  emulator_->misbehave({.interrupted_dumps = 100});
+  EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0) << "only the log tells";
+  EXPECT_EQ(corvil_netlink_last_error()->error, EINTR);
+}
+
+TEST_F(SystemTest, ServesEightThreadsAtOnce) {
+  setenv("CORVIL_NETLINK_TIMEOUT_MS", "20000", 1);
+  const auto drive = [](uint32_t selector) {
+    const std::string device = "wlan" + std::to_string(selector);
+    const PortDescriptor port = {4, 6, static_cast<uint16_t>(selector)};
+    const PortDescriptor other = {6, 17, static_cast<uint16_t>(selector)};
+    const IpsecInfo flow = {{}, htonl(selector)};
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(corvil_datapath_proxy_set_config_info(device.c_str(), "a", "b", &port, 1, selector),
+                0);
+      EXPECT_EQ(corvil_datapath_proxy_add_ipsec_info(&flow, "::"), 0);
+      EXPECT_EQ(corvil_datapath_proxy_add_ll_dst_addr("::1", "::2", port.port, 0), 0);
+      EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
+      EXPECT_EQ(corvil_datapath_proxy_update_config_info(&other, 1, &port, 1), 0);
+      EXPECT_EQ(corvil_datapath_proxy_delete_ipsec_info(&flow, "::"), 0);
+      EXPECT_EQ(corvil_datapath_proxy_set_udp_encap_port(port.port), 0);
+      // Whose port is set is a matter of luck.
+      corvil_datapath_proxy_act_encap_port_drop(port.port);
+      corvil_datapath_proxy_act_encap_port_pass_through(port.port);
+      corvil_datapath_proxy_unset_udp_encap_port(port.port);
+      EXPECT_EQ(
+          corvil_datapath_proxy_unset_config_info(device.c_str(), "a", "b", &other, 1, selector),
+          0);
+      EXPECT_EQ(corvil_datapath_proxy_unset_reverse_dev_mapping(selector, "a", "b"), -1);
+      EXPECT_EQ(corvil_datapath_proxy_flush_ll_dst_addr(), 0);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (uint32_t selector = 1; selector <= 8; ++selector) {
+    threads.emplace_back(drive, selector);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  const std::string state = emulator_->state();
+  EXPECT_TRUE(state.empty() || state.starts_with("encap ")) << state;
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
 }
 
 TEST_F(SystemTest, SendsAsManyPortsAsOneRequestHolds) {

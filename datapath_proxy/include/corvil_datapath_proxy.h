@@ -31,6 +31,12 @@ typedef struct PortDescriptor {
   uint16_t port;        /* host byte order; any value */
 } PortDescriptor;
 
+/* An IPsec (ESP) flow. Only the SPI is read; what comes before and after it is the host's. */
+typedef struct IpsecInfo {
+  uint32_t host_words[2];
+  uint32_t spi; /* security parameter index, network byte order */
+} IpsecInfo;
+
 /* The most ports that one list can have: what fits a netlink attribute. */
 #define CORVIL_DATAPATH_PROXY_MAX_PORTS 4095
 
@@ -52,18 +58,94 @@ int corvil_datapath_proxy_set_config_info(const char* wlan_dev, const char* fwd_
                                           const char* fwd_from, const PortDescriptor* ports,
                                           uint32_t port_count, uint32_t selector);
 
+/*
+ * Takes the proxy down again: unsets the WLAN device, removes the forwarding pair and the ports,
+ * and, when the selector is 1, flushes the low-latency flows. The arguments are those of
+ * corvil_datapath_proxy_set_config_info().
+ *
+ * Sends up to four requests: commands 4, 6, 2 (only with ports) and 13 (only when the whole
+ * selector is 1). A failed device or forwarding step ends the call; after a failed port step the
+ * flush still runs. The flush does not change the result.
+ */
+int corvil_datapath_proxy_unset_config_info(const char* wlan_dev, const char* fwd_to,
+                                            const char* fwd_from, const PortDescriptor* ports,
+                                            uint32_t port_count, uint32_t selector);
+
+/*
+ * Replaces ports: removes the whole old list, then adds the whole new one, without comparing them.
+ * A list is absent when its pointer is null or its count 0; one of the two may be.
+ *
+ * Sends commands 2 (only with an old list) and 1 (only with a new one); when the removal fails,
+ * nothing is added.
+ */
+int corvil_datapath_proxy_update_config_info(const PortDescriptor* new_ports,
+                                             uint32_t new_port_count,
+                                             const PortDescriptor* old_ports,
+                                             uint32_t old_port_count);
+
+/*
+ * Removes one forwarding pair, without touching device or ports. Sends command 6.
+ *
+ * selector  its low 8 bits are sent
+ * fwd_to    where traffic is forwarded to; must not be null
+ * fwd_from  where it is forwarded from; must not be null
+ */
+int corvil_datapath_proxy_unset_reverse_dev_mapping(uint32_t selector, const char* fwd_to,
+                                                    const char* fwd_from);
+
 /* Resets the kernel's data path: it drops all configuration. Sends command 9. */
 int corvil_datapath_proxy_flush_config_info(void);
 
 /*
+ * Adds the tuple of an IPsec flow. Sends command 1.
+ *
+ * info     the flow; must not be null
+ * address  textual IP address of the flow; must not be null. Only its family counts: IPv6 when it
+ *          has a colon, else IPv4
+ */
+int corvil_datapath_proxy_add_ipsec_info(const IpsecInfo* info, const char* address);
+
+/* Deletes the tuple of an IPsec flow, with the arguments of its addition. Sends command 2. */
+int corvil_datapath_proxy_delete_ipsec_info(const IpsecInfo* info, const char* address);
+
+/*
  * Sets the UDP port that carries encapsulated IPsec traffic. Sends command 7.
  *
- * port  network byte order; any value is sent
+ * port  network byte order; any value is sent, here and in the three calls below
  */
 int corvil_datapath_proxy_set_udp_encap_port(uint16_t port);
 
 /* Withdraws the UDP encapsulation port, in network byte order. Sends command 8. */
 int corvil_datapath_proxy_unset_udp_encap_port(uint16_t port);
+
+/* Lets packets on the encapsulation port, in network byte order, pass through. Sends command 10. */
+int corvil_datapath_proxy_act_encap_port_pass_through(uint16_t port);
+
+/* Drops packets on the encapsulation port, in network byte order. Sends command 11. */
+int corvil_datapath_proxy_act_encap_port_drop(uint16_t port);
+
+/*
+ * Adds a low-latency flow. Sends command 12; a flow that the kernel holds already (-EEXIST) is no
+ * failure. A refusal is not logged.
+ *
+ * src_addr, dst_addr  textual addresses, sent as they are; must not be null
+ * src_port, dst_port  network byte order; any value
+ */
+int corvil_datapath_proxy_add_ll_dst_addr(const char* src_addr, const char* dst_addr,
+                                          uint16_t src_port, uint16_t dst_port);
+
+/* Removes all low-latency flows. Sends command 13; -EEXIST is no failure, a refusal is not logged.
+ */
+int corvil_datapath_proxy_flush_ll_dst_addr(void);
+
+/*
+ * Reads the tuples that the kernel holds and hands each, as a port, to the host's port tree with
+ * corvil_port_utils_add_port_from_kernel(), on the calling thread. Sends command 14.
+ *
+ * Returns -1 when the request could not be built; otherwise 0, also when the query failed, which
+ * only the log tells.
+ */
+int corvil_datapath_proxy_get_port_tuple(void);
 
 #pragma GCC visibility pop
 
