@@ -1,5 +1,7 @@
 #include "datapathctl/commands.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <iostream>
@@ -12,6 +14,7 @@
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "datapathctl/misbehaviour.h"
 #include "datapathctl/values.h"
+#include "reference_host/port_utils/corvil_port_tree.h"
 
 namespace datapathctl {
 namespace {
@@ -50,6 +53,66 @@ void define_proxy_up(CLI::App& command, Session& session) {
                LIBRARY_FUNCTION(corvil_datapath_proxy_set_config_info));
 }
 
+void define_proxy_down(CLI::App& command, Session& session) {
+  define_proxy(command, session, "proxy down",
+               LIBRARY_FUNCTION(corvil_datapath_proxy_unset_config_info));
+}
+
+void define_proxy_update(CLI::App& command, Session& session) {
+  struct Arguments {
+    std::vector<std::string> new_ports;
+    std::vector<std::string> old_ports;
+  };
+  auto arguments = std::make_shared<Arguments>();
+  command.add_option("--old", arguments->old_ports, "ports to remove")->type_name("PORT");
+  command.add_option("--new", arguments->new_ports, "ports to add")->type_name("PORT");
+  command.callback([&session, arguments] {
+    const std::vector<PortDescriptor> added = parse_ports(arguments->new_ports);
+    const std::vector<PortDescriptor> removed = parse_ports(arguments->old_ports);
+    session.call("proxy update", LIBRARY_FUNCTION(corvil_datapath_proxy_update_config_info),
+                 added.data(), static_cast<uint32_t>(added.size()), removed.data(),
+                 static_cast<uint32_t>(removed.size()));
+  });
+}
+
+void define_proxy_unmap(CLI::App& command, Session& session) {
+  auto arguments = std::make_shared<ProxyArguments>();
+  add_forwarding(command, *arguments);
+  command.callback([&session, arguments] {
+    session.call("proxy unmap", LIBRARY_FUNCTION(corvil_datapath_proxy_unset_reverse_dev_mapping),
+                 parse_number(arguments->selector, UINT32_MAX, "selector"), arguments->to.c_str(),
+                 arguments->from.c_str());
+  });
+}
+
+void define_ipsec(CLI::App& command, Session& session, const char* name,
+                  LibraryFunction<decltype(corvil_datapath_proxy_add_ipsec_info)> function) {
+  struct Arguments {
+    std::string spi;
+    std::string address;
+  };
+  auto arguments = std::make_shared<Arguments>();
+  command.add_option("SPI", arguments->spi, "security parameter index: 0x1001 or decimal")
+      ->required();
+  command.add_option("ADDRESS", arguments->address, "IP address of the flow; its family counts")
+      ->required();
+  command.callback([&session, name, function, arguments] {
+    const uint32_t spi = parse_number(arguments->spi, UINT32_MAX, "SPI");
+    const IpsecInfo info = {{}, htonl(spi)};
+    session.call(name, function, &info, arguments->address.c_str());
+  });
+}
+
+void define_ipsec_add(CLI::App& command, Session& session) {
+  define_ipsec(command, session, "ipsec add",
+               LIBRARY_FUNCTION(corvil_datapath_proxy_add_ipsec_info));
+}
+
+void define_ipsec_delete(CLI::App& command, Session& session) {
+  define_ipsec(command, session, "ipsec delete",
+               LIBRARY_FUNCTION(corvil_datapath_proxy_delete_ipsec_info));
+}
+
 void define_reset(CLI::App& command, Session& session) {
   command.callback([&session] {
     session.call("reset", LIBRARY_FUNCTION(corvil_datapath_proxy_flush_config_info));
@@ -73,6 +136,67 @@ void define_encap_set(CLI::App& command, Session& session) {
 void define_encap_unset(CLI::App& command, Session& session) {
   define_encap(command, session, "encap unset",
                LIBRARY_FUNCTION(corvil_datapath_proxy_unset_udp_encap_port));
+}
+
+void define_encap_pass_through(CLI::App& command, Session& session) {
+  define_encap(command, session, "encap pass-through",
+               LIBRARY_FUNCTION(corvil_datapath_proxy_act_encap_port_pass_through));
+}
+
+void define_encap_drop(CLI::App& command, Session& session) {
+  define_encap(command, session, "encap drop",
+               LIBRARY_FUNCTION(corvil_datapath_proxy_act_encap_port_drop));
+}
+
+void define_lowlat_add(CLI::App& command, Session& session) {
+  struct Arguments {
+    std::string source;
+    std::string source_port;
+    std::string destination;
+    std::string destination_port;
+  };
+  auto arguments = std::make_shared<Arguments>();
+  command.add_option("SOURCE", arguments->source, "source address")->required();
+  command.add_option("SOURCE_PORT", arguments->source_port, "its port")->required();
+  command.add_option("DESTINATION", arguments->destination, "destination address")->required();
+  command.add_option("DESTINATION_PORT", arguments->destination_port, "its port")->required();
+  command.callback([&session, arguments] {
+    session.call("lowlat add", LIBRARY_FUNCTION(corvil_datapath_proxy_add_ll_dst_addr),
+                 arguments->source.c_str(), arguments->destination.c_str(),
+                 parse_network_port(arguments->source_port),
+                 parse_network_port(arguments->destination_port));
+  });
+}
+
+void define_lowlat_flush(CLI::App& command, Session& session) {
+  command.callback([&session] {
+    session.call("lowlat flush", LIBRARY_FUNCTION(corvil_datapath_proxy_flush_ll_dst_addr));
+  });
+}
+
+void print_ports(const std::vector<CorvilPort>& ports, bool json) {
+  nlohmann::ordered_json list = nlohmann::json::array();
+  std::string text;
+  for (const CorvilPort& port : ports) {
+    const std::string protocol = protocol_name(port.ip_proto, port.trans_proto);
+    list.push_back({{"protocol", protocol}, {"port", port.port}});
+    text += protocol + "/" + std::to_string(port.port) + "\n";
+  }
+  std::cout << (json ? nlohmann::ordered_json{{"ports", list}}.dump() + "\n" : text) << std::flush;
+}
+
+void define_ports(CLI::App& command, Session& session) {
+  command.callback([&session] {
+    corvil_port_tree_clear();
+    session.call("ports", LIBRARY_FUNCTION(corvil_datapath_proxy_get_port_tuple));
+    std::vector<CorvilPort> ports;
+    corvil_port_tree_visit(
+        [](const CorvilPort* port, void* list) {
+          static_cast<std::vector<CorvilPort>*>(list)->push_back(*port);
+        },
+        &ports);
+    print_ports(ports, session.settings().json);
+  });
 }
 
 void define_state(CLI::App& command, Session& session) {
@@ -107,8 +231,19 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"proxy", "up", "add ports and a forwarding pair, then set the WLAN device", define_proxy_up},
+    {"proxy", "down", "take it all back; with selector 1, flush low-latency flows too",
+     define_proxy_down},
+    {"proxy", "update", "remove old ports, then add new ones", define_proxy_update},
+    {"proxy", "unmap", "remove one forwarding pair", define_proxy_unmap},
+    {"ipsec", "add", "add the tuple of an IPsec flow", define_ipsec_add},
+    {"ipsec", "delete", "delete the tuple of an IPsec flow", define_ipsec_delete},
     {"encap", "set", "set the UDP encapsulation port", define_encap_set},
     {"encap", "unset", "withdraw the UDP encapsulation port", define_encap_unset},
+    {"encap", "pass-through", "let packets on the port pass through", define_encap_pass_through},
+    {"encap", "drop", "drop packets on the port", define_encap_drop},
+    {"lowlat", "add", "add a low-latency flow", define_lowlat_add},
+    {"lowlat", "flush", "remove every low-latency flow", define_lowlat_flush},
+    {"ports", nullptr, "list the kernel's tuples as the library reads them back", define_ports},
     {"reset", nullptr, "drop the kernel's whole configuration", define_reset},
     {"state", nullptr, "print what the kernel holds, a line a thing", define_state},
     {"misbehave", nullptr, "have the emulator of --emulate misbehave", define_misbehave},
@@ -119,7 +254,9 @@ constexpr struct {
   const char* help;
 } kObjects[] = {
     {"proxy", "ports, forwarding pair and WLAN device"},
+    {"ipsec", "tuples of IPsec flows"},
     {"encap", "UDP port of encapsulated IPsec traffic"},
+    {"lowlat", "low-latency flows"},
 };
 
 const char* object_help(std::string_view object) {

@@ -196,9 +196,11 @@ std::string Session::failure_reason(const CorvilNetlinkError& error) const {
 }
 
 void Session::report(const char* command, int result) {
+  // The query of ports returns 0 whatever became of it: what it logged tells.
+  const bool failed = result == -1 || !first_error_.empty();
   nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
   std::string reason;
-  if (result == -1) {
+  if (failed) {
     const CorvilNetlinkError& error = *corvil_netlink_last_error();
     reason = failure_reason(error);
     outcome["reason"] = reason;
@@ -211,7 +213,7 @@ void Session::report(const char* command, int result) {
   if (settings_.json) {
     std::cout << outcome.dump() << std::endl;
   }
-  if (result == -1) {
+  if (failed) {
     throw CallFailed(std::string(command) + ": " + reason);
   }
 }

@@ -58,7 +58,7 @@ class Session {
   ~Session();
 
   /// Calls an exported function of the library and reports its result under the command's name.
-  /// Throws CallFailed with the reason when that is -1.
+  /// Throws CallFailed with the reason when that is -1 or an error was logged.
   template <typename Function, typename... Arguments>
   void call(const char* command, LibraryFunction<Function> function, Arguments... arguments) {
     start();

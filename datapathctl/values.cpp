@@ -72,6 +72,13 @@ uint16_t parse_network_port(std::string_view text) {
   return htons(static_cast<uint16_t>(parse_number(text, UINT16_MAX, "port")));
 }
 
+std::string protocol_name(uint8_t ip_proto, uint8_t trans_proto) {
+  const std::string transport = trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP   ? "tcp"
+                                : trans_proto == TAVIK_WLAN_TRANS_PROTO_UDP ? "udp"
+                                                                            : "esp";
+  return transport + (ip_proto == TAVIK_WLAN_IP_PROTO_IPV6 ? "6" : "");
+}
+
 std::vector<PortDescriptor> parse_ports(const std::vector<std::string>& texts) {
   std::vector<PortDescriptor> ports;
   for (const std::string& text : texts) {

@@ -91,7 +91,40 @@ TEST_F(DatapathctlTest, BringsTheProxyUpOnceAndSaysWhyNotTwice) {
             "File exists (EEXIST): the device is set already\n");
 }
 
+TEST_F(DatapathctlTest, TakesAProxyThroughItsLife) {
+  const Outcome outcome = run("--emulate --trace batch " DEMO_BATCH);
+  EXPECT_EQ(outcome.status, 0) << outcome.error;
+  std::string requests;
+  std::istringstream lines(lines_with(outcome.out, ">"));
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("> TAVIK_WLAN ")) {
+      requests += line.substr(13, line.find(',') - 13) + " ";
+    }
+  }
+  EXPECT_EQ(requests,
+            "ADD_TUPLES ADD_FWD_INFO SET_DEV GET_TUPLES DEL_TUPLES ADD_TUPLES GET_TUPLES "
+            "ADD_TUPLES SET_ENCAP_PORT ENCAP_PORT_ACT_DROP ENCAP_PORT_ACT_PASS_THROUGH LL_ADDR_ADD "
+            "LL_ADDR_FLUSH UNSET_ENCAP_PORT DEL_TUPLES UNSET_DEV DEL_FWD_INFO DEL_TUPLES "
+            "LL_ADDR_FLUSH ");
+  EXPECT_NE(outcome.out.find("tcp/443\ntcp6/8000\ntcp6/8001\n"), std::string::npos);
+  EXPECT_NE(outcome.out.find("tuple ipv6 esp 0x00001001\ndevice 1 wlan0\nforward 1 wwan0 wlan0\n"
+                             "encap 4500 pass-through\nlowlat 10.0.0.1 5000 10.0.0.2 5001\n"),
+            std::string::npos);
+  EXPECT_TRUE(outcome.out.ends_with("# state\n")) << "an empty state at the end";
+}
+
 TEST_F(DatapathctlTest, PrintsJson) {
+  const Outcome ports =
+      run("--emulate --json batch -",
+          "ports\nproxy update --new udp6/53\nipsec add 1 ::\nproxy unmap --from a --to b");
+  EXPECT_EQ(ports.status, 2);
+  EXPECT_TRUE(
+      ports.out.starts_with("{\"command\":\"ports\",\"result\":0}\n{\"ports\":[]}\n"
+                            "{\"command\":\"proxy update\",\"result\":0}\n"
+                            "{\"command\":\"ipsec add\",\"result\":0}\n"
+                            "{\"command\":\"proxy unmap\",\"result\":-1,"))
+      << ports.out;
+
   const Outcome outcome = run("--emulate --json batch -", "encap set 4500\nstate\nencap unset 1\n");
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(outcome.out,
@@ -138,6 +171,15 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
       {"--emulate proxy up wlan0 --from a --to b tcp/1-4096", 2, "proxy up: Too many ports: 4096"},
       {"--emulate encap set -1", 1, "bad port: '-1' is not a number from 0 to 65535"},
       {"--emulate encap set 4500x", 1, "bad port: '4500x' is not a number from 0 to 65535"},
+      {"--emulate ipsec add 0x100000000 ::", 1,
+       "bad SPI: '0x100000000' is not a number from 0 to 4294967295"},
+      {"--emulate lowlat add 10.0.0.1 1 ::1 2", 2,
+       "lowlat add: the kernel refused TAVIK_WLAN LL_ADDR_ADD: Invalid argument (EINVAL): "
+       "addresses of different families"},
+      {"--emulate --misbehave truncate=18 ports", 2, "ports: the answer is malformed"},
+      {"--emulate --misbehave refuse=1:EPERM ports", 2,
+       "ports: the kernel refused TAVIK_WLAN GET_TUPLES: Operation not permitted (EPERM): refused "
+       "on demand"},
       {"batch nonexistent", 1, "cannot read the batch nonexistent"},
       {"batch /", 1, "cannot read the batch /"},
       {"--emulate --log-file /nonexistent/x reset", 1,
