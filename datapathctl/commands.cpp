@@ -48,17 +48,7 @@ void define_proxy(CLI::App& command, Session& session, const char* name,
   });
 }
 
-void define_proxy_up(CLI::App& command, Session& session) {
-  define_proxy(command, session, "proxy up",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_set_config_info));
-}
-
-void define_proxy_down(CLI::App& command, Session& session) {
-  define_proxy(command, session, "proxy down",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_unset_config_info));
-}
-
-void define_proxy_update(CLI::App& command, Session& session) {
+void define_proxy_update(CLI::App& command, Session& session, const char* name) {
   struct Arguments {
     std::vector<std::string> new_ports;
     std::vector<std::string> old_ports;
@@ -66,20 +56,20 @@ void define_proxy_update(CLI::App& command, Session& session) {
   auto arguments = std::make_shared<Arguments>();
   command.add_option("--old", arguments->old_ports, "ports to remove")->type_name("PORT");
   command.add_option("--new", arguments->new_ports, "ports to add")->type_name("PORT");
-  command.callback([&session, arguments] {
+  command.callback([&session, name, arguments] {
     const std::vector<PortDescriptor> added = parse_ports(arguments->new_ports);
     const std::vector<PortDescriptor> removed = parse_ports(arguments->old_ports);
-    session.call("proxy update", LIBRARY_FUNCTION(corvil_datapath_proxy_update_config_info),
-                 added.data(), static_cast<uint32_t>(added.size()), removed.data(),
+    session.call(name, LIBRARY_FUNCTION(corvil_datapath_proxy_update_config_info), added.data(),
+                 static_cast<uint32_t>(added.size()), removed.data(),
                  static_cast<uint32_t>(removed.size()));
   });
 }
 
-void define_proxy_unmap(CLI::App& command, Session& session) {
+void define_proxy_unmap(CLI::App& command, Session& session, const char* name) {
   auto arguments = std::make_shared<ProxyArguments>();
   add_forwarding(command, *arguments);
-  command.callback([&session, arguments] {
-    session.call("proxy unmap", LIBRARY_FUNCTION(corvil_datapath_proxy_unset_reverse_dev_mapping),
+  command.callback([&session, name, arguments] {
+    session.call(name, LIBRARY_FUNCTION(corvil_datapath_proxy_unset_reverse_dev_mapping),
                  parse_number(arguments->selector, UINT32_MAX, "selector"), arguments->to.c_str(),
                  arguments->from.c_str());
   });
@@ -103,19 +93,9 @@ void define_ipsec(CLI::App& command, Session& session, const char* name,
   });
 }
 
-void define_ipsec_add(CLI::App& command, Session& session) {
-  define_ipsec(command, session, "ipsec add",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_add_ipsec_info));
-}
-
-void define_ipsec_delete(CLI::App& command, Session& session) {
-  define_ipsec(command, session, "ipsec delete",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_delete_ipsec_info));
-}
-
-void define_reset(CLI::App& command, Session& session) {
-  command.callback([&session] {
-    session.call("reset", LIBRARY_FUNCTION(corvil_datapath_proxy_flush_config_info));
+void define_reset(CLI::App& command, Session& session, const char* name) {
+  command.callback([&session, name] {
+    session.call(name, LIBRARY_FUNCTION(corvil_datapath_proxy_flush_config_info));
   });
 }
 
@@ -128,27 +108,7 @@ void define_encap(CLI::App& command, Session& session, const char* name,
   });
 }
 
-void define_encap_set(CLI::App& command, Session& session) {
-  define_encap(command, session, "encap set",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_set_udp_encap_port));
-}
-
-void define_encap_unset(CLI::App& command, Session& session) {
-  define_encap(command, session, "encap unset",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_unset_udp_encap_port));
-}
-
-void define_encap_pass_through(CLI::App& command, Session& session) {
-  define_encap(command, session, "encap pass-through",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_act_encap_port_pass_through));
-}
-
-void define_encap_drop(CLI::App& command, Session& session) {
-  define_encap(command, session, "encap drop",
-               LIBRARY_FUNCTION(corvil_datapath_proxy_act_encap_port_drop));
-}
-
-void define_lowlat_add(CLI::App& command, Session& session) {
+void define_lowlat_add(CLI::App& command, Session& session, const char* name) {
   struct Arguments {
     std::string source;
     std::string source_port;
@@ -160,17 +120,17 @@ void define_lowlat_add(CLI::App& command, Session& session) {
   command.add_option("SOURCE_PORT", arguments->source_port, "its port")->required();
   command.add_option("DESTINATION", arguments->destination, "destination address")->required();
   command.add_option("DESTINATION_PORT", arguments->destination_port, "its port")->required();
-  command.callback([&session, arguments] {
-    session.call("lowlat add", LIBRARY_FUNCTION(corvil_datapath_proxy_add_ll_dst_addr),
+  command.callback([&session, name, arguments] {
+    session.call(name, LIBRARY_FUNCTION(corvil_datapath_proxy_add_ll_dst_addr),
                  arguments->source.c_str(), arguments->destination.c_str(),
                  parse_network_port(arguments->source_port),
                  parse_network_port(arguments->destination_port));
   });
 }
 
-void define_lowlat_flush(CLI::App& command, Session& session) {
-  command.callback([&session] {
-    session.call("lowlat flush", LIBRARY_FUNCTION(corvil_datapath_proxy_flush_ll_dst_addr));
+void define_lowlat_flush(CLI::App& command, Session& session, const char* name) {
+  command.callback([&session, name] {
+    session.call(name, LIBRARY_FUNCTION(corvil_datapath_proxy_flush_ll_dst_addr));
   });
 }
 
@@ -185,10 +145,10 @@ void print_ports(const std::vector<CorvilPort>& ports, bool json) {
   std::cout << (json ? nlohmann::ordered_json{{"ports", list}}.dump() + "\n" : text) << std::flush;
 }
 
-void define_ports(CLI::App& command, Session& session) {
-  command.callback([&session] {
+void define_ports(CLI::App& command, Session& session, const char* name) {
+  command.callback([&session, name] {
     corvil_port_tree_clear();
-    session.call("ports", LIBRARY_FUNCTION(corvil_datapath_proxy_get_port_tuple));
+    session.call(name, LIBRARY_FUNCTION(corvil_datapath_proxy_get_port_tuple));
     std::vector<CorvilPort> ports;
     corvil_port_tree_visit(
         [](const CorvilPort* port, void* list) {
@@ -199,7 +159,7 @@ void define_ports(CLI::App& command, Session& session) {
   });
 }
 
-void define_state(CLI::App& command, Session& session) {
+void define_state(CLI::App& command, Session& session, const char* /*name*/) {
   command.callback([&session] {
     std::istringstream state(session.kernel_state());
     if (!session.settings().json) {
@@ -214,41 +174,69 @@ void define_state(CLI::App& command, Session& session) {
   });
 }
 
-void define_misbehave(CLI::App& command, Session& session) {
+void define_misbehave(CLI::App& command, Session& session, const char* /*name*/) {
   auto words = std::make_shared<std::vector<std::string>>();
   command.add_option("WORD", *words, kMisbehaviourHelp)->required();
   command.callback([&session, words] { session.misbehave(*words); });
 }
 
-/// A command reads "object verb arguments" or, without a verb, "object arguments".
-struct Command {
-  const char* object;
-  const char* verb;  // null: none
+/// The commands, grouped by object: "object verb" or, without a verb, "object".
+constexpr struct Command {
+  std::string_view name;  // NUL-terminated
   const char* help;
   /// Adds the arguments, and the callback that runs the command.
-  void (*define)(CLI::App& command, Session& session);
+  void (*define)(CLI::App& command, Session& session, const char* name);
+} kCommands[] = {
+    {"proxy up", "add ports and a forwarding pair, then set the WLAN device",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_proxy(command, session, name,
+                    LIBRARY_FUNCTION(corvil_datapath_proxy_set_config_info));
+     }},
+    {"proxy down", "take it all back; with selector 1, flush low-latency flows too",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_proxy(command, session, name,
+                    LIBRARY_FUNCTION(corvil_datapath_proxy_unset_config_info));
+     }},
+    {"proxy update", "remove old ports, then add new ones", define_proxy_update},
+    {"proxy unmap", "remove one forwarding pair", define_proxy_unmap},
+    {"ipsec add", "add the tuple of an IPsec flow",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_ipsec(command, session, name, LIBRARY_FUNCTION(corvil_datapath_proxy_add_ipsec_info));
+     }},
+    {"ipsec delete", "delete the tuple of an IPsec flow",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_ipsec(command, session, name,
+                    LIBRARY_FUNCTION(corvil_datapath_proxy_delete_ipsec_info));
+     }},
+    {"encap set", "set the UDP encapsulation port",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_encap(command, session, name,
+                    LIBRARY_FUNCTION(corvil_datapath_proxy_set_udp_encap_port));
+     }},
+    {"encap unset", "withdraw the UDP encapsulation port",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_encap(command, session, name,
+                    LIBRARY_FUNCTION(corvil_datapath_proxy_unset_udp_encap_port));
+     }},
+    {"encap pass-through", "let packets on the port pass through",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_encap(command, session, name,
+                    LIBRARY_FUNCTION(corvil_datapath_proxy_act_encap_port_pass_through));
+     }},
+    {"encap drop", "drop packets on the port",
+     [](CLI::App& command, Session& session, const char* name) {
+       define_encap(command, session, name,
+                    LIBRARY_FUNCTION(corvil_datapath_proxy_act_encap_port_drop));
+     }},
+    {"lowlat add", "add a low-latency flow", define_lowlat_add},
+    {"lowlat flush", "remove every low-latency flow", define_lowlat_flush},
+    {"ports", "list the kernel's tuples as the library reads them back", define_ports},
+    {"reset", "drop the kernel's whole configuration", define_reset},
+    {"state", "print what the kernel holds, a line a thing", define_state},
+    {"misbehave", "have the emulator of --emulate misbehave", define_misbehave},
 };
 
-constexpr Command kCommands[] = {
-    {"proxy", "up", "add ports and a forwarding pair, then set the WLAN device", define_proxy_up},
-    {"proxy", "down", "take it all back; with selector 1, flush low-latency flows too",
-     define_proxy_down},
-    {"proxy", "update", "remove old ports, then add new ones", define_proxy_update},
-    {"proxy", "unmap", "remove one forwarding pair", define_proxy_unmap},
-    {"ipsec", "add", "add the tuple of an IPsec flow", define_ipsec_add},
-    {"ipsec", "delete", "delete the tuple of an IPsec flow", define_ipsec_delete},
-    {"encap", "set", "set the UDP encapsulation port", define_encap_set},
-    {"encap", "unset", "withdraw the UDP encapsulation port", define_encap_unset},
-    {"encap", "pass-through", "let packets on the port pass through", define_encap_pass_through},
-    {"encap", "drop", "drop packets on the port", define_encap_drop},
-    {"lowlat", "add", "add a low-latency flow", define_lowlat_add},
-    {"lowlat", "flush", "remove every low-latency flow", define_lowlat_flush},
-    {"ports", nullptr, "list the kernel's tuples as the library reads them back", define_ports},
-    {"reset", nullptr, "drop the kernel's whole configuration", define_reset},
-    {"state", nullptr, "print what the kernel holds, a line a thing", define_state},
-    {"misbehave", nullptr, "have the emulator of --emulate misbehave", define_misbehave},
-};
-
+/// What an object's verbs have in common.
 constexpr struct {
   std::string_view object;
   const char* help;
@@ -259,19 +247,15 @@ constexpr struct {
     {"lowlat", "low-latency flows"},
 };
 
-const char* object_help(std::string_view object) {
-  const auto* known = std::ranges::find(kObjects, object, [](const auto& o) { return o.object; });
-  return known != std::end(kObjects) ? known->help : "";
-}
-
-/// The object of a command, made at its first verb.
-CLI::App& object_of(const Command& command, CLI::App& app) {
+/// The object of commands with a verb, made at its first verb.
+CLI::App& object_of(std::string_view name, CLI::App& app) {
   for (CLI::App* object : app.get_subcommands({})) {
-    if (object->get_name() == command.object) {
+    if (object->get_name() == name) {
       return *object;
     }
   }
-  CLI::App* object = app.add_subcommand(command.object, object_help(command.object));
+  const auto* known = std::ranges::find(kObjects, name, [](const auto& o) { return o.object; });
+  CLI::App* object = app.add_subcommand(std::string(name), known->help);
   object->require_subcommand(1);
   return *object;
 }
@@ -280,9 +264,12 @@ CLI::App& object_of(const Command& command, CLI::App& app) {
 
 void define_commands(CLI::App& app, Session& session) {
   for (const Command& command : kCommands) {
-    CLI::App& parent = command.verb != nullptr ? object_of(command, app) : app;
-    const char* name = command.verb != nullptr ? command.verb : command.object;
-    command.define(*parent.add_subcommand(name, command.help), session);
+    const size_t blank = command.name.find(' ');
+    const bool has_verb = blank != std::string_view::npos;
+    CLI::App& parent = has_verb ? object_of(command.name.substr(0, blank), app) : app;
+    const std::string_view last = has_verb ? command.name.substr(blank + 1) : command.name;
+    command.define(*parent.add_subcommand(std::string(last), command.help), session,
+                   command.name.data());
   }
 }
 
