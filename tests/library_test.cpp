@@ -6,8 +6,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -365,47 +363,39 @@ TEST_F(LibraryTest, ResolvesTheFamilyForEveryRequest) {
 }
 
 TEST_F(LibraryTest, RefusesNullArguments) {
-  const IpsecInfo info{};
-  const std::vector<std::pair<std::string, std::function<int()>>> cases = {
-      {"set_config_info",
-       [] { return corvil_datapath_proxy_set_config_info(nullptr, "b", "c", kTwoPorts, 2, 1); }},
-      {"set_config_info",
-       [] { return corvil_datapath_proxy_set_config_info("a", nullptr, "c", kTwoPorts, 2, 1); }},
-      {"set_config_info",
-       [] { return corvil_datapath_proxy_set_config_info("a", "b", nullptr, kTwoPorts, 2, 1); }},
-      {"unset_config_info",
-       [] { return corvil_datapath_proxy_unset_config_info(nullptr, "b", "c", kTwoPorts, 2, 1); }},
-      {"unset_config_info",
-       [] { return corvil_datapath_proxy_unset_config_info("a", nullptr, "c", kTwoPorts, 2, 1); }},
-      {"unset_config_info",
-       [] { return corvil_datapath_proxy_unset_config_info("a", "b", nullptr, kTwoPorts, 2, 1); }},
-      {"unset_reverse_dev_mapping",
-       [] { return corvil_datapath_proxy_unset_reverse_dev_mapping(1, nullptr, "c"); }},
-      {"unset_reverse_dev_mapping",
-       [] { return corvil_datapath_proxy_unset_reverse_dev_mapping(1, "b", nullptr); }},
-      {"update_config_info",
-       [] { return corvil_datapath_proxy_update_config_info(nullptr, 2, kTwoPorts, 0); }},
-      {"update_config_info",
-       [] { return corvil_datapath_proxy_update_config_info(kTwoPorts, 0, nullptr, 2); }},
-      {"add_ll_dst_addr", [] { return corvil_datapath_proxy_add_ll_dst_addr(nullptr, "b", 1, 2); }},
-      {"add_ll_dst_addr", [] { return corvil_datapath_proxy_add_ll_dst_addr("a", nullptr, 1, 2); }},
-      {"add_ipsec_info", [] { return corvil_datapath_proxy_add_ipsec_info(nullptr, "::"); }},
-      {"add_ipsec_info", [&] { return corvil_datapath_proxy_add_ipsec_info(&info, nullptr); }},
-      {"delete_ipsec_info", [] { return corvil_datapath_proxy_delete_ipsec_info(nullptr, "::"); }},
-      {"delete_ipsec_info",
-       [&] { return corvil_datapath_proxy_delete_ipsec_info(&info, nullptr); }},
-  };
-  for (const auto& [name, call] : cases) {
+  const auto expect_refused = [](const std::string& name, int result, const Events& before = {},
+                                 const Events& after = {}) {
+    EXPECT_EQ(result, -1) << name;
+    EXPECT_EQ(host().events, before + err(name, "Invalid parameters") + after);
     fake_host::reset();
-    EXPECT_EQ(call(), -1);
-    // The IPsec calls allocate before they look.
-    const Events expected =
-        name.find("ipsec") == std::string::npos
-            ? err(name, "Invalid parameters")
-            : Events{"calloc 40", "LOW " + kPrefix + name + "(): Allocated 40 bytes for msg"} +
-                  err(name, "Invalid parameters") + Events{"free"};
-    EXPECT_EQ(host().events, expected) << name;
+  };
+  for (int missing = 0; missing < 3; ++missing) {
+    const char* names[] = {"a", "b", "c"};
+    names[missing] = nullptr;
+    expect_refused("set_config_info", corvil_datapath_proxy_set_config_info(
+                                          names[0], names[1], names[2], kTwoPorts, 2, 1));
+    expect_refused("unset_config_info", corvil_datapath_proxy_unset_config_info(
+                                            names[0], names[1], names[2], kTwoPorts, 2, 1));
   }
+  for (const char* a : {"a", static_cast<const char*>(nullptr)}) {
+    const char* b = a == nullptr ? "b" : nullptr;
+    expect_refused("unset_reverse_dev_mapping",
+                   corvil_datapath_proxy_unset_reverse_dev_mapping(1, a, b));
+    expect_refused("add_ll_dst_addr", corvil_datapath_proxy_add_ll_dst_addr(a, b, 1, 2));
+
+    // The IPsec calls allocate before they look.
+    const IpsecInfo info{};
+    const IpsecInfo* flow = a == nullptr ? &info : nullptr;
+    const std::string allocated = "(): Allocated 40 bytes for msg";
+    expect_refused("add_ipsec_info", corvil_datapath_proxy_add_ipsec_info(flow, a),
+                   {"calloc 40", "LOW " + kPrefix + "add_ipsec_info" + allocated}, {"free"});
+    expect_refused("delete_ipsec_info", corvil_datapath_proxy_delete_ipsec_info(flow, a),
+                   {"calloc 40", "LOW " + kPrefix + "delete_ipsec_info" + allocated}, {"free"});
+  }
+  expect_refused("update_config_info",
+                 corvil_datapath_proxy_update_config_info(nullptr, 2, kTwoPorts, 0));
+  expect_refused("update_config_info",
+                 corvil_datapath_proxy_update_config_info(kTwoPorts, 0, nullptr, 2));
 }
 
 /// The command bytes of the requests sent, such as "05 03".
@@ -625,35 +615,6 @@ TEST_F(LibraryTest, SurvivesMalformedReplies) {
     EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
     EXPECT_EQ(host().events, query_events(cases[i].second)) << "case " << i;
   }
-}
-
-TEST_F(LibraryTest, LogsEveryLineToTheFileInColumns) {
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&text, &size);
-  zu_log_mask = 0;
-  log_to_file = 1;
-  logging_fd = stream;
-  setenv("TZ", "UTC", 1);
-  host().clock_seconds = 36942;
-  host().clock_microseconds = 120000;
-  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
-  fclose(stream);
-  // Only the statements' line numbers, three columns wide, are not literals here.
-  std::string log(text, size);
-  for (size_t at = 0; (at = log.find("():", at)) != std::string::npos; at += 3) {
-    if (log.substr(at + 6, 2) == " (") {
-      log.replace(at + 3, 3, "###");
-    }
-  }
-  std::free(text);
-  const std::string head =
-      "             10:15:42.120                               "
-      "datapath_proxy/src/corvil_datapath_proxy  corvil_datapath_proxy_flush_config_info():### ";
-  const std::string name = "corvil_datapath_proxy_flush_config_info";
-  EXPECT_EQ(log, head + "(LOW):" + name + "(): Allocated 20 bytes for msg\n" +  //
-                     head + "(HIGH):" + name + "(): Resetting datapath state\n\n" + head +
-                     "(LOW):" + name + "(): pre corvil_netlink_transact nlmsg_len 20\n");
 }
 
 }  // namespace
