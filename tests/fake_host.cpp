@@ -81,11 +81,13 @@ Host& host() {
   return the_host;
 }
 
+bool silent() { return getenv("FAKE_HOST_SILENT") != nullptr; }
+
 void reset() {
   host() = Host{};
   log_to_file = 0;
   logging_fd = nullptr;
-  zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
+  zu_log_mask = silent() ? 0 : ZU_LOG_MASK_DIAGNOSTIC;
 }
 
 std::string hex(const void* bytes, size_t length) {

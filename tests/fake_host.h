@@ -58,7 +58,11 @@ struct Host {
 /// The one host of the process.
 Host& host();
 
-/// A fresh host whose only sink is the diagnostic service, which tells all four levels apart.
+/// Whether the environment variable FAKE_HOST_SILENT is set.
+bool silent();
+
+/// A fresh host whose only sink is the diagnostic service, which tells all four levels apart; with
+/// no sink at all where the host is to be silent.
 void reset();
 
 /// "28000000 2a00 0500" as the bytes of a message; blanks do not matter.

@@ -71,7 +71,7 @@ void log_each_level() {
 #line 7000
   DATAPATH_LOG_AS(ERR, "a_name", "%s(): err 0x%x", uint32_t{255});
 }
-#line 79 "log_test.cpp"
+#line 75 "tests/log_test.cpp"
 
 TEST_F(LogTest, SwitchedOffItReadsTheSettingsAndNothingElse) {
   int evaluated = 0;
@@ -124,6 +124,17 @@ TEST_F(LogTest, StampsTheTimeWithoutLeadingZeros) {
   host().clock_works = false;
   DATAPATH_LOG(LOW, "%s()");
   EXPECT_NE(file_.text().find("               00:00:00.0 "), std::string::npos);
+}
+
+TEST_F(LogTest, StampsATimeThatHasNoLocalOneWithoutIt) {
+  if (sizeof(time_t) == 4) {
+    GTEST_SKIP() << "every time has a local one";
+  }
+  open_log_file();
+  host().clock_seconds = INT64_MAX;  // in a year that no int holds
+  host().clock_microseconds = 42000;
+  DATAPATH_LOG(LOW, "%s()");
+  EXPECT_TRUE(file_.text().starts_with("                      .42 ")) << file_.text();
 }
 
 TEST_F(LogTest, WritesThreeTimesToTheStreamOfTheMoment) {

@@ -116,7 +116,6 @@ inline Timestamp current_timestamp() {
   timeval now{};
   char clock[10]{};
   gettimeofday(&now, nullptr);
-  // follows.
   if (const tm* local = localtime(&now.tv_sec)) {
     strftime(clock, sizeof(clock), "%T", local);
   }
