@@ -39,7 +39,7 @@ for target in "$build"/bin/*_fuzz; do
   if [ "$found" -ne 0 ]; then
     status=1
     reproducer=$(sed -n 's/.*Test unit written to //p' "$log" | tail -n 1)
-    echo "$name: see $log; reproduce with: $target ${reproducer:-}" >&2
+    echo "$name: see $log; reproduce with: $target $reproducer" >&2
   fi
 done
 exit "$status"

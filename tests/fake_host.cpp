@@ -134,8 +134,7 @@ int corvil_nla_put(nlmsghdr* message, uint16_t type, uint32_t length, const void
   if (length != 0) {
     memcpy(attribute + 1, payload, length);
   }
-  const uint32_t end = start + NLA_HDRLEN + length;
-  message->nlmsg_len = host().unpadded_length ? end : NLA_ALIGN(end);
+  message->nlmsg_len = start + NLA_HDRLEN + NLA_ALIGN(length);
   return 0;
 }
 
@@ -223,7 +222,7 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
 }
 
 // The linker sends the calls of these libc functions here (--wrap).
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker names them.
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker names them.
 
 void* __real_calloc(size_t count, size_t size);
 void __real_free(void* memory);
@@ -278,5 +277,5 @@ int __wrap_fflush(FILE* stream) {
   return __real_fflush(stream);
 }
 
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+// NOLINTEND(bugprone-reserved-identifier)
 }

@@ -39,8 +39,6 @@ struct Host {
   /// Which allocation and which resolution of the family fails, counted from 1; 0: none.
   int failing_allocation = 0;
   int failing_resolution = 0;
-  /// Makes the append operation leave nlmsg_len at the unpadded end of an attribute.
-  bool unpadded_length = false;
   /// Time of day; gettimeofday() fails and writes nothing when there is none.
   bool clock_works = true;
   int64_t clock_seconds = 0;

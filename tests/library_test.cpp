@@ -366,20 +366,15 @@ INSTANTIATE_TEST_SUITE_P(
                          "Adding new port information failed")}}),
     [](const auto& test) { return test.param.name; });
 
-TEST_F(LibraryTest, ResolvesTheFamilyForEveryRequest) {
-  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
-  host().family_id = 0x1234;
-  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
-  EXPECT_EQ(sent(), (Events{"send 14000000 2a000500 00000000 00000000 09010000",
-                            "send 14000000 34120500 00000000 00000000 09010000"}));
-}
-
 TEST_F(LibraryTest, RefusesNullArguments) {
   const auto expect_refused = [](const std::string& name, int result, const Events& before = {},
                                  const Events& after = {}) {
     EXPECT_EQ(result, -1) << name;
     EXPECT_EQ(host().events, logged(before + err(name, "Invalid parameters") + after));
     fake_host::reset();
+  };
+  const auto allocation = [](const std::string& name) {
+    return Events{"calloc 40", "LOW " + kPrefix + name + "(): Allocated 40 bytes for msg"};
   };
   for (int missing = 0; missing < 3; ++missing) {
     const char* names[] = {"a", "b", "c"};
@@ -398,11 +393,10 @@ TEST_F(LibraryTest, RefusesNullArguments) {
     // The IPsec calls allocate before they look.
     const IpsecInfo info{};
     const IpsecInfo* flow = a == nullptr ? &info : nullptr;
-    const std::string allocated = "(): Allocated 40 bytes for msg";
     expect_refused("add_ipsec_info", corvil_datapath_proxy_add_ipsec_info(flow, a),
-                   {"calloc 40", "LOW " + kPrefix + "add_ipsec_info" + allocated}, {"free"});
+                   allocation("add_ipsec_info"), {"free"});
     expect_refused("delete_ipsec_info", corvil_datapath_proxy_delete_ipsec_info(flow, a),
-                   {"calloc 40", "LOW " + kPrefix + "delete_ipsec_info" + allocated}, {"free"});
+                   allocation("delete_ipsec_info"), {"free"});
   }
   expect_refused("update_config_info",
                  corvil_datapath_proxy_update_config_info(nullptr, 2, kTwoPorts, 0));
@@ -504,20 +498,6 @@ TEST_F(LibraryTest, LimitsAListToWhatOneRequestHolds) {
   fake_host::reset();
   EXPECT_EQ(corvil_datapath_proxy_update_config_info(nullptr, 0, ports.data(), 4096), -1);
   EXPECT_EQ(sent(), Events{});
-}
-
-TEST_F(LibraryTest, DoesNotDependOnThePaddingOfTheLength) {
-  EXPECT_EQ(set_up(kTwoPorts, 2), 0);
-  const Events padded = sent();
-  fake_host::reset();
-  host().unpadded_length = true;
-  EXPECT_EQ(set_up(kTwoPorts, 2), 0);
-  const Events unpadded = sent();
-  ASSERT_EQ(unpadded.size(), 3U);
-  EXPECT_EQ(unpadded[0], padded[0]);
-  // The last string ends 1 and 2 bytes before the end of its request.
-  EXPECT_EQ(unpadded[1].substr(0, 13), "send 2f000000");
-  EXPECT_EQ(unpadded[2].substr(0, 13), "send 26000000");
 }
 
 // Port tuple query

@@ -31,7 +31,7 @@ constexpr int kMaxErrno = 4095;
 
 /// A host sets its environment before it starts threads.
 const char* setting(const char* name) {
-  const char* value = getenv(name);  // NOLINT(concurrency-mt-unsafe): as above.
+  const char* value = getenv(name);
   return value != nullptr ? value : "";
 }
 

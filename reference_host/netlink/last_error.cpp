@@ -47,7 +47,6 @@ void clear_last_error() {
   last_error.message[0] = '\0';
 }
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks printf arguments best in this form.
 int fail(int error, const char* format, ...) {
   clear_last_error();
   last_error.error = error;
@@ -81,7 +80,6 @@ void record_refusal(int error, const nlmsghdr* answer) {
   }
 }
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): as above.
 void explain_refusal(const char* format, ...) {
   if (last_error.from_kernel == 0 || last_error.message[0] != '\0') {
     return;

@@ -49,7 +49,7 @@ Datagram stale_refusal(nlmsghdr request) {
 
 }  // namespace
 
-// NOLINTNEXTLINE(cert-msc32-c,cert-msc51-cpp): the same seed each time, to repeat a failure.
+// NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.
 Kernel::Kernel(std::function<void(std::string_view)> observer) : observer_(std::move(observer)) {}
 
 Answer Kernel::receive(Bytes datagram) {
