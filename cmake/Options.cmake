@@ -1,4 +1,4 @@
-# What every target of this project is built with: corvil::options.
+# What every target of this project is built with: corvil_options.
 
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_CXX_STANDARD 20)
@@ -9,12 +9,14 @@ set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+# Binaries find each other relative to where they are, not through the folder they were built in.
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
 # Tools and libraries share one folder, so that a tool finds the library beside itself.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 
 add_library(corvil_options INTERFACE)
-add_library(corvil::options ALIAS corvil_options)
 target_include_directories(corvil_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(corvil_options INTERFACE
   -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Werror

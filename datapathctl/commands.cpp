@@ -142,7 +142,11 @@ void print_ports(const std::vector<CorvilPort>& ports, bool json) {
     list.push_back({{"protocol", protocol}, {"port", port.port}});
     text += protocol + "/" + std::to_string(port.port) + "\n";
   }
-  std::cout << (json ? nlohmann::ordered_json{{"ports", list}}.dump() + "\n" : text) << std::flush;
+  if (json) {
+    print_json({{"ports", list}});
+  } else {
+    std::cout << text << std::flush;
+  }
 }
 
 void define_ports(CLI::App& command, Session& session, const char* name) {
@@ -161,16 +165,17 @@ void define_ports(CLI::App& command, Session& session, const char* name) {
 
 void define_state(CLI::App& command, Session& session, const char* /*name*/) {
   command.callback([&session] {
-    std::istringstream state(session.kernel_state());
+    const std::string state = session.kernel_state();
     if (!session.settings().json) {
-      std::cout << state.rdbuf() << std::flush;
+      std::cout << state << std::flush;
       return;
     }
     nlohmann::json lines = nlohmann::json::array();
-    for (std::string line; std::getline(state, line);) {
+    std::istringstream stream(state);
+    for (std::string line; std::getline(stream, line);) {
       lines.push_back(line);
     }
-    std::cout << nlohmann::json{{"state", lines}}.dump() << std::endl;
+    print_json({{"state", lines}});
   });
 }
 
@@ -261,6 +266,16 @@ CLI::App& object_of(std::string_view name, CLI::App& app) {
 }
 
 }  // namespace
+
+std::string commands_help() {
+  std::string help = "Commands:\n";
+  for (const Command& command : kCommands) {
+    std::string name(command.name);
+    name.resize(20, ' ');
+    help += "  " + name + " " + command.help + "\n";
+  }
+  return help;
+}
 
 void define_commands(CLI::App& app, Session& session) {
   for (const Command& command : kCommands) {

@@ -137,14 +137,15 @@ void define_options(CLI::App& app, Settings& settings) {
 }
 
 int run_command_line(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);  // a closed output shows in std::cout instead
   Settings settings;
   Session session(settings);
   CLI::App app("Drives the data-path library as its host, one command or a batch of them.",
                "datapathctl");
   app.require_subcommand(1);
-  app.footer(
-      "Exit status: 0 done, 1 bad usage or input, 2 refused by the kernel or failed.\n"
-      "Without --emulate or --socket the commands reach the kernel of this machine.");
+  app.footer(commands_help() +
+             "\nExit status: 0 done, 1 bad usage or input, 2 refused by the kernel or failed.\n"
+             "Without --emulate or --socket the commands reach the kernel of this machine.");
   define_options(app, settings);
   define_commands(app, session);
 
@@ -162,6 +163,9 @@ int run_command_line(int argc, char** argv) {
 
   try {
     const int run_status = run("", [&] { parse(app, argc, argv); });
+    if (!std::cout.flush()) {
+      return complain("cannot write the output", kFailed);
+    }
     return run_status != kDone ? run_status : status;
   } catch (const CLI::Success& success) {
     return app.exit(success);

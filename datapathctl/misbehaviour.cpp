@@ -1,5 +1,7 @@
 #include "datapathctl/misbehaviour.h"
 
+#include <linux/genetlink.h>
+
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -37,6 +39,14 @@ void set_refusal(Misbehaviour& misbehaviour, std::string_view value) {
   misbehaviour.refuse_error = parse_errno(value.substr(colon + 1));
 }
 
+void set_family_id(Misbehaviour& misbehaviour, std::string_view value) {
+  const uint32_t id = parse_number(value, UINT16_MAX, "family-id");
+  if (id <= GENL_ID_CTRL) {
+    throw UsageError("bad family-id: those up to " + std::to_string(GENL_ID_CTRL) + " are taken");
+  }
+  misbehaviour.family_id = static_cast<uint16_t>(id);
+}
+
 struct Word {
   std::string_view name;
   bool has_value;
@@ -58,10 +68,7 @@ constexpr Word kWords[] = {
      [](Misbehaviour& m, std::string_view v) {
        m.interrupted_dumps = parse_number(v, UINT32_MAX, "interrupt");
      }},
-    {"family-id", true,
-     [](Misbehaviour& m, std::string_view v) {
-       m.family_id = static_cast<uint16_t>(parse_number(v, UINT16_MAX, "family-id"));
-     }},
+    {"family-id", true, set_family_id},
 };
 
 }  // namespace

@@ -73,6 +73,11 @@ std::string without_name(const char* text) {
 
 }  // namespace
 
+void print_json(const nlohmann::ordered_json& object) {
+  // Names need not be UTF-8.
+  std::cout << object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+}
+
 Session::~Session() {
   corvil_netlink_set_trace(nullptr, nullptr);
   corvil_log_set_diagnostic_handler(nullptr, nullptr);
@@ -145,8 +150,8 @@ void Session::start_logging() {
 }
 
 void Session::on_log_message(const LogSiteDescriptor& site, const char* line, const char* text) {
-  if (site.level_mask == kErrorLevelMask && first_error_.empty()) {
-    first_error_ = without_name(text);
+  if (site.level_mask == kErrorLevelMask && !failure_) {
+    failure_ = Failure{*corvil_netlink_last_error(), last_request_, without_name(text)};
   }
   if (settings_.log_diagnostic) {
     std::cerr << line << "\n";
@@ -161,14 +166,14 @@ void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8
     }
     if (settings_.trace && settings_.json) {
       message["direction"] = sent ? "sent" : "received";
-      std::cout << message.dump() << "\n";
+      print_json(message);
     } else if (settings_.trace) {
       std::cout << (sent ? "> " : "< ") << to_text(message);
     }
   }
   if (settings_.trace && settings_.hex) {
     if (settings_.json) {
-      std::cout << nlohmann::json{{"bytes", to_hex(datagram)}}.dump() << "\n";
+      print_json({{"bytes", to_hex(datagram)}});
     } else {
       std::cout << "    bytes " << to_hex(datagram) << "\n";
     }
@@ -176,45 +181,49 @@ void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8
   std::cout.flush();
 }
 
-std::string Session::failure_reason(const CorvilNetlinkError& error) const {
+std::string Session::Failure::reason() const {
   if (error.error == 0) {
-    return first_error_;
+    return message;
   }
   if (error.from_kernel == 0) {
     return error.message;
   }
-  if (error.error == ENOENT && last_request_.starts_with("nlctrl ")) {
+  if (error.error == ENOENT && request.starts_with("nlctrl ")) {
     return "the kernel has no family " TAVIK_WLAN_FAMILY_NAME " (is its module loaded?)";
   }
-  std::string reason = "the kernel refused " + last_request_ + ": " +
-                       std::generic_category().message(error.error) + " (" +
-                       error_name(error.error) + ")";
+  std::string text = "the kernel refused " + request + ": " +
+                     std::generic_category().message(error.error) + " (" + error_name(error.error) +
+                     ")";
   if (error.message[0] != '\0') {
-    reason += std::string(": ") + error.message;
+    text += std::string(": ") + error.message;
   }
-  return reason;
+  return text;
+}
+
+void Session::begin_call() {
+  corvil_netlink_clear_last_error();
+  last_request_.clear();
+  failure_.reset();
 }
 
 void Session::report(const char* command, int result) {
-  // The query of ports returns 0 whatever became of it: what it logged tells.
-  const bool failed = result == -1 || !first_error_.empty();
+  if (result == -1 && !failure_) {
+    failure_ = Failure{*corvil_netlink_last_error(), last_request_, ""};
+  }
   nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
-  std::string reason;
-  if (failed) {
-    const CorvilNetlinkError& error = *corvil_netlink_last_error();
-    reason = failure_reason(error);
-    outcome["reason"] = reason;
-    if (error.error != 0) {
-      outcome["errno"] = error_name(error.error);
-      outcome["from_kernel"] = error.from_kernel != 0;
+  // The query of ports returns 0 whatever became of it: what it logged tells.
+  if (failure_) {
+    outcome["reason"] = failure_->reason();
+    if (failure_->error.error != 0) {
+      outcome["errno"] = error_name(failure_->error.error);
+      outcome["from_kernel"] = failure_->error.from_kernel != 0;
     }
   }
-  first_error_.clear();
   if (settings_.json) {
-    std::cout << outcome.dump() << std::endl;
+    print_json(outcome);
   }
-  if (failed) {
-    throw CallFailed(std::string(command) + ": " + reason);
+  if (failure_) {
+    throw CallFailed(std::string(command) + ": " + failure_->reason());
   }
 }
 

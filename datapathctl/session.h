@@ -48,6 +48,9 @@ struct LibraryFunction {
 #define LIBRARY_FUNCTION(function) \
   ::datapathctl::LibraryFunction<decltype(function)> { #function }
 
+/// Prints an object as one line of JSON.
+void print_json(const nlohmann::ordered_json& object);
+
 /// One at a time in a process, since the host's log settings and trace hook are the process's.
 class Session {
  public:
@@ -62,6 +65,7 @@ class Session {
   template <typename Function, typename... Arguments>
   void call(const char* command, LibraryFunction<Function> function, Arguments... arguments) {
     start();
+    begin_call();
     report(command, library_->symbol<Function>(function.name)(arguments...));
   }
 
@@ -74,11 +78,20 @@ class Session {
   [[nodiscard]] const Settings& settings() const { return settings_; }
 
  private:
+  /// What went wrong, as it stood when it did.
+  struct Failure {
+    CorvilNetlinkError error{};  // of the netlink library; its errno is 0 where that had no part
+    std::string request;         // the last one sent
+    std::string message;         // the library's own, at level ERR
+
+    [[nodiscard]] std::string reason() const;
+  };
+
   void start();
   void start_kernel();
   void start_logging();
+  void begin_call();
   void report(const char* command, int result);
-  [[nodiscard]] std::string failure_reason(const CorvilNetlinkError& error) const;
   void on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram);
   void on_log_message(const LogSiteDescriptor& site, const char* line, const char* text);
 
@@ -89,7 +102,7 @@ class Session {
   std::optional<ProxyLibrary> library_;
   MessageDecoder decoder_;
   std::string last_request_;
-  std::string first_error_;  // the call's first message at level ERR
+  std::optional<Failure> failure_;  // the first of the current call
 };
 
 }  // namespace datapathctl

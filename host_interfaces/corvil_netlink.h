@@ -61,8 +61,8 @@ int corvil_netlink_transact(const struct nlmsghdr* request, int protocol, int* e
  * reply    the message, complete and 4-byte aligned; valid during the call only
  * context  what the caller of corvil_netlink_query() passed
  *
- * Returns 1 when the reply was taken whole, 0 otherwise. It must not call a netlink operation that
- * exchanges messages.
+ * Returns 1 on success, 0 otherwise; the query goes on either way. It must not call a netlink
+ * operation that exchanges messages.
  */
 typedef int (*corvil_netlink_reply_callback)(const struct nlmsghdr* reply, void* context);
 

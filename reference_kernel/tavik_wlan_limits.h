@@ -1,4 +1,4 @@
-/* Limits of this project's own TAVIK_WLAN families, emulator and kernel module alike. */
+/* Limits of this project's own family TAVIK_WLAN. */
 #ifndef REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
 #define REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
 

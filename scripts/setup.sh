@@ -68,6 +68,13 @@ if [ "$(id -u)" -ne 0 ]; then
   fi
 fi
 
+# The ARM compilers conflict with it, so that no look at the network would help.
+multilib_obstacle="gcc-multilib is installed, which the ARM compilers conflict with"
+if [ ${#missing[@]} -eq 0 ] && installed gcc-multilib; then
+  leave_out_cross "$multilib_obstacle"
+  exit 0
+fi
+
 # Never removes a package that is there to make room for another.
 install_packages() {
   echo "setup: installing $*"
@@ -87,7 +94,7 @@ fi
 cross_obstacle() {
   local package
   if installed gcc-multilib; then
-    echo "gcc-multilib is installed, which the ARM compilers conflict with"
+    echo "$multilib_obstacle"
     return
   fi
   for package in "${missing_cross[@]}"; do

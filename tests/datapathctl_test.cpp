@@ -127,6 +127,21 @@ TEST_F(DatapathctlTest, PrintsJson) {
             "set\",\"errno\":\"ENOENT\",\"from_kernel\":true}\n");
 }
 
+TEST_F(DatapathctlTest, TellsTheReasonOfThisFailureAndNotOfAnother) {
+  const Outcome forgiven = run("--emulate batch -",
+                               "lowlat add ::1 1 ::2 2\nlowlat add ::1 1 ::2 2\n"
+                               "proxy up wlan0 --from a --to b tcp/1-4096\n");
+  EXPECT_EQ(forgiven.error, "datapathctl: standard input:3: proxy up: Too many ports: 4096\n");
+  const Outcome went_on = run("--emulate batch -",
+                              "proxy up wlan0 --from a --to b --selector 1\n"
+                              "proxy down wlan0 --from a --to b --selector 1 tcp/80\n");
+  EXPECT_EQ(went_on.error,
+            "datapathctl: standard input:2: proxy down: the kernel refused TAVIK_WLAN DEL_TUPLES: "
+            "No such file or directory (ENOENT): no such tuple\n");
+  EXPECT_EQ(run("--emulate --json reset >/dev/full 2>/dev/null; exit $?; :").status, 2)
+      << "lost output";
+}
+
 TEST_F(DatapathctlTest, FindsTheFamilyUnderItsNewId) {
   const Outcome outcome =
       run("--emulate --trace batch -", "reset\nmisbehave family-id=99\nreset\n");

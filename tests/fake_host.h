@@ -26,7 +26,8 @@ struct Answer {
 
 struct Host {
   /// "calloc 20", "free", "resolve TAVIK_WLAN 1", "send 14000000 2a00...", with " error slot" where
-  /// one was passed, "ERR name(): text" for a log message, and what later pieces of the host add.
+  /// one was passed, "query 14000000...", "reply 1" with the callback's result, "port 443 4 6",
+  /// "ERR name(): text" from the diagnostic sink and "android 6 tag name(): text".
   Events events;
 
   uint16_t family_id = 0x2a;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -99,6 +100,7 @@ TEST_F(SystemTest, ConfiguresTheKernel) {
 }
 
 TEST_F(SystemTest, ReadsSixtyThousandTuplesBack) {
+  setenv("CORVIL_NETLINK_TIMEOUT_MS", "20000", 1);
   std::vector<PortDescriptor> ports;
   for (uint32_t i = 0; i < 60000; ++i) {
     ports.push_back({i % 2 == 0 ? 4U : 6U, i % 4 < 2 ? 6U : 17U, static_cast<uint16_t>(i / 4)});
@@ -110,7 +112,8 @@ TEST_F(SystemTest, ReadsSixtyThousandTuplesBack) {
   corvil_port_tree_clear();
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  // A fraction of a second; the rest is for sanitizers and busy machines.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
   EXPECT_EQ(corvil_port_tree_count(), 60000U);
 
   emulator_->misbehave({.interrupted_dumps = 2});
@@ -123,41 +126,51 @@ TEST_F(SystemTest, ReadsSixtyThousandTuplesBack) {
 
 TEST_F(SystemTest, ServesEightThreadsAtOnce) {
   setenv("CORVIL_NETLINK_TIMEOUT_MS", "20000", 1);
-  const auto drive = [](uint32_t selector) {
+  std::atomic<bool> resets = false;  // then no other result is sure
+  const auto drive = [&](uint32_t selector) {
+    const auto expect = [&](int wanted, int result) { EXPECT_TRUE(resets || result == wanted); };
     const std::string device = "wlan" + std::to_string(selector);
     const PortDescriptor port = {4, 6, static_cast<uint16_t>(selector)};
     const PortDescriptor other = {6, 17, static_cast<uint16_t>(selector)};
     const IpsecInfo flow = {{}, htonl(selector)};
     for (int i = 0; i < 20; ++i) {
-      EXPECT_EQ(corvil_datapath_proxy_set_config_info(device.c_str(), "a", "b", &port, 1, selector),
-                0);
-      EXPECT_EQ(corvil_datapath_proxy_add_ipsec_info(&flow, "::"), 0);
+      expect(0,
+             corvil_datapath_proxy_set_config_info(device.c_str(), "a", "b", &port, 1, selector));
+      expect(0, corvil_datapath_proxy_add_ipsec_info(&flow, "::"));
       EXPECT_EQ(corvil_datapath_proxy_add_ll_dst_addr("::1", "::2", port.port, 0), 0);
       EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
-      EXPECT_EQ(corvil_datapath_proxy_update_config_info(&other, 1, &port, 1), 0);
-      EXPECT_EQ(corvil_datapath_proxy_delete_ipsec_info(&flow, "::"), 0);
+      expect(0, corvil_datapath_proxy_update_config_info(&other, 1, &port, 1));
+      expect(0, corvil_datapath_proxy_delete_ipsec_info(&flow, "::"));
       EXPECT_EQ(corvil_datapath_proxy_set_udp_encap_port(port.port), 0);
       // Whose port is set is a matter of luck.
       corvil_datapath_proxy_act_encap_port_drop(port.port);
       corvil_datapath_proxy_act_encap_port_pass_through(port.port);
       corvil_datapath_proxy_unset_udp_encap_port(port.port);
-      EXPECT_EQ(
-          corvil_datapath_proxy_unset_config_info(device.c_str(), "a", "b", &other, 1, selector),
-          0);
-      EXPECT_EQ(corvil_datapath_proxy_unset_reverse_dev_mapping(selector, "a", "b"), -1);
+      expect(0, corvil_datapath_proxy_unset_config_info(device.c_str(), "a", "b", &other, 1,
+                                                        selector));
+      expect(-1, corvil_datapath_proxy_unset_reverse_dev_mapping(selector, "a", "b"));
       EXPECT_EQ(corvil_datapath_proxy_flush_ll_dst_addr(), 0);
+      if (resets) {
+        EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+      }
     }
   };
-  std::vector<std::thread> threads;
-  for (uint32_t selector = 1; selector <= 8; ++selector) {
-    threads.emplace_back(drive, selector);
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  const auto drive_all = [&] {
+    std::vector<std::thread> threads;
+    for (uint32_t selector = 1; selector <= 8; ++selector) {
+      threads.emplace_back(drive, selector);
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  };
+  drive_all();
   const std::string state = emulator_->state();
   EXPECT_TRUE(state.empty() || state.starts_with("encap ")) << state;
+  resets = true;
+  drive_all();
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+  EXPECT_EQ(emulator_->state(), "");
 }
 
 TEST_F(SystemTest, SendsAsManyPortsAsOneRequestHolds) {

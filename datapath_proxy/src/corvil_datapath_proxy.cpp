@@ -398,7 +398,7 @@ AttributeRun payload_of(const nlattr* attribute, AttributeRun run) {
 }
 
 AttributeRun attributes_of(const nlmsghdr* reply) {
-  return reply->nlmsg_len > kHeadersSize
+  return reply->nlmsg_len >= kHeadersSize
              ? AttributeRun{reinterpret_cast<const uint8_t*>(reply) + kHeadersSize,
                             reply->nlmsg_len - kHeadersSize}
              : AttributeRun{};

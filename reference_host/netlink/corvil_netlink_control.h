@@ -39,6 +39,9 @@ typedef struct CorvilNetlinkError {
  */
 const CorvilNetlinkError* corvil_netlink_last_error(void);
 
+/* Forgets how the calling thread's last exchange ended, as if it had succeeded. Thread-safe. */
+void corvil_netlink_clear_last_error(void);
+
 typedef enum CorvilNetlinkDirection {
   CORVIL_NETLINK_SENT = 0,
   CORVIL_NETLINK_RECEIVED = 1,

@@ -92,6 +92,8 @@ void explain_refusal(const char* format, ...) {
 
 }  // namespace corvil::netlink
 
+CORVIL_EXPORT void corvil_netlink_clear_last_error() { corvil::netlink::clear_last_error(); }
+
 CORVIL_EXPORT const CorvilNetlinkError* corvil_netlink_last_error() {
   return &corvil::netlink::last_error;
 }
