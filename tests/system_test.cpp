@@ -231,10 +231,17 @@ TEST_F(SystemTest, SurvivesAMisbehavingKernel) {
   }
 }
 
-TEST_F(SystemTest, FailsWithoutAKernel) {
+TEST_F(SystemTest, FailsWithoutAKernelAndFindsItAgain) {
+  const auto restart = [this] {
+    emulator_ = std::make_unique<tavik_wlan::Emulator>(folder_ + "/kernel");
+  };
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+  emulator_.reset();
+  restart();
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0) << "the kept socket's peer has gone";
   emulator_.reset();
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), -1);
-  emulator_ = std::make_unique<tavik_wlan::Emulator>(folder_ + "/kernel");
+  restart();
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
 }
 

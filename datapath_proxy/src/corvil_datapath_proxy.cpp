@@ -4,6 +4,7 @@
 #include <linux/netlink.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
