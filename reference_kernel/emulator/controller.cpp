@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "reference_kernel/emulator/attribute_policy.h"
 #include "reference_kernel/emulator/attribute_reader.h"
 #include "reference_kernel/emulator/datagram_writer.h"
 
@@ -16,6 +17,8 @@ namespace tavik_wlan {
 namespace {
 
 constexpr uint8_t kControllerVersion = 2;
+constexpr AttributePolicy kFamilyName{.type = AttributePolicy::Type::kString,
+                                      .max_length = GENL_NAMSIZ - 1};
 
 /// Which family a request asks about.
 struct Query {
@@ -26,24 +29,23 @@ struct Query {
 /// Passes over attributes that it does not know, as the kernel's controller does.
 Verdict parse_query(Bytes message, Query& query) {
   AttributeReader reader(message.subspan(kMessageHeaders), kMessageHeaders);
-  while (const std::optional<Attribute> attribute = reader.next()) {
+  while (std::optional<Attribute> attribute = reader.next()) {
+    attribute->nested = false;  // The controller is older than the flag.
     const Bytes payload = attribute->payload;
-    const Refusal malformed{-EINVAL, "Attribute failed policy validation", attribute->offset};
     if (attribute->type == CTRL_ATTR_FAMILY_ID) {
-      if (payload.size() != sizeof(uint16_t)) {
-        return malformed;
+      if (payload.size() < sizeof(uint16_t)) {
+        return Refusal{-ERANGE, "Attribute failed policy validation", attribute->offset};
       }
       query.id = load<uint16_t>(payload);
     } else if (attribute->type == CTRL_ATTR_FAMILY_NAME) {
-      const auto end = std::find(payload.begin(), payload.end(), std::byte{0});
-      if (end == payload.end() || payload.size() > GENL_NAMSIZ) {
-        return malformed;
+      if (const Verdict verdict = validate(*attribute, kFamilyName)) {
+        return verdict;
       }
       query.name = reinterpret_cast<const char*>(payload.data());
     }
   }
   if (!query.id && !query.name) {
-    return Refusal{-EINVAL, "neither a family's id nor its name"};
+    return Refusal{-EINVAL};
   }
   return kAccepted;
 }
@@ -84,11 +86,11 @@ FamilyDescription describe_controller() {
 
 Outcome handle_controller_request(Bytes message, std::span<const FamilyDescription> families) {
   if (message.size() < kMessageHeaders) {
-    return {.verdict = Refusal{-EINVAL, "message shorter than its headers"}};
+    return {.verdict = Refusal{-EINVAL}};
   }
   const auto header = load<nlmsghdr>(message);
   if (load<genlmsghdr>(message.subspan(NLMSG_HDRLEN)).cmd != CTRL_CMD_GETFAMILY) {
-    return {.verdict = Refusal{-EOPNOTSUPP, "unknown command"}};
+    return {.verdict = Refusal{-EOPNOTSUPP}};
   }
   DatagramWriter writer;
   if (is_dump(header)) {
@@ -107,7 +109,7 @@ Outcome handle_controller_request(Bytes message, std::span<const FamilyDescripti
     return query.name ? family.name == *query.name : family.id == *query.id;
   });
   if (found == families.end()) {
-    return {.verdict = Refusal{-ENOENT, "no such family"}};
+    return {.verdict = Refusal{-ENOENT}};
   }
   append_family(writer, header, 0, *found);
   return {.replies = {writer.take()}};

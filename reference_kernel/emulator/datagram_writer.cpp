@@ -1,6 +1,46 @@
 #include "reference_kernel/emulator/datagram_writer.h"
 
+#include "reference_kernel/emulator/attribute_policy.h"
+
 namespace tavik_wlan {
+namespace {
+
+using Type = AttributePolicy::Type;
+
+void put_policy(DatagramWriter& writer, const AttributePolicy& policy) {
+  if (policy.type == Type::kUnsupported || policy.type == Type::kBe16) {
+    return;  // The kernel has no words for these.
+  }
+  const size_t nest = writer.begin_nest(NLMSGERR_ATTR_POLICY | NLA_F_NESTED);
+  uint32_t type = NL_ATTR_TYPE_BINARY;
+  if (policy.type == Type::kU8) {
+    writer.put(NL_POLICY_TYPE_ATTR_MIN_VALUE_U, uint64_t{0});
+    writer.put(NL_POLICY_TYPE_ATTR_MAX_VALUE_U, uint64_t{UINT8_MAX});
+    type = NL_ATTR_TYPE_U8;
+  } else if (policy.type == Type::kString) {
+    writer.put(NL_POLICY_TYPE_ATTR_MAX_LENGTH, policy.max_length);
+    type = NL_ATTR_TYPE_NUL_STRING;
+  } else if (policy.type == Type::kNested) {
+    type = NL_ATTR_TYPE_NESTED;
+  }
+  writer.put(NL_POLICY_TYPE_ATTR_TYPE, type);
+  writer.end_nest(nest);
+}
+
+void put_reason(DatagramWriter& writer, const Refusal& refusal) {
+  writer.put_string(NLMSGERR_ATTR_MSG, refusal.message);
+  if (refusal.offset) {
+    writer.put(NLMSGERR_ATTR_OFFS, *refusal.offset);
+  }
+  if (refusal.policy != nullptr) {
+    put_policy(writer, *refusal.policy);
+  }
+  if (refusal.missing_type) {
+    writer.put(NLMSGERR_ATTR_MISS_TYPE, *refusal.missing_type);
+  }
+}
+
+}  // namespace
 
 void DatagramWriter::begin_message(const nlmsghdr& request, uint16_t type, uint16_t flags) {
   message_ = bytes_.size();
@@ -40,17 +80,13 @@ void DatagramWriter::append_bytes(Bytes bytes) {
 
 Datagram acknowledgement(const nlmsghdr& request, const Verdict& verdict) {
   DatagramWriter writer;
+  // The kernel never gives the rest of a reason without a message.
+  const bool has_reason = verdict && verdict->message != nullptr;
   writer.begin_message(request, NLMSG_ERROR,
-                       static_cast<uint16_t>(NLM_F_CAPPED | (verdict ? NLM_F_ACK_TLVS : 0)));
+                       static_cast<uint16_t>(NLM_F_CAPPED | (has_reason ? NLM_F_ACK_TLVS : 0)));
   writer.append(nlmsgerr{.error = verdict ? verdict->error : 0, .msg = request});
-  if (verdict) {
-    writer.put_string(NLMSGERR_ATTR_MSG, verdict->message);
-    if (verdict->offset) {
-      writer.put(NLMSGERR_ATTR_OFFS, *verdict->offset);
-    }
-    if (verdict->missing_type) {
-      writer.put(NLMSGERR_ATTR_MISS_TYPE, *verdict->missing_type);
-    }
+  if (has_reason) {
+    put_reason(writer, *verdict);
   }
   writer.end_message();
   return writer.take();

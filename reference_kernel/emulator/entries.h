@@ -48,8 +48,9 @@ struct Flow {
 
 // NOLINTEND(modernize-use-nullptr)
 
-/// The address that a text in the notation of inet_pton() names; nothing when it names none.
-std::optional<Address> parse_address(const std::string& text);
+/// The address that a text names to the kernel, which differs from inet_pton() in that it passes
+/// over leading zeros; nothing when it names none.
+std::optional<Address> parse_address(const std::string& written);
 
 /// "ipv4 tcp 443", "ipv6 esp 0x00001001".
 std::string to_text(const Tuple& tuple);

@@ -4,6 +4,7 @@
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <set>
@@ -26,55 +27,75 @@ using Apply = Verdict (*)(State&, const Request&);
 
 struct Command {
   const char* name = nullptr;
+  uint16_t blamed = 0;    // the attribute that a refusal points to, unless it points elsewhere
   Apply apply = nullptr;  // null: a dump
 };
 
 using Commands = std::array<Command, TAVIK_WLAN_CMD_MAX + 1>;
 
+/// A refusal points to the first tuple that is not held.
+Verdict delete_tuples(State& state, const Request& request) {
+  Verdict verdict = state.delete_tuples(request.tuples);
+  if (verdict) {
+    const auto missing =
+        std::find_if(request.tuples.begin(), request.tuples.end(),
+                     [&](const Tuple& tuple) { return !state.tuples().contains(tuple); });
+    const auto position = static_cast<size_t>(missing - request.tuples.begin());
+    verdict->offset = request.offsets[TAVIK_WLAN_ATTR_TUPLES] + 2 * NLA_HDRLEN +
+                      static_cast<uint32_t>(position * kTupleElement);
+  }
+  return verdict;
+}
+
 constexpr Commands make_commands() {
   Commands commands{};
-  const auto define = [&](tavik_wlan_cmd command, const char* name, Apply apply) {
-    commands.at(command) = {name, apply};
+  const auto define = [&](tavik_wlan_cmd command, const char* name, uint16_t blamed, Apply apply) {
+    commands.at(command) = {name, blamed, apply};
   };
-  define(TAVIK_WLAN_CMD_ADD_TUPLES, "ADD_TUPLES",
+  define(TAVIK_WLAN_CMD_ADD_TUPLES, "ADD_TUPLES", TAVIK_WLAN_ATTR_TUPLES,
          [](State& state, const Request& request) { return state.add_tuples(request.tuples); });
-  define(TAVIK_WLAN_CMD_DEL_TUPLES, "DEL_TUPLES",
-         [](State& state, const Request& request) { return state.delete_tuples(request.tuples); });
-  define(TAVIK_WLAN_CMD_SET_DEV, "SET_DEV", [](State& state, const Request& request) {
-    return state.set_device(request.selector, request.device);
-  });
-  define(TAVIK_WLAN_CMD_UNSET_DEV, "UNSET_DEV", [](State& state, const Request& request) {
-    return state.unset_device(request.selector, request.device);
-  });
-  define(TAVIK_WLAN_CMD_ADD_FWD_INFO, "ADD_FWD_INFO", [](State& state, const Request& request) {
-    return state.add_forwarding(request.forwarding);
-  });
-  define(TAVIK_WLAN_CMD_DEL_FWD_INFO, "DEL_FWD_INFO", [](State& state, const Request& request) {
-    return state.delete_forwarding(request.forwarding);
-  });
-  define(TAVIK_WLAN_CMD_SET_ENCAP_PORT, "SET_ENCAP_PORT", [](State& state, const Request& request) {
-    return state.set_encapsulation_port(request.encapsulation_port);
-  });
-  define(TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, "UNSET_ENCAP_PORT",
+  define(TAVIK_WLAN_CMD_DEL_TUPLES, "DEL_TUPLES", 0, delete_tuples);
+  define(TAVIK_WLAN_CMD_SET_DEV, "SET_DEV", TAVIK_WLAN_ATTR_DEV,
+         [](State& state, const Request& request) {
+           return state.set_device(request.selector, request.device);
+         });
+  define(TAVIK_WLAN_CMD_UNSET_DEV, "UNSET_DEV", TAVIK_WLAN_ATTR_DEV,
+         [](State& state, const Request& request) {
+           return state.unset_device(request.selector, request.device);
+         });
+  define(TAVIK_WLAN_CMD_ADD_FWD_INFO, "ADD_FWD_INFO", TAVIK_WLAN_ATTR_FWD_TO,
+         [](State& state, const Request& request) {
+           return state.add_forwarding(request.forwarding);
+         });
+  define(TAVIK_WLAN_CMD_DEL_FWD_INFO, "DEL_FWD_INFO", TAVIK_WLAN_ATTR_FWD_TO,
+         [](State& state, const Request& request) {
+           return state.delete_forwarding(request.forwarding);
+         });
+  define(TAVIK_WLAN_CMD_SET_ENCAP_PORT, "SET_ENCAP_PORT", TAVIK_WLAN_ATTR_ENCAP_PORT,
+         [](State& state, const Request& request) {
+           return state.set_encapsulation_port(request.encapsulation_port);
+         });
+  define(TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, "UNSET_ENCAP_PORT", TAVIK_WLAN_ATTR_ENCAP_PORT,
          [](State& state, const Request& request) {
            return state.unset_encapsulation_port(request.encapsulation_port);
          });
-  define(TAVIK_WLAN_CMD_RESET, "RESET", [](State& state, const Request&) { return state.reset(); });
+  define(TAVIK_WLAN_CMD_RESET, "RESET", 0,
+         [](State& state, const Request&) { return state.reset(); });
   define(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH, "ENCAP_PORT_ACT_PASS_THROUGH",
-         [](State& state, const Request& request) {
+         TAVIK_WLAN_ATTR_ENCAP_PORT, [](State& state, const Request& request) {
            return state.set_encapsulation_action(request.encapsulation_port,
                                                  EncapsulationAction::kPassThrough);
          });
-  define(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, "ENCAP_PORT_ACT_DROP",
+  define(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, "ENCAP_PORT_ACT_DROP", TAVIK_WLAN_ATTR_ENCAP_PORT,
          [](State& state, const Request& request) {
            return state.set_encapsulation_action(request.encapsulation_port,
                                                  EncapsulationAction::kDrop);
          });
-  define(TAVIK_WLAN_CMD_LL_ADDR_ADD, "LL_ADDR_ADD",
+  define(TAVIK_WLAN_CMD_LL_ADDR_ADD, "LL_ADDR_ADD", TAVIK_WLAN_ATTR_LL_DST_ADDR,
          [](State& state, const Request& request) { return state.add_flow(request.flow); });
-  define(TAVIK_WLAN_CMD_LL_ADDR_FLUSH, "LL_ADDR_FLUSH",
+  define(TAVIK_WLAN_CMD_LL_ADDR_FLUSH, "LL_ADDR_FLUSH", 0,
          [](State& state, const Request&) { return state.flush_flows(); });
-  define(TAVIK_WLAN_CMD_GET_TUPLES, "GET_TUPLES", nullptr);
+  define(TAVIK_WLAN_CMD_GET_TUPLES, "GET_TUPLES", 0, nullptr);
   return commands;
 }
 
@@ -122,34 +143,33 @@ std::vector<Datagram> dump_tuples(const nlmsghdr& request, const std::set<Tuple>
 
 /// The command and its arguments, such as "ADD_TUPLES ipv4 tcp 443, ipv6 udp 4500".
 std::string describe(const Request& request) {
-  const AttributeSet& attributes = kCommandPolicies.at(request.command).attributes;
+  const CommandPolicy& policy = kCommandPolicies.at(request.command);
   std::string text = kCommands.at(request.command).name;
   const char* separator = " ";
   for (const Tuple& tuple : request.tuples) {
     text += separator + to_text(tuple);
     separator = ", ";
   }
-  if (attributes.contains(TAVIK_WLAN_ATTR_DEV)) {
+  if (policy.takes(TAVIK_WLAN_ATTR_DEV)) {
     text += ' ' + std::to_string(request.selector) + ' ' + request.device;
   }
-  if (attributes.contains(TAVIK_WLAN_ATTR_FWD_FROM)) {
+  if (policy.takes(TAVIK_WLAN_ATTR_FWD_FROM)) {
     text += ' ' + to_text(request.forwarding);
   }
-  if (attributes.contains(TAVIK_WLAN_ATTR_ENCAP_PORT)) {
+  if (policy.takes(TAVIK_WLAN_ATTR_ENCAP_PORT)) {
     text += ' ' + std::to_string(request.encapsulation_port);
   }
-  if (attributes.contains(TAVIK_WLAN_ATTR_LL_SRC_ADDR)) {
+  if (policy.takes(TAVIK_WLAN_ATTR_LL_SRC_ADDR)) {
     text += ' ' + to_text(request.flow);
   }
   return text;
 }
 
 uint32_t operation_flags(const CommandPolicy& policy) {
-  if (policy.mode == CommandPolicy::Mode::kDump) {
-    return GENL_CMD_CAP_DUMP;
-  }
-  return GENL_UNS_ADMIN_PERM | GENL_CMD_CAP_DO |
-         (policy.attributes.empty() ? 0 : GENL_CMD_CAP_HASPOL);
+  // A command without attributes has a policy, too: that there be none.
+  return GENL_CMD_CAP_HASPOL |
+         (policy.mode == CommandPolicy::Mode::kDump ? GENL_CMD_CAP_DUMP
+                                                    : GENL_CMD_CAP_DO | GENL_UNS_ADMIN_PERM);
 }
 
 }  // namespace
@@ -172,8 +192,12 @@ Outcome handle_family_request(Bytes message, State& state) {
     return {.verdict = verdict};
   }
   Outcome outcome;
-  if (const Apply apply = kCommands.at(request.command).apply) {
-    outcome.verdict = apply(state, request);
+  const Command& command = kCommands.at(request.command);
+  if (command.apply != nullptr) {
+    outcome.verdict = command.apply(state, request);
+    if (outcome.verdict && !outcome.verdict->offset) {
+      outcome.verdict->offset = request.offsets.at(command.blamed);
+    }
   } else {
     outcome.replies = dump_tuples(load<nlmsghdr>(message), state.tuples());
   }

@@ -111,11 +111,11 @@ Outcome Kernel::handle(Bytes message, const Exchange& exchange) {
   const auto header = load<nlmsghdr>(message);
   const bool is_controller = header.nlmsg_type == GENL_ID_CTRL;
   if (!is_controller && (misbehaviour_.absent || header.nlmsg_type != family_id())) {
-    return {.verdict = Refusal{-ENOENT, "unknown message type"}};
+    return {.verdict = Refusal{-ENOENT}};
   }
   if (is_dump(header) && exchange.dumped) {
     // A socket has one dump at a time. It bounds what one datagram of requests makes us send, too.
-    return {.verdict = Refusal{-EBUSY, "a dump is in progress"}};
+    return {.verdict = Refusal{-EBUSY}};
   }
   if (!is_controller) {
     return handle_for_family(message);

@@ -8,32 +8,23 @@
 #include <vector>
 
 #include "kernel_interface/tavik_wlan.h"
+#include "reference_kernel/emulator/attribute_policy.h"
 #include "reference_kernel/emulator/entries.h"
 #include "reference_kernel/emulator/message.h"
 #include "reference_kernel/emulator/verdict.h"
 
 namespace tavik_wlan {
 
-/// Some of the family's attributes.
-class AttributeSet {
- public:
-  template <typename... Types>
-  constexpr explicit AttributeSet(Types... types) {
-    (add(static_cast<uint16_t>(types)), ...);
-  }
-  constexpr void add(uint16_t type) { bits_ |= 1U << type; }
-  [[nodiscard]] constexpr bool contains(uint16_t type) const { return (bits_ >> type & 1U) != 0; }
-  [[nodiscard]] constexpr bool empty() const { return bits_ == 0; }
-
- private:
-  uint32_t bits_ = 0;
-};
-
 /// What a request of a command must look like.
 struct CommandPolicy {
   enum class Mode { kUnknownCommand, kConfigure, kDump };
   Mode mode = Mode::kUnknownCommand;
-  AttributeSet attributes{};  // each of them is required, no other is allowed
+  /// By type. Each that is supported is required.
+  std::array<AttributePolicy, TAVIK_WLAN_ATTR_MAX + 1> attributes{};
+
+  [[nodiscard]] constexpr bool takes(uint16_t type) const {
+    return attributes.at(type).type != AttributePolicy::Type::kUnsupported;
+  }
 };
 
 /// The policies, indexed by command.
@@ -48,13 +39,15 @@ struct Request {
   uint16_t encapsulation_port = 0;  // host byte order
   uint8_t selector = 0;
   Flow flow;
+  /// By type, where the attributes' headers lie in the message, in bytes; 0: not there.
+  std::array<uint32_t, TAVIK_WLAN_ATTR_MAX + 1> offsets{};
 };
 
 /// Parses a message to the family: the nlmsghdr and what follows, to the end of the span. Looks at
 /// neither nlmsg_len nor nlmsg_type. Reads nothing outside the span, whatever it holds.
 ///
-/// Accepted: `request` is the request. Refused, in the manner of the kernel's strict validation:
-/// `request` is unspecified. Thread-safe.
+/// Accepted: `request` is the request. Refused, as the kernel's generic netlink and then the family
+/// would: `request` is unspecified. Thread-safe.
 Verdict parse_request(Bytes message, Request& request);
 
 }  // namespace tavik_wlan

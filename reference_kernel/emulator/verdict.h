@@ -7,11 +7,14 @@
 
 namespace tavik_wlan {
 
+struct AttributePolicy;
+
 /// What an acknowledgement says about a request that is refused.
 struct Refusal {
-  int error;                            // a negative errno
-  const char* message;                  // a literal
-  std::optional<uint32_t> offset = {};  // of the bad attribute's header in the request, in bytes
+  int error;                                  // a negative errno
+  const char* message = nullptr;              // a literal; null where the kernel says no more
+  std::optional<uint32_t> offset = {};        // of the bad attribute's header in the request
+  const AttributePolicy* policy = nullptr;    // that the bad attribute fails; null: not told
   std::optional<uint32_t> missing_type = {};  // of the top-level attribute that is missing
 };
 

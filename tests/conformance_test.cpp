@@ -1,0 +1,472 @@
+// conformance_test [--target=emulator|kernel]: what the family TAVIK_WLAN of the emulated kernel,
+// or of the machine's own, answers to literal bytes and to the library, and what it holds then.
+// That of the machine takes root and loses what it holds.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "datapath_proxy/include/corvil_datapath_proxy.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_host/port_utils/corvil_port_tree.h"
+#include "reference_kernel/emulator/emulator.h"
+#include "reference_kernel/emulator/unix_socket.h"
+
+namespace {
+
+using std::string_literals::operator""s;
+
+bool targets_kernel = false;
+constexpr uint32_t kPortId = 0x87654321;
+
+// Messages are strings of bytes, little-endian but for ports, SPIs and addresses.
+
+template <typename T>
+std::string raw(T number) {
+  return {reinterpret_cast<const char*>(&number), sizeof(number)};
+}
+
+std::string message(uint16_t type, uint16_t flags, const std::string& rest) {
+  return raw(static_cast<uint32_t>(16 + rest.size())) + raw(type) + raw(flags) +
+         "\x78\x56\x34\x12" + raw(kPortId) + rest;
+}
+
+std::string attribute(uint16_t type, const std::string& payload) {
+  return raw(static_cast<uint16_t>(4 + payload.size())) + raw(type) + payload +
+         std::string((4 - payload.size() % 4) % 4, '\0');
+}
+
+std::string text(uint16_t type, const std::string& s) { return attribute(type, s + '\0'); }
+std::string nested(const std::string& payload) { return attribute(0x8001, payload); }
+std::string element(const std::string& tuple) { return nested(attribute(1, tuple)); }
+
+// What an acknowledgement says of a bad attribute: where it is, which is missing, of what kind and
+// within which limits it should be.
+std::string at(uint32_t offset) { return attribute(2, raw(offset)); }
+std::string missing(uint32_t type) { return attribute(5, raw(type)); }
+std::string policy(uint32_t kind, const std::string& limits = "") {
+  return attribute(0x8004, limits + attribute(1, raw(kind)));
+}
+const std::string kU8 =
+    policy(2, attribute(4, raw(uint64_t{0})) + attribute(5, raw(uint64_t{255})));
+const std::string kName = policy(12, attribute(7, raw(15)));
+const std::string kAddress = policy(12, attribute(7, raw(45)));
+const std::string kNested = policy(13);
+
+std::string acknowledgement(const std::string& request, int error = 0,
+                            const std::string& reason = "", const std::string& where = "") {
+  const std::string details = reason.empty() ? "" : text(1, reason) + where;
+  return message(NLMSG_ERROR, details.empty() ? 0x100 : 0x300,
+                 raw(error) + request.substr(0, 16) + details);
+}
+
+std::vector<std::string> split(const std::string& joined, char separator) {
+  std::istringstream stream(joined);
+  std::vector<std::string> parts;
+  for (std::string part; std::getline(stream, part, separator);) {
+    parts.push_back(part);
+  }
+  return parts;
+}
+
+const std::string kDone = message(NLMSG_DONE, NLM_F_MULTI, "\0\0\0\0"s);
+const std::string kLookUp = message(0x10, 5, "\3\1\0\0"s + text(2, "TAVIK_WLAN"));
+const std::string kTcp443 = element("\x01\xbb\0\0\x04\x06\0\0"s);
+const std::string kUdp4500 = element("\x11\x94\0\0\x06\x11\0\0"s);
+const std::string kEsp = element("\x00\x00\x10\x01\x04\x32\0\0"s);
+const std::string kBoth = nested(kUdp4500 + kTcp443);
+const std::string kSelector1 = attribute(6, "\1");
+const std::string kWlan0 = text(2, "wlan0");
+const std::string kPort500 = attribute(5, "\x01\xf4");
+const std::string kFlowPorts = attribute(9, "\x13\x88") + attribute(10, "\x13\x89");
+
+/// The command and attributes of a request that is refused, and where its fault is.
+using Bad = std::pair<std::string, std::string>;
+
+class ConformanceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("CORVIL_NETLINK_TIMEOUT_MS", "20000", 1);
+    targets_kernel ? connect_to_kernel() : connect_to_emulator();
+    const timeval patience{.tv_sec = 20, .tv_usec = 0};
+    setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    send(kLookUp);
+    const std::string found = receive();
+    ASSERT_GT(found.size(), 50U) << "no such family";
+    found.copy(reinterpret_cast<char*>(&family_), sizeof(family_), 40);
+    accept("\x09", "");
+  }
+
+  void connect_to_emulator() {
+    emulator_.emplace(path_);
+    setenv("CORVIL_NETLINK_EMULATOR", path_.c_str(), 1);
+    socket_ = tavik_wlan::FileDescriptor(socket(AF_UNIX, SOCK_SEQPACKET, 0));
+    sockaddr_un address{AF_UNIX, {}};
+    path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(connect(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  }
+
+  void connect_to_kernel() {
+    unsetenv("CORVIL_NETLINK_EMULATOR");
+    socket_ = tavik_wlan::FileDescriptor(socket(AF_NETLINK, SOCK_RAW, NETLINK_GENERIC));
+    sockaddr_nl address{AF_NETLINK, 0, kPortId, 0};
+    EXPECT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    for (const int option : {NETLINK_EXT_ACK, NETLINK_CAP_ACK, NETLINK_GET_STRICT_CHK}) {
+      const int on = 1;
+      EXPECT_EQ(setsockopt(socket_.get(), SOL_NETLINK, option, &on, sizeof(on)), 0);
+    }
+  }
+
+  [[nodiscard]] std::string state() const {
+    std::ifstream file("/proc/net/tavik_wlan");
+    return emulator_ ? emulator_->state() : std::string(std::istreambuf_iterator<char>(file), {});
+  }
+
+  void send(const std::string& datagram) const {
+    ::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
+  }
+
+  /// What comes, in however many datagrams, up to the so manieth end of an answer.
+  [[nodiscard]] std::string receive(int ends = 1) const {
+    std::string received;
+    for (std::vector<char> buffer(65536); ends > 0;) {
+      const ssize_t size = recv(socket_.get(), buffer.data(), buffer.size(), 0);
+      if (size <= 0) {
+        return received + "and no more";
+      }
+      received.append(buffer.data(), static_cast<size_t>(size));
+      const bool is_acknowledgement = buffer[4] == NLMSG_ERROR && buffer[5] == 0;
+      ends -= is_acknowledgement || received.ends_with(kDone) ? 1 : 0;
+    }
+    return received;
+  }
+
+  /// A request that wants an acknowledgement, from its command and attributes.
+  [[nodiscard]] std::string request(const std::string& body) const {
+    return message(family_, 5, body[0] + "\1\0\0"s + body.substr(1));
+  }
+
+  /// Expects an answer, and the state to be what it should be.
+  void expect(const std::string& asked, int error, const std::string& reason = "",
+              const std::string& where = "") const {
+    SCOPED_TRACE(::testing::PrintToString(asked.substr(16, 200)));
+    send(asked);
+    EXPECT_EQ(receive(), acknowledgement(asked, error, reason, where));
+    const std::string found = state();
+    EXPECT_TRUE(found == state_) << found.substr(0, 500) << "not:\n" << state_.substr(0, 500);
+  }
+
+  /// Expects that a request is accepted, and the state after it.
+  void accept(const std::string& body, const std::string& state) {
+    state_ = state;
+    expect(request(body), 0);
+  }
+
+  /// Expects that requests are refused and change nothing.
+  template <typename... Bads>
+  void refuse(int error, const std::string& reason, const Bads&... bads) const {
+    (expect(request(bads.first), error, reason, bads.second), ...);
+  }
+
+  const std::string path_ = ::testing::TempDir() + "conformance." + std::to_string(getpid());
+  std::optional<tavik_wlan::Emulator> emulator_;
+  uint16_t family_ = 0;  // its id
+  tavik_wlan::FileDescriptor socket_{-1};
+  std::string state_;  // as it should be
+};
+
+TEST_F(ConformanceTest, ChangesItsStateByTheRulesOfEachCommand) {
+  const std::string udp = "tuple ipv6 udp 4500\n";
+  const std::string flow = "lowlat 10.0.0.1 5000 10.0.0.2 5001\n";
+  const std::string not_set = "the encapsulation port is not set";
+  const std::string port4500 = attribute(0x4005, "\x11\x94");  // The flag has no effect.
+  const std::string wlan1 = kSelector1 + text(2, "wlan1");
+  const std::string pair = kSelector1 + text(3, "wwan0") + text(4, "wlan0");
+  const std::string flow4 = text(7, "10.0.0.1") + text(8, "10.0.0.2") + kFlowPorts;
+  const std::string to_ipv6 = text(8, "::2") + kFlowPorts;
+  accept("\1" + kBoth, "tuple ipv4 tcp 443\n" + udp);
+  // Of two containers the last counts; of the first not even that each element has a tuple.
+  accept("\1" + nested("\4\0\1\x80"s) + nested(kTcp443 + kEsp),
+         "tuple ipv4 tcp 443\ntuple ipv4 esp 0x00001001\n" + udp);
+  accept("\2" + nested(kTcp443 + kTcp443 + kEsp), udp);
+  accept("\1" + nested(kTcp443) + nested(""), udp);
+  refuse(-ENOENT, "no such tuple", Bad{"\2" + kBoth, at(44)});
+  accept("\x0c" + text(7, "::1") + to_ipv6, udp + "lowlat ::1 5000 ::2 5001\n");
+  refuse(-EEXIST, "the flow exists already", Bad{"\x0c" + text(7, "0:0::1") + to_ipv6, at(32)});
+  refuse(-EINVAL, "addresses of different families", Bad{"\x0c" + flow4 + text(8, "::"), at(68)});
+  accept("\x0c" + flow4, udp + flow + "lowlat ::1 5000 ::2 5001\n");
+  accept("\x0d", udp);
+  refuse(-ENOENT, not_set, Bad{"\x08" + kPort500, at(20)}, Bad{"\x0a" + kPort500, at(20)});
+  accept("\7" + kPort500, udp + "encap 500\n");
+  accept("\x0a" + kPort500, udp + "encap 500 pass-through\n");
+  refuse(-ENOENT, not_set, Bad{"\x08" + port4500, at(20)}, Bad{"\x0b" + port4500, at(20)});
+  accept("\x0b" + port4500 + kPort500, udp + "encap 500 drop\n");
+  accept("\7" + port4500, udp + "encap 4500\n");
+  accept("\x08" + port4500, udp);
+  accept("\3" + attribute(6, "\2") + kWlan0, udp + "device 2 wlan0\n");
+  accept("\3" + wlan1, udp + "device 1 wlan1\ndevice 2 wlan0\n");
+  refuse(-EEXIST, "the device is set already", Bad{"\3" + wlan1, at(28)});
+  refuse(-EBUSY, "another device is set", Bad{"\3" + kSelector1 + kWlan0, at(28)});
+  refuse(-ENOENT, "the device is not set", Bad{"\4" + kSelector1 + kWlan0, at(28)},
+         Bad{"\4" + kWlan0 + attribute(6, "\3"), at(20)});
+  accept("\4" + wlan1, udp + "device 2 wlan0\n");
+  accept("\5" + pair, udp + "device 2 wlan0\nforward 1 wwan0 wlan0\n");
+  refuse(-EEXIST, "the forwarding exists already", Bad{"\5" + pair, at(40)});
+  refuse(-ENOENT, "no such forwarding", Bad{"\6" + pair + attribute(6, "\2"), at(40)});
+  accept("\x0c" + flow4, udp + "device 2 wlan0\nforward 1 wwan0 wlan0\n" + flow);
+  accept("\6" + pair, udp + "device 2 wlan0\n" + flow);
+  accept("\x09", "");
+}
+
+TEST_F(ConformanceTest, SaysWhyItRefuses) {
+  const std::string flow = text(7, "::") + text(8, "1.2.3.4");
+  const std::string unwrapped = kTcp443.substr(4);  // what is in an element
+  const auto tuple = [](const std::string& payload) { return "\1" + nested(element(payload)); };
+  const auto in_element = [](const std::string& run) { return "\1" + nested(nested(run)); };
+  expect(message(0x3ff, 5, "\x09\1\0\0"s), -ENOENT);
+  expect(message(0x10, 5, "\3\1\0\0"s + text(2, "nobody")), -ENOENT);
+  expect(message(family_, 5, ""), -EINVAL);
+  expect(message(family_, 0x105, "\x0f\1\1\0"s), -EINVAL, "genlmsghdr.reserved field is not 0");
+  expect(message(family_, 0x105, "\x0f\1\0\0"s), -EINVAL,
+         "ambiguous or reserved bits set in nlmsg_flags");
+  expect(message(family_, 0x305, "\x09\1\0\0"s), -EOPNOTSUPP);
+  refuse(-EOPNOTSUPP, "", Bad{"\0"s, ""}, Bad{"\x0f", ""}, Bad{"\x0e", ""});
+  expect(message(family_, 0x301, "\x0e\1\0\0"s + kWlan0), -EINVAL, "Unsupported attribute", at(20));
+  refuse(-EINVAL, "missing attribute", Bad{"\1", missing(1)}, Bad{"\3", missing(2)},
+         Bad{"\4" + kWlan0, missing(6)}, Bad{"\5" + kSelector1, missing(3)},
+         Bad{"\6" + text(3, "a"), missing(4)}, Bad{"\x0b", missing(5)},
+         Bad{"\x0c" + attribute(9, "\0\0"s), missing(7)}, Bad{"\x0c" + text(7, "::"), missing(8)},
+         Bad{"\x0c" + flow, missing(9)}, Bad{"\x0c" + flow + attribute(9, "\0\0"s), missing(10)});
+  refuse(-EINVAL, "Unsupported attribute", Bad{"\x09" + kWlan0, at(20)},
+         Bad{"\x0d" + attribute(0x8002, ""), at(20)},
+         Bad{"\3" + kSelector1 + kWlan0 + kPort500, at(40)});
+  refuse(-EINVAL, "Unknown attribute type", Bad{"\3" + kSelector1 + attribute(11, ""), at(28)},
+         Bad{"\3" + attribute(0, ""), at(20)}, Bad{"\1" + nested("\4\0\2\x80"s), at(24)},
+         Bad{in_element("\4\0\2\0"s), at(28)});
+  refuse(-EINVAL, "bytes leftover after parsing attributes", Bad{"\7" + kPort500 + "\5\0\5\0"s, ""},
+         Bad{"\7" + kPort500 + "\3\0\5\0"s, ""}, Bad{in_element(unwrapped + "\0\0\0\0"s), ""},
+         Bad{"\1" + nested(kTcp443 + "\0\0\0\0"s), ""});
+  refuse(-EINVAL, "invalid attribute length", Bad{"\3" + attribute(6, ""), at(20) + kU8},
+         Bad{"\3" + attribute(0x8006, "\0\1"s), at(20) + kU8},
+         Bad{"\7" + attribute(5, "\1"), at(20)}, Bad{"\7" + attribute(0x8005, "\1\0\0"s), at(20)},
+         Bad{"\x0c" + attribute(10, "\1"), at(20)}, Bad{tuple("\0\0\0\0\7\7\1"s), at(28)},
+         Bad{tuple("\0\0\0\0\7\7\0\1\0"s), at(28)},
+         Bad{"\1" + kBoth + nested(element("")) + kBoth, at(64)});
+  refuse(-EINVAL, "NLA_F_NESTED not expected", Bad{"\3" + attribute(0x8006, "\1"), at(20) + kU8},
+         Bad{"\7" + attribute(0x8005, "\1\1"), at(20)},
+         Bad{"\3" + attribute(0x8002, ""), at(20) + kName},
+         Bad{in_element(nested("")), at(28) + policy(10)});
+  refuse(-EINVAL, "NLA_F_NESTED is missing", Bad{"\1" + attribute(1, kTcp443), at(20) + kNested},
+         Bad{"\2" + nested("\4\0\1\0"s), at(24) + kNested});
+  refuse(-EINVAL, "Attribute failed policy validation",
+         Bad{"\3" + attribute(2, ""), at(20) + kName},
+         Bad{"\3" + attribute(2, "wlan0"), at(20) + kName},
+         Bad{"\3" + text(2, "sixteen_letters_"), at(20) + kName},
+         Bad{"\x0c" + text(7, std::string(46, ':')), at(20) + kAddress});
+  refuse(-ERANGE, "Attribute failed policy validation",
+         Bad{"\5" + attribute(3, "ends\0not_here_16"s), at(20) + kName},
+         Bad{"\5" + text(4, "fifteen_letters\0"s), at(20) + kName},
+         Bad{"\x0c" + attribute(8, "::\0"s + std::string(43, ':')), at(20) + kAddress},
+         Bad{"\1" + nested("\0\0\0"s), at(20) + kNested},
+         Bad{"\1" + nested(kTcp443 + nested("\0"s)), at(40) + kNested});
+  refuse(-EINVAL, "unknown IP version", Bad{tuple("\0\0\0\1\5\7\1\0"s), at(28)});
+  refuse(-EINVAL, "unknown transport protocol", Bad{tuple("\0\0\0\1\4\7\1\0"s), at(28)});
+  refuse(-EINVAL, "reserved bytes of a tuple are not 0", Bad{tuple("\0\0\0\1\4\6\1\0"s), at(28)},
+         Bad{tuple("\0\0\0\1\4\x32\0\1"s), at(28)});
+  refuse(-EINVAL, "bytes after the port of a tuple are not 0",
+         Bad{tuple("\0\0\0\1\6\x11\0\0"s), at(28)}, Bad{tuple("\0\0\1\0\4\6\0\0"s), at(28)});
+  refuse(-EINVAL, "no tuple in an element", Bad{"\1" + nested(kTcp443 + "\4\0\1\x80"s), at(40)});
+  refuse(-EINVAL, "more than one tuple in an element",
+         Bad{in_element(unwrapped + unwrapped), at(40)});
+}
+
+TEST_F(ConformanceTest, TakesNamesAndAddressesAsTheKernelDoes) {
+  for (const std::string& name : {"fifteen_letters"s, "..."s, "\x1b%\\\xc3\xa4"s, "cut\0/"s}) {
+    accept("\3" + text(2, name) + kSelector1, "device 1 " + name.substr(0, name.find('\0')) + '\n');
+    accept("\x09", "");
+  }
+  for (const std::string& name : split("|.|..|a/b|:|a b|\t|a\n|\v|\f|\r|\xa0", '|')) {
+    refuse(-EINVAL, "invalid device name", Bad{"\3" + kSelector1 + text(2, name), at(28)},
+           Bad{"\5" + text(3, name) + kSelector1, at(20)},
+           Bad{"\6" + text(4, name) + kPort500, at(20)});
+  }
+  // What is written differently than it was given comes after '='.
+  const std::string good =
+      "1.2.3.4|255.255.255.255|001.02.3.000=1.2.3.0|::|1::|1:0:2:0:3:0:4:0|::ffff:1.2.3.4|"
+      "::5efe:1.2.3.4|2001:DB8:0:0:1:0:0:1=2001:db8::1:0:0:1|0001:00002::000000abcd=1:2::abcd|"
+      "1:2:3:4:5:6:7::=1:2:3:4:5:6:7:0|::2:3:4:5:6:7:8=0:2:3:4:5:6:7:8|::1.2.3.4=::102:304|"
+      "::ffff:102:304=::ffff:1.2.3.4|fe80::200:5EFE:0102:0304=fe80::200:5efe:1.2.3.4|"
+      "1:2:3:4:5:6:1.2.3.4=1:2:3:4:5:6:102:304|"
+      "0000:0000:0000:0000:0000:ffff:255.255.255.255=::ffff:255.255.255.255";
+  for (const std::string& address : split(good, '|')) {
+    const std::vector<std::string> texts = split(address, '=');
+    const std::string other = address.find(':') == std::string::npos ? "10.0.0.2" : "::2";
+    accept("\x0c" + text(7, texts.front()) + text(8, other) + kFlowPorts,
+           "lowlat " + texts.back() + " 5000 " + other + " 5001\n");
+    accept("\x0d", "");
+  }
+  const std::string bad =
+      "|1.2.3.256|1.2.3|1.2.3.4.5|1..3.4|1.2.3.4.|1.2.3.4:5|0x1.2.3.4| 1.2.3.4|1.2.3.4 |16909060|:|"
+      ":::|1::2::3|:1::2|1::2:|::12345|1:2:3:4:5:6:7|1:2:3:4:5:6:7:8:9|1:2:3:4:5:6:7::8|::1.2.3|"
+      "1:2:3:4:5:6::1.2.3.4|::1.2.3.4:5|::1.2.3.4 |fe80::1%eth0|fe80::1%1|[::1]|::1/128| ::1|::g";
+  for (const std::string& address : split(bad, '|')) {
+    refuse(-EINVAL, "invalid address", Bad{"\x0c" + text(7, address), at(20)},
+           Bad{"\x0c" + kFlowPorts + text(8, address), at(36)});
+  }
+}
+
+TEST_F(ConformanceTest, DealsWithDatagramsAndLookUpsAsNetlinkDoes) {
+  std::string commands;
+  for (uint16_t command = 1; command <= 14; ++command) {
+    const int flags = command == 14 ? 0x0c : 0x1a;
+    commands += attribute(command, attribute(1, raw(int{command})) + attribute(2, raw(flags)));
+  }
+  const std::string description = text(2, "TAVIK_WLAN") + attribute(1, raw(family_)) +
+                                  attribute(3, raw(1)) + attribute(4, raw(0)) +
+                                  attribute(5, raw(10)) + attribute(6, commands);
+  for (const std::string& look_up :
+       {kLookUp, message(0x10, 5, "\3\1\0\0"s + attribute(1, raw(family_)))}) {
+    send(look_up);
+    EXPECT_EQ(receive(), message(0x10, 0, "\1\2\0\0"s + description) + acknowledgement(look_up));
+  }
+  const std::string silent = message(family_, 1, "\1\1\0\0"s + kBoth);
+  const std::string no_request = message(family_, 4, "\2\1\0\0"s + kBoth);
+  const std::string unpadded = message(family_, 5, "\7\1\0\0\6\0\5\0\x11\x94"s);
+  // What follows a length that cannot be is passed over.
+  send(silent + no_request + unpadded + "\0\0\x0f\0\0\0"s + request("\x09").substr(4));
+  EXPECT_EQ(receive(2), acknowledgement(no_request) + acknowledgement(unpadded));
+  EXPECT_EQ(state(), "tuple ipv4 tcp 443\ntuple ipv6 udp 4500\nencap 4500\n");
+}
+
+TEST_F(ConformanceTest, HoldsAndDumpsAsManyTuplesAsItMay) {
+  const std::string dump = message(family_, 0x301, "\x0e\1\0\0"s);
+  send(dump);
+  EXPECT_EQ(receive(), kDone);
+  std::vector<PortDescriptor> ports(65535);
+  std::string elements;
+  std::string lines;
+  for (size_t i = 0; i < ports.size(); ++i) {
+    ports[ports.size() - 1 - i] = {4, 6, static_cast<uint16_t>(i)};  // The highest comes first.
+    elements += element(raw(htons(static_cast<uint16_t>(i))) + "\0\0\4\6\0\0"s);
+    lines += "tuple ipv4 tcp " + std::to_string(i) + '\n';
+  }
+  EXPECT_EQ(corvil_datapath_proxy_update_config_info(ports.data(), 4096, nullptr, 0), -1);
+  for (uint32_t i = 0; i < 65535; i += 4095) {  // A full container at a time.
+    const uint32_t count = std::min(65535 - i, 4095U);
+    ASSERT_EQ(corvil_datapath_proxy_update_config_info(&ports[i], count, nullptr, 0), 0);
+  }
+  accept("\1" + nested(kTcp443), lines);
+  refuse(-ENOSPC, "too many tuples", Bad{"\1" + nested(kEsp + kUdp4500), at(20)});
+  accept("\1" + nested(kTcp443 + kEsp + kEsp + kTcp443), lines + "tuple ipv4 esp 0x00001001\n");
+  refuse(-ENOSPC, "too many tuples", Bad{"\1" + kBoth, at(20)});
+  refuse(-ENOENT, "no such tuple", Bad{"\2" + nested(kTcp443 + kEsp + kUdp4500), at(60)});
+  send(dump);  // 1 MB, which no socket buffer takes. Meanwhile others go on.
+  corvil_port_tree_clear();
+  EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
+  EXPECT_EQ(corvil_netlink_last_error()->error, 0);
+  EXPECT_EQ(corvil_port_tree_count(), 65536U);
+  std::string dumped = receive();
+  elements += kEsp;
+  for (uint32_t length = 0; dumped.size() > kDone.size(); dumped.erase(0, length)) {
+    dumped.copy(reinterpret_cast<char*>(&length), sizeof(length));
+    const std::string part = elements.substr(0, length - 24);
+    ASSERT_TRUE(dumped.starts_with(message(family_, 2, "\x0e\1\0\0"s + nested(part))));
+    elements.erase(0, part.size());
+  }
+  EXPECT_EQ(elements + dumped, kDone);
+}
+
+TEST_F(ConformanceTest, IsConfiguredByTheLibrary) {
+  constexpr PortDescriptor kPorts[] = {{4, 6, 443}, {6, 17, 4500}, {4, 17, 53}};
+  const auto set_up = [&](const std::string& device) {
+    return corvil_datapath_proxy_set_config_info(device.c_str(), "wlan0", "wwan0", kPorts, 2, 1);
+  };
+  const std::string ports = "tuple ipv4 tcp 443\ntuple ipv6 udp 4500\n";
+  const std::string device = "device 1 fifteen_letters\n";
+  const std::string pair = "forward 1 wwan0 wlan0\n";
+  EXPECT_EQ(set_up(std::string(70000, 'x')), -1) << "longer than an attribute";
+  EXPECT_EQ(corvil_netlink_last_error()->error, EINVAL);
+  EXPECT_EQ(set_up("sixteen_letters_"), -1);
+  EXPECT_EQ(set_up(""), -1);
+  EXPECT_EQ(set_up("fifteen_letters"), 0);
+  EXPECT_EQ(corvil_datapath_proxy_set_udp_encap_port(htons(4500)), 0);
+  EXPECT_EQ(corvil_datapath_proxy_act_encap_port_drop(htons(4500)), 0);
+  EXPECT_EQ(corvil_datapath_proxy_act_encap_port_pass_through(htons(4500)), 0);
+  const IpsecInfo flow = {{}, htonl(0x1001)};
+  EXPECT_EQ(corvil_datapath_proxy_add_ipsec_info(&flow, "2001:db8::1"), 0);
+  for (int i = 0; i < 2; ++i) {  // the second time it is there already
+    EXPECT_EQ(corvil_datapath_proxy_add_ll_dst_addr("10.0.0.1", "10.0.0.2", htons(1), htons(2)), 0);
+  }
+  EXPECT_EQ(state(), ports + "tuple ipv6 esp 0x00001001\n" + device + pair +
+                         "encap 4500 pass-through\nlowlat 10.0.0.1 1 10.0.0.2 2\n");
+  EXPECT_EQ(corvil_datapath_proxy_unset_udp_encap_port(htons(500)), -1);
+  EXPECT_EQ(corvil_netlink_last_error()->error, ENOENT);
+  EXPECT_EQ(corvil_datapath_proxy_unset_udp_encap_port(htons(4500)), 0);
+  EXPECT_EQ(corvil_datapath_proxy_delete_ipsec_info(&flow, "::"), 0);
+  EXPECT_EQ(corvil_datapath_proxy_flush_ll_dst_addr(), 0);
+  // Ports and forwarding pair may be there already, the device may not.
+  EXPECT_EQ(set_up("fifteen_letters"), -1);
+  EXPECT_EQ(corvil_netlink_last_error()->error, EEXIST);
+  EXPECT_EQ(state(), ports + device + pair);
+  EXPECT_EQ(corvil_datapath_proxy_update_config_info(&kPorts[2], 1, kPorts, 2), 0);
+  EXPECT_EQ(corvil_datapath_proxy_unset_reverse_dev_mapping(1, "wlan0", "wwan0"), 0);
+  EXPECT_EQ(state(), "tuple ipv4 udp 53\n" + device);
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+  EXPECT_EQ(set_up("wlan1"), 0);
+  EXPECT_EQ(corvil_datapath_proxy_unset_config_info("wlan1", "wlan0", "wwan0", kPorts, 2, 1), 0);
+  EXPECT_EQ(state(), "");
+}
+
+TEST_F(ConformanceTest, ServesEightThreadsAtOnce) {
+  const auto drive = [](uint32_t selector) {
+    const std::string name = "wlan" + std::to_string(selector);
+    const char* device = name.c_str();
+    const PortDescriptor port = {4, 6, static_cast<uint16_t>(selector)};
+    const PortDescriptor other = {6, 17, static_cast<uint16_t>(selector)};
+    const IpsecInfo flow = {{}, selector};
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(corvil_datapath_proxy_set_config_info(device, "a", "b", &port, 1, selector), 0);
+      EXPECT_EQ(corvil_datapath_proxy_add_ipsec_info(&flow, "::"), 0);
+      EXPECT_EQ(corvil_datapath_proxy_add_ll_dst_addr("::1", "::2", port.port, 0), 0);
+      EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
+      EXPECT_EQ(corvil_datapath_proxy_update_config_info(&other, 1, &port, 1), 0);
+      EXPECT_EQ(corvil_datapath_proxy_delete_ipsec_info(&flow, "::"), 0);
+      EXPECT_EQ(corvil_datapath_proxy_set_udp_encap_port(port.port), 0);
+      corvil_datapath_proxy_unset_udp_encap_port(port.port);  // Whose is set is a matter of luck.
+      EXPECT_EQ(corvil_datapath_proxy_unset_config_info(device, "a", "b", &other, 1, selector), 0);
+      EXPECT_EQ(corvil_datapath_proxy_flush_ll_dst_addr(), 0);
+    }
+  };
+  {
+    std::vector<std::jthread> threads;
+    for (uint32_t selector = 1; selector <= 8; ++selector) {
+      threads.emplace_back(drive, selector);
+    }
+  }
+  EXPECT_TRUE(state().empty() || state().starts_with("encap ")) << state();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  const std::string target = argc > 1 ? argv[1] : "--target=emulator";
+  targets_kernel = target == "--target=kernel";
+  return targets_kernel || target == "--target=emulator" ? RUN_ALL_TESTS() : EXIT_FAILURE;
+}
