@@ -2,38 +2,45 @@
 # Installs the Debian packages that a purpose needs and that are missing, as root or through sudo.
 #
 #   scripts/setup.sh demo   what scripts/demo.sh builds with
-#   scripts/setup.sh test   that, and what scripts/test.sh checks with
+#   scripts/setup.sh vm     that, and what scripts/vm.sh boots a kernel with
+#   scripts/setup.sh test   all that, and what scripts/test.sh checks with
+#
+# The packages for the VM and those for ARM are left out, with a line that says why, where they
+# can't be had.
 set -euo pipefail
 
 demo_packages=(
   android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build nlohmann-json3-dev pkg-config
 )
 test_packages=(
-  binutils clang clang-format clang-tidy gcovr git libclang-rt-dev libgtest-dev shellcheck
+  binutils clang clang-format clang-tidy gcovr git libclang-rt-dev shellcheck
 )
-# What builds the library for ARM and runs its tests; done without where Debian lacks them.
+# What the tests are built with, in the VM too.
+unit_test_packages=(
+  libgtest-dev libnl-genl-3-dev
+)
+# What builds the library for ARM and runs its tests.
 cross_packages=(
   g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest qemu-user
 )
+# What builds the kernel module and boots a kernel with it, and witnesses there.
+vm_packages=(
+  busybox-static cpio kmod libelf1 libnl-utils make qemu-system-x86 sparse strace xz-utils
+)
 
-packages=("${demo_packages[@]}")
-case "${1:-test}" in
-  demo) cross_packages=() ;;
-  test) packages+=("${test_packages[@]}") ;;
-  *)
-    echo "usage: scripts/setup.sh [demo|test]" >&2
-    exit 1
-    ;;
-esac
+if ! command -v dpkg-query >/dev/null; then
+  echo "setup: this is no Debian system; install the equivalents of the packages in $0" >&2
+  exit 1
+fi
+
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+updated=no
+obstacle= # why packages could not be installed
 
 installed() {
   [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
-
-if ! command -v dpkg-query >/dev/null; then
-  echo "setup: this is no Debian system; install the equivalents of: ${packages[*]}" >&2
-  exit 1
-fi
 
 # Prints those of the packages that are not installed.
 missing_of() {
@@ -43,73 +50,75 @@ missing_of() {
   done
 }
 
-mapfile -t missing < <(missing_of "${packages[@]}")
-mapfile -t missing_cross < <(missing_of "${cross_packages[@]}")
-[ $((${#missing[@]} + ${#missing_cross[@]})) -gt 0 ] || exit 0
-
-fail() {
-  echo "setup: $1: ${missing[*]}" >&2
-  exit 1
+update_once() {
+  [ $updated = yes ] || "${as_root[@]}" apt-get update -qq || return 1
+  updated=yes
 }
 
-leave_out_cross() {
-  echo "setup: $1; left out, for ARM only: ${missing_cross[*]}"
+# Prints the first of the packages that Debian does not have.
+unknown_of() {
+  local package
+  for package in "$@"; do
+    apt-cache show "$package" >/dev/null 2>&1 || { echo "$package"; return; }
+  done
 }
 
-as_root=()
-if [ "$(id -u)" -ne 0 ]; then
-  if command -v sudo >/dev/null; then
-    as_root=(sudo)
-  elif [ ${#missing[@]} -gt 0 ]; then
-    fail "missing packages, and neither root nor sudo to install them"
-  else
-    leave_out_cross "neither root nor sudo"
-    exit 0
-  fi
-fi
-
-# The ARM compilers conflict with it, so that no look at the network would help.
-multilib_obstacle="gcc-multilib is installed, which the ARM compilers conflict with"
-if [ ${#missing[@]} -eq 0 ] && installed gcc-multilib; then
-  leave_out_cross "$multilib_obstacle"
-  exit 0
-fi
-
-# Never removes a package that is there to make room for another.
+# Installs packages, or fails and says in `obstacle` why. Never removes a package to make room.
 install_packages() {
+  local unknown
+  if installed gcc-multilib && [[ " $* " == *" g++-a"* ]]; then
+    obstacle="gcc-multilib is installed, which the ARM compilers conflict with"
+    return 1
+  fi
+  if [ ${#as_root[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
+    obstacle="neither root nor sudo"
+    return 1
+  fi
+  obstacle="Debian's packages cannot be reached"
+  update_once || return 1
+  unknown=$(unknown_of "$@")
+  obstacle="Debian has no $unknown here"
+  [ -z "$unknown" ] || return 1
   echo "setup: installing $*"
+  obstacle="installing them failed"
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y -qq --no-install-recommends --no-remove "$@" >/dev/null
 }
 
-updated=yes
-"${as_root[@]}" apt-get update -qq || updated=no
-
-if [ ${#missing[@]} -gt 0 ]; then
-  { [ $updated = yes ] && install_packages "${missing[@]}"; } ||
-    fail "these packages could not be installed"
-fi
-
-# Prints why the cross packages cannot be installed, if so.
-cross_obstacle() {
-  local package
-  if installed gcc-multilib; then
-    echo "$multilib_obstacle"
-    return
+require() {
+  local missing
+  mapfile -t missing < <(missing_of "$@")
+  if [ ${#missing[@]} -gt 0 ] && ! install_packages "${missing[@]}"; then
+    echo "setup: $obstacle; missing: ${missing[*]}" >&2
+    exit 1
   fi
-  for package in "${missing_cross[@]}"; do
-    if ! apt-cache show "$package" >/dev/null 2>&1; then
-      echo "Debian has no $package here"
-      return
-    fi
-  done
 }
 
-if [ ${#missing_cross[@]} -gt 0 ]; then
-  obstacle=$(cross_obstacle)
-  if [ -n "$obstacle" ]; then
-    leave_out_cross "$obstacle"
-  elif ! install_packages "${missing_cross[@]}"; then
-    leave_out_cross "these packages could not be installed"
+# want PURPOSE PACKAGES...: as require, but goes on without them.
+want() {
+  local purpose=$1 missing
+  shift
+  mapfile -t missing < <(missing_of "$@")
+  if [ ${#missing[@]} -gt 0 ] && ! install_packages "${missing[@]}"; then
+    echo "setup: $obstacle; left out, for $purpose only: ${missing[*]}"
   fi
-fi
+}
+
+case "${1:-test}" in
+  demo)
+    require "${demo_packages[@]}"
+    ;;
+  vm)
+    require "${demo_packages[@]}" "${unit_test_packages[@]}"
+    want "the VM" "${vm_packages[@]}"
+    ;;
+  test)
+    require "${demo_packages[@]}" "${unit_test_packages[@]}" "${test_packages[@]}"
+    want ARM "${cross_packages[@]}"
+    want "the VM" "${vm_packages[@]}"
+    ;;
+  *)
+    echo "usage: scripts/setup.sh [demo|vm|test]" >&2
+    exit 1
+    ;;
+esac

@@ -1,19 +1,42 @@
 #!/usr/bin/env bash
 # Builds everything and passes all tests: with g++, with clang++ and clang-tidy, with the sanitizers,
-# for ARM, under the fuzzer for a few seconds, and with every branch of the library's unit taken.
+# for ARM, in a VM with the kernel module, under the fuzzer for a few seconds, and with every branch
+# of the library's unit taken.
+#
+#   scripts/test.sh         the VM with its default kernel
+#   scripts/test.sh --all   the VM with each kernel
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+kernels=(6.12)
+case "${1:-}" in
+  '') ;;
+  --all) kernels=(6.12 6.1) ;;
+  *)
+    echo "usage: scripts/test.sh [--all]" >&2
+    exit 1
+    ;;
+esac
 
 scripts/setup.sh test
 
 git ls-files -z '*.h' '*.c' '*.cpp' | xargs -0 clang-format --dry-run -Werror
-shellcheck scripts/*.sh .ci/run
+shellcheck scripts/*.sh reference_kernel/vm/*.sh tests/*.sh .ci/run
 
 run_preset() {
   echo "== $1"
   cmake --preset "$1" --log-level=WARNING
   cmake --build --preset "$1"
   ctest --preset "$1" --parallel "$(nproc)"
+}
+
+run_vm() {
+  echo "== VM, kernel $1"
+  if ! obstacle=$(KERNEL=$1 scripts/vm.sh --check 2>&1); then
+    echo "skipped: $obstacle"
+    return
+  fi
+  KERNEL=$1 scripts/vm.sh 'conformance_test --target=kernel && kernel_test'
 }
 
 for preset in release clang asan tsan; do
@@ -27,6 +50,10 @@ if command -v arm-linux-gnueabihf-g++ >/dev/null && command -v aarch64-linux-gnu
 else
   echo "== armhf, arm64: skipped, their packages are not all here (scripts/setup.sh test says why)"
 fi
+
+for kernel in "${kernels[@]}"; do
+  run_vm "$kernel"
+done
 
 echo "== fuzz"
 scripts/fuzz.sh 5

@@ -1,0 +1,263 @@
+#!/bin/sh
+# Cases that only a real kernel can give. Runs as root inside the VM of scripts/vm.sh, each case on
+# the freshly loaded module.
+#
+# shellcheck disable=SC2317 # the cases are found by their names
+# shellcheck shell=dash
+set -eu
+
+folder=$(mktemp -d)
+
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+# same EXPECTED ACTUAL
+same() {
+  [ "$1" = "$2" ] || fail "expected:
+$1
+actual:
+$2"
+}
+
+# status_of COMMAND...: prints its exit status; its output goes to the files out and error.
+status_of() {
+  local status=0
+  "$@" >out 2>error || status=$?
+  echo $status
+}
+
+# refused TEXT COMMAND...: datapathctl fails, with TEXT in its one line.
+refused() {
+  local text=$1
+  shift
+  same "2 with 1 line" "$(status_of "$@") with $(wc -l <error) line"
+  grep -qF "$text" error || fail "not '$text' but: $(cat error)"
+}
+
+# eventually COMMAND...: waits until it succeeds.
+eventually() {
+  local tries=100
+  until "$@"; do
+    tries=$((tries - 1))
+    [ $tries -gt 0 ] || fail "not even after 10 s: $*"
+    sleep 0.1
+  done
+}
+
+state() {
+  cat /proc/net/tavik_wlan
+}
+
+state_is() {
+  [ "$(state)" = "$1" ]
+}
+
+# Prints the two bytes of the family's id in hex.
+family_id() {
+  genl-ctrl-list | sed -n 's/^0x\(..\)\(..\) TAVIK_WLAN version 1$/\2\1/p'
+}
+
+# autoload PROGRAM: what the kernel runs to load a module.
+autoload() {
+  echo "$1" >/proc/sys/kernel/modprobe
+}
+
+# Prints the commands that add 60,000 tuples.
+many_commands() {
+  seq 1 4000 56001 | while read -r first; do
+    echo "proxy update --new tcp/$first-$((first + 3999))"
+  done
+}
+
+# How many small objects the kernel holds, or held.
+objects() {
+  awk '/^kmalloc/ { count += $2 } END { print count }' "${1:-/proc/slabinfo}"
+}
+
+objects_are_below() {
+  [ "$(objects)" -lt "$1" ]
+}
+
+test_a_caller_follows_the_family_to_its_new_id() {
+  mkfifo commands
+  datapathctl batch - <commands &
+  exec 5>commands
+  echo "encap set 1" >&5
+  eventually state_is "encap 1"
+  before=$(family_id)
+  rmmod tavik_wlan
+  modprobe fou # another family, which takes the next id
+  modprobe tavik_wlan
+  [ "$(family_id)" != "$before" ] || fail "the id is $before still"
+  echo "encap set 2" >&5
+  exec 5>&-
+  wait $!
+  same "encap 2" "$(state)"
+}
+
+test_an_absent_module_is_reported_or_loaded() {
+  rmmod tavik_wlan
+  autoload /bin/false
+  refused "the kernel has no family TAVIK_WLAN" datapathctl --log-file log encap set 4500
+  same "corvil_datapath_proxy_genlmsg_init(): Querying GENL for family [TAVIK_WLAN, 1] failed
+corvil_datapath_proxy_set_udp_encap_port(): GENL message failure" "$(sed -n 's/.*(ERR)://p' log)"
+  autoload /sbin/modprobe
+  datapathctl encap set 4500
+  same "encap 4500" "$(state)"
+}
+
+test_configuring_takes_the_capability_in_the_network_namespace() {
+  setpriv=/usr/bin/setpriv # not the shell's own, which knows less
+  datapathctl encap set 4500
+  for command in "proxy update --new tcp/1" "encap unset 4500" "lowlat flush" reset; do
+    # shellcheck disable=SC2086 # the words of a command
+    refused "(EPERM)" $setpriv --bounding-set -net_admin datapathctl $command
+    # shellcheck disable=SC2086
+    refused "(EPERM)" $setpriv --reuid 1000 unshare -U -r datapathctl $command
+  done
+  same "encap 4500" "$(state)"
+  $setpriv --bounding-set -net_admin datapathctl ports
+  $setpriv --reuid 1000 unshare -U -r -n datapathctl encap set 1
+}
+
+test_network_namespaces_share_nothing() {
+  datapathctl proxy update --new tcp/1
+  unshare -n sh -ec 'datapathctl state; datapathctl proxy update --new tcp/2; datapathctl reset
+    datapathctl proxy update --new tcp/3; datapathctl ports; cat /proc/net/tavik_wlan' >inside
+  same "tcp/3
+tuple ipv4 tcp 3" "$(cat inside)"
+  same "tuple ipv4 tcp 1" "$(state)"
+}
+
+test_state_is_freed_with_its_namespace_and_with_the_module() {
+  many_commands >many
+  datapathctl batch many
+  held=$(objects)
+  rmmod tavik_wlan
+  eventually objects_are_below $((held - 50000))
+  modprobe tavik_wlan
+  unshare -n sh -ec 'datapathctl batch many; cat /proc/slabinfo' >held
+  eventually objects_are_below $(($(objects held) - 50000))
+}
+
+# Changes the tuples without a pause until there is a file stop.
+churn() {
+  until [ -e stop ]; do
+    printf 'ipsec add 0x1 ::1\nipsec delete 0x1 ::1\n'
+  done | datapathctl batch -
+}
+
+# Whether changes interrupted a dump; in any case it has every tuple that stayed, once.
+sees_interruption() {
+  local status
+  status=$(status_of libnl_peer list)
+  grep -v esp out | cmp stable - || fail "status $status, $(wc -l <out) tuples"
+  [ "$status" -eq 3 ]
+}
+
+# Whether an interrupted dump made the host's library ask again.
+asks_again() {
+  strace -o trace -e trace=sendmsg datapathctl --timeout 60000 ports >out 2>&1 ||
+    same "datapathctl: ports: the dump was interrupted by changes 4 times in a row" "$(cat out)"
+  [ "$(grep -c sendmsg trace)" -gt 2 ]
+}
+
+test_a_long_dump_stands_changes() {
+  many_commands | datapathctl batch -
+  seq 1 60000 | sed 's/^/tuple ipv4 tcp /' >stable
+  trap 'touch stop' EXIT
+  churn &
+  eventually sees_interruption
+  eventually asks_again
+  touch stop
+  wait $!
+  same 60000 "$(datapathctl --timeout 60000 ports | wc -l)"
+  same 0 "$(status_of libnl_peer list)"
+}
+
+# configure NUMBER: comes and goes, and leaves something each time.
+configure() {
+  local proxy="wlan$1 --from wwan0 --to wlan0 --selector $1 tcp/${1}000-${1}499"
+  for round in 10 11 12 13 14 15 16 17 18 19; do
+    echo "proxy up $proxy"
+    echo "ipsec add $1$round ::1"
+    echo "proxy down $proxy"
+  done | datapathctl batch -
+}
+
+test_eight_callers_configure_at_once() {
+  callers=
+  for number in 1 2 3 4 5 6 7 8; do
+    configure $number &
+    callers="$callers $!"
+  done
+  for pid in $callers; do
+    wait "$pid"
+  done
+  same "$(for number in 1 2 3 4 5 6 7 8; do
+    seq "${number}10" "${number}19" | xargs printf 'tuple ipv6 esp 0x%08x\n'
+  done)" "$(state)"
+}
+
+test_requests_are_those_of_the_protocol_byte_by_byte() {
+  id=$(family_id)
+  strace -o trace -xx -s 512 -e trace=sendmsg \
+    datapathctl proxy up wlan0 --from wwan0 --to wlan0 --selector 1 tcp/443 udp6/4500
+  # Of each message to the family the bytes, its sequence number left out.
+  sed 's/[^"]*"\([^"]*\)"[^"]*/\1/g; s/\\x//g; s/.\{8\}/ &/g' trace |
+    awk -v id="$id" '$2 == id "0500" { $3 = "seq"; print }' >sent
+  same "\
+38000000 ${id}0500 seq 00000000 01010000 24000180 10000180 0c000100 01bb0000 04060000 \
+10000180 0c000100 11940000 06110000
+34000000 ${id}0500 seq 00000000 05010000 05000600 01000000 0a000400 776c616e 30000000 \
+0a000300 7777616e 30000000
+28000000 ${id}0500 seq 00000000 03010000 05000600 01000000 0a000200 776c616e 30000000" "$(cat sent)"
+}
+
+test_the_kernel_and_another_library_agree() {
+  libnl_peer add 4 6 443
+  libnl_peer add 6 17 4500
+  libnl_peer add 4 50 4097
+  datapathctl proxy update --new udp/53
+  same "tuple ipv4 tcp 443
+tuple ipv4 udp 53
+tuple ipv4 esp 0x00001001
+tuple ipv6 udp 4500" "$(state)"
+  same "$(state)" "$(libnl_peer list)"
+  same "tcp/443
+udp/53
+udp6/4500" "$(datapathctl ports | grep -v esp)"
+}
+
+test_the_kernel_found_nothing_to_complain_of() {
+  ! dmesg | grep -E 'WARNING|BUG|Oops|INFO: |stall|refcount|leak|protection fault|locking'
+}
+
+passed=0
+failed=0
+cases=$(sed -n 's/^\(test_[a-z_]*\)() {$/\1/p' "$0")
+for case in $cases; do
+  mkdir "$folder/$case"
+  cd "$folder/$case"
+  autoload /sbin/modprobe
+  rmmod fou 2>/dev/null || true
+  rmmod tavik_wlan 2>/dev/null || true
+  modprobe tavik_wlan
+  set +e # or the case would not end at its first failure
+  (set -e && "$case") >log 2>&1
+  status=$?
+  set -e
+  if [ $status -eq 0 ]; then
+    passed=$((passed + 1))
+    echo "ok   ${case#test_}"
+  else
+    failed=$((failed + 1))
+    echo "FAIL ${case#test_}"
+    sed 's/^/       /' log
+  fi
+done
+rm -rf "$folder"
+echo "$passed passed, $failed failed"
+[ $failed -eq 0 ]
