@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -86,11 +85,6 @@ Session::~Session() {
     fclose(logging_fd);
   }
   logging_fd = nullptr;
-  emulator_.reset();
-  if (!emulator_folder_.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(emulator_folder_, ignored);
-  }
 }
 
 void Session::start() {
@@ -114,12 +108,7 @@ void Session::start() {
 
 void Session::start_kernel() {
   if (settings_.emulate) {
-    std::string folder = (std::filesystem::temp_directory_path() / "datapathctl.XXXXXX").string();
-    if (mkdtemp(folder.data()) == nullptr) {
-      throw std::system_error(errno, std::generic_category(), "cannot create " + folder);
-    }
-    emulator_folder_ = folder;
-    emulator_path_ = folder + "/kernel";
+    emulator_path_ = emulator_folder_.emplace().socket_path();
     emulator_.emplace(emulator_path_);
   } else if (!settings_.socket.empty()) {
     emulator_path_ = settings_.socket;

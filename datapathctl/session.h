@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "datapathctl/emulator_folder.h"
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/proxy_library.h"
 #include "host_interfaces/corvil_log_services.h"
@@ -96,9 +97,9 @@ class Session {
   void on_log_message(const LogSiteDescriptor& site, const char* line, const char* text);
 
   const Settings& settings_;
-  std::string emulator_path_;    // empty: the real kernel
-  std::string emulator_folder_;  // of the emulator in this process
-  std::optional<tavik_wlan::Emulator> emulator_;
+  std::string emulator_path_;  // empty: the real kernel
+  std::optional<EmulatorFolder> emulator_folder_;
+  std::optional<tavik_wlan::Emulator> emulator_;  // in this process
   std::optional<ProxyLibrary> library_;
   MessageDecoder decoder_;
   std::string last_request_;

@@ -215,6 +215,18 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
   EXPECT_TRUE(library.error.starts_with("datapathctl: cannot load the library: nonexistent.so: "));
 }
 
+TEST_F(DatapathctlTest, LeavesNoFileBehindWhenASignalEndsIt) {
+  const std::string scratch = folder_ + "/scratch";
+  std::filesystem::create_directory(scratch);
+  for (const char* signal : {"INT", "TERM"}) {
+    const int status = std::system(("(echo state; sleep 0.5) | TMPDIR=" + scratch + " timeout -s " +
+                                    signal + " 0.3 " DATAPATHCTL " --emulate batch -")
+                                       .c_str());
+    EXPECT_EQ(WEXITSTATUS(status), 124) << signal;
+    EXPECT_TRUE(std::filesystem::is_empty(scratch)) << signal;
+  }
+}
+
 TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
   const std::string socket = folder_ + "/kernel";
   ASSERT_EQ(std::system((DATAPATHCTL " emulator " + socket + " > " + folder_ +
