@@ -163,9 +163,9 @@ void define_ports(CLI::App& command, Session& session, const char* name) {
   });
 }
 
-void define_state(CLI::App& command, Session& session, const char* /*name*/) {
-  command.callback([&session] {
-    const std::string state = session.kernel_state();
+void define_state(CLI::App& command, Session& session, const char* name) {
+  command.callback([&session, name] {
+    const std::string state = session.kernel_state(name);
     if (!session.settings().json) {
       std::cout << state << std::flush;
       return;

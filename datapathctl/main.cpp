@@ -20,13 +20,17 @@ constexpr int kDone = 0;
 constexpr int kUsage = 1;
 constexpr int kFailed = 2;
 
-int complain(std::string_view what, int status) {
+int complain(std::string_view what, int status, std::string_view hint = "") {
   std::cout.flush();
   std::cerr << "datapathctl: " << what << "\n";
+  if (!hint.empty()) {
+    std::cerr << "datapathctl: hint: " << hint << "\n";
+  }
   return status;
 }
 
-/// Runs a step, with its errors as one line and an exit status; `place` stands before the line.
+/// Runs a step, with its errors as one line, a hint perhaps after it, and an exit status; `place`
+/// stands before the line.
 template <typename Step>
 int run(const std::string& place, Step step) {
   try {
@@ -38,6 +42,8 @@ int run(const std::string& place, Step step) {
     return complain(place + error.what(), kUsage);
   } catch (const UsageError& error) {
     return complain(place + error.what(), kUsage);
+  } catch (const CallFailed& error) {
+    return complain(place + error.what(), kFailed, error.hint());
   } catch (const std::exception& error) {
     return complain(place + error.what(), kFailed);
   }

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -15,7 +16,18 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-enum class Kind { kBytes, kString, kU8, kU16, kU32, kPort, kTuples, kOperations };
+enum class Kind {
+  kBytes,
+  kString,
+  kU8,
+  kU16,
+  kU32,
+  kPort,
+  kTuples,
+  kTupleElement,
+  kTuple,
+  kOperations
+};
 
 struct AttributeName {
   const char* name = nullptr;
@@ -55,6 +67,12 @@ constexpr std::array<AttributeName, TAVIK_WLAN_ATTR_MAX + 1> kAttributes = {{
     {"LL_SRC_PORT", Kind::kPort},
     {"LL_DST_PORT", Kind::kPort},
 }};
+
+constexpr std::array<AttributeName, TAVIK_WLAN_TUPLE_ELEMENT + 1> kTupleElements = {
+    {{}, {"ELEMENT", Kind::kTupleElement}}};
+
+constexpr std::array<AttributeName, TAVIK_WLAN_TUPLE_ATTR_MAX + 1> kTupleAttributes = {
+    {{}, {"TUPLE", Kind::kTuple}}};
 
 constexpr std::array<const char*, CTRL_CMD_GETFAMILY + 1> kControllerCommands = {
     nullptr, "NEWFAMILY", "DELFAMILY", "GETFAMILY"};
@@ -173,23 +191,105 @@ Json value(Kind kind, std::span<const uint8_t> bytes) {
     }
     case Kind::kTuples:
       return tuples(bytes);
+    case Kind::kTuple:
+      return tuple_text(bytes);
     case Kind::kOperations:
       return operations(bytes);
+    case Kind::kTupleElement:
     case Kind::kBytes:
       break;
   }
   return to_hex(bytes);
 }
 
+AttributeName known_attribute(std::span<const AttributeName> names, uint32_t type) {
+  return type < names.size() ? names[type] : AttributeName{};
+}
+
+std::string attribute_name(std::span<const AttributeName> names, uint32_t type) {
+  const char* name = known_attribute(names, type).name;
+  return name != nullptr ? name : "type " + std::to_string(type);
+}
+
 Json attributes(std::span<const AttributeName> names, std::span<const uint8_t> run) {
   Json object = Json::object();
   for_each_attribute(run, [&](const nlattr* attribute) {
     const uint16_t type = mnl_attr_get_type(attribute);
-    const AttributeName known = type < names.size() ? names[type] : AttributeName{};
-    const std::string name = known.name != nullptr ? known.name : "type " + std::to_string(type);
-    object[name] = value(known.kind, payload(attribute));
+    object[attribute_name(names, type)] =
+        value(known_attribute(names, type).kind, payload(attribute));
   });
   return object;
+}
+
+/// The attributes that one of a kind contains; empty where it contains none.
+std::span<const AttributeName> attributes_inside(Kind kind) {
+  switch (kind) {
+    case Kind::kTuples:
+      return kTupleElements;
+    case Kind::kTupleElement:
+      return kTupleAttributes;
+    default:
+      return {};
+  }
+}
+
+std::span<const AttributeName> attributes_of_family(uint16_t type, uint16_t family_id) {
+  if (type == GENL_ID_CTRL) {
+    return kControllerAttributes;
+  }
+  return type == family_id ? std::span<const AttributeName>(kAttributes)
+                           : std::span<const AttributeName>();
+}
+
+/// An attribute of a run, and which one of them.
+struct RunEntry {
+  const nlattr* attribute = nullptr;
+  size_t index = 0;
+};
+
+RunEntry entry_around(std::span<const uint8_t> run, const uint8_t* place) {
+  RunEntry found;
+  size_t index = 0;
+  for_each_attribute(run, [&](const nlattr* attribute) {
+    const auto* start = reinterpret_cast<const uint8_t*>(attribute);
+    if (place >= start && place < start + attribute->nla_len) {
+      found = {attribute, index};
+    }
+    ++index;
+  });
+  return found;
+}
+
+struct FoundAttribute {
+  NamedAttribute named;
+  std::span<const AttributeName> inside;  // the attributes that it may contain
+};
+
+/// The innermost attribute of a run that holds the byte at `place`.
+FoundAttribute find_attribute(std::span<const AttributeName> names, std::span<const uint8_t> run,
+                              const uint8_t* place) {
+  FoundAttribute found{{}, names};
+  for (;;) {
+    const auto [attribute, index] = entry_around(run, place);
+    if (attribute == nullptr) {
+      return found;
+    }
+    const uint16_t type = mnl_attr_get_type(attribute);
+    const Kind kind = known_attribute(found.inside, type).kind;
+    std::string& name = found.named.name;
+    if (kind == Kind::kTupleElement) {
+      name.append("[").append(std::to_string(index)).append("]");
+    } else {
+      name.append(name.empty() ? "" : ".").append(attribute_name(found.inside, type));
+    }
+    found.inside = attributes_inside(kind);
+    run = {};
+    if (found.inside.empty()) {
+      found.named.value = value(kind, payload(attribute));
+    } else if (place != reinterpret_cast<const uint8_t*>(attribute)) {
+      run = payload(attribute);
+    }
+  }
 }
 
 std::string command_name(std::span<const char* const> names, uint8_t command) {
@@ -203,6 +303,14 @@ std::span<const uint8_t> message_from(const nlmsghdr* message, size_t offset) {
   return offset < message->nlmsg_len
              ? std::span<const uint8_t>(bytes + offset, message->nlmsg_len - offset)
              : std::span<const uint8_t>();
+}
+
+FoundAttribute find_attribute(std::span<const uint8_t> request, uint32_t offset,
+                              uint16_t family_id) {
+  const auto* message = reinterpret_cast<const nlmsghdr*>(request.data());
+  return find_attribute(attributes_of_family(message->nlmsg_type, family_id),
+                        message_from(message, NLMSG_HDRLEN + GENL_HDRLEN),
+                        request.data() + std::min<size_t>(offset, request.size()));
 }
 
 Json decode_acknowledgement(const nlmsghdr* message) {
@@ -244,6 +352,18 @@ Json MessageDecoder::decode(std::span<const uint8_t> datagram) {
     messages.push_back({{"message", "MALFORMED"}, {"length", left}});
   }
   return messages;
+}
+
+NamedAttribute MessageDecoder::attribute_at(std::span<const uint8_t> request,
+                                            uint32_t offset) const {
+  return find_attribute(request, offset, family_id_).named;
+}
+
+std::string MessageDecoder::missing_attribute(std::span<const uint8_t> request, uint32_t type,
+                                              uint32_t container_offset) const {
+  const FoundAttribute container = find_attribute(request, container_offset, family_id_);
+  const std::string& name = container.named.name;
+  return (name.empty() ? "" : name + ".") + attribute_name(container.inside, type);
 }
 
 Json MessageDecoder::decode_message(const nlmsghdr* message) {

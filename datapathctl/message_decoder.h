@@ -12,21 +12,39 @@
 
 namespace datapathctl {
 
+struct NamedAttribute {
+  std::string name;  // with those it lies in: "DEV", "TUPLES[3].TUPLE"; the first element is [0]
+  nlohmann::ordered_json value;  // null of one that contains others
+};
+
 /// Decodes the datagrams of both sides in their order. Learns the family's id from the controller's
 /// answers among them. Not thread-safe.
 class MessageDecoder {
  public:
+  /// Takes the family's id, where it is known before.
+  explicit MessageDecoder(uint16_t family_id = 0) : family_id_(family_id) {}
+
   /// One object for each message of a datagram: "message" names it ("TAVIK_WLAN ADD_TUPLES", "ACK",
   /// "ERROR EEXIST", "DONE"), "seq" and "length" are those of its header, "attributes" maps names
   /// to values, ports and SPIs in host byte order. What is no whole message becomes a "MALFORMED"
   /// one. Reads nothing beyond the datagram, which is 4-byte aligned.
   nlohmann::ordered_json decode(std::span<const uint8_t> datagram);
 
+  /// The innermost attribute that a request holds at an offset from its start; one without a name
+  /// when there is none. The request is whole and 4-byte aligned.
+  [[nodiscard]] NamedAttribute attribute_at(std::span<const uint8_t> request,
+                                            uint32_t offset) const;
+
+  /// The name of an attribute that such a request lacks: by its type, and by the offset of the
+  /// container it belongs in, 0 for the request itself.
+  [[nodiscard]] std::string missing_attribute(std::span<const uint8_t> request, uint32_t type,
+                                              uint32_t container_offset) const;
+
  private:
   nlohmann::ordered_json decode_message(const nlmsghdr* message);
   nlohmann::ordered_json decode_generic(const nlmsghdr* message);
 
-  uint16_t family_id_ = 0;  // of TAVIK_WLAN; 0: not seen yet
+  uint16_t family_id_;  // of TAVIK_WLAN; 0: not known yet
 };
 
 /// A decoded message as lines of text, each ended by a newline, the first one its head.

@@ -12,10 +12,10 @@
 #include <iostream>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "datapathctl/misbehaviour.h"
 #include "datapathctl/values.h"
-#include "kernel_interface/tavik_wlan.h"
 #include "reference_host/log/corvil_log_control.h"
 
 namespace datapathctl {
@@ -26,13 +26,9 @@ constexpr char kTimeoutVariable[] = "CORVIL_NETLINK_TIMEOUT_MS";
 constexpr char kKernelState[] = "/proc/net/tavik_wlan";
 constexpr uint32_t kErrorLevelMask = 8;
 
-std::string error_name(int error) {
-  const char* name = strerrorname_np(error);
-  return name != nullptr ? name : std::to_string(error);
-}
-
-/// Reads to the end of a stream socket, as of a file.
-std::string read_socket(const std::string& path) {
+/// Reads the state of the emulator at a path to the end, as a file.
+std::string read_socket(const std::string& emulator) {
+  const std::string path = emulator + ".state";
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
   if (path.size() >= sizeof(address.sun_path)) {
     throw CallFailed("cannot read the emulator's state: path too long: " + path);
@@ -51,7 +47,8 @@ std::string read_socket(const std::string& path) {
   close(socket_fd);
   if (length < 0) {
     throw CallFailed("cannot read the emulator's state at " + path + ": " +
-                     std::generic_category().message(error));
+                         std::generic_category().message(error),
+                     emulator_hint(error, emulator));
   }
   return text;
 }
@@ -59,9 +56,17 @@ std::string read_socket(const std::string& path) {
 std::string read_file(const char* path) {
   std::ifstream file(path);
   if (!file) {
-    throw CallFailed(std::string("cannot read ") + path + " (is the kernel module loaded?)");
+    throw CallFailed(std::string("cannot read ") + path, kModuleHint);
   }
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Prints the JSON of a command that is done or has failed, with a hint if there is one.
+void print_outcome(nlohmann::ordered_json outcome, const std::string& hint) {
+  if (!hint.empty()) {
+    outcome["hint"] = hint;
+  }
+  print_json(outcome);
 }
 
 /// "name(): text" without the name.
@@ -140,7 +145,7 @@ void Session::start_logging() {
 
 void Session::on_log_message(const LogSiteDescriptor& site, const char* line, const char* text) {
   if (site.level_mask == kErrorLevelMask && !failure_) {
-    failure_ = Failure{*corvil_netlink_last_error(), last_request_, without_name(text)};
+    failure_ = make_failure(without_name(text));
   }
   if (settings_.log_diagnostic) {
     std::cerr << line << "\n";
@@ -149,18 +154,20 @@ void Session::on_log_message(const LogSiteDescriptor& site, const char* line, co
 
 void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
   const bool sent = direction == CORVIL_NETLINK_SENT;
+  const bool shown = settings_.trace;
   for (nlohmann::ordered_json& message : decoder_.decode(datagram)) {
     if (sent) {
       last_request_ = message["message"];
+      last_request_bytes_.assign(datagram.begin(), datagram.end());
     }
-    if (settings_.trace && settings_.json) {
+    if (shown && settings_.json) {
       message["direction"] = sent ? "sent" : "received";
       print_json(message);
-    } else if (settings_.trace) {
+    } else if (shown) {
       std::cout << (sent ? "> " : "< ") << to_text(message);
     }
   }
-  if (settings_.trace && settings_.hex) {
+  if (shown && settings_.hex) {
     if (settings_.json) {
       print_json({{"bytes", to_hex(datagram)}});
     } else {
@@ -170,23 +177,17 @@ void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8
   std::cout.flush();
 }
 
-std::string Session::Failure::reason() const {
-  if (error.error == 0) {
-    return message;
+Failure Session::make_failure(std::string message) const {
+  Failure failure{*corvil_netlink_last_error(), last_request_, std::move(message)};
+  const CorvilNetlinkError& error = failure.error;
+  if (error.from_kernel != 0 && error.attribute_offset != 0) {
+    failure.attribute = decoder_.attribute_at(last_request_bytes_, error.attribute_offset);
   }
-  if (error.from_kernel == 0) {
-    return error.message;
+  if (error.from_kernel != 0 && error.missing_attribute != 0) {
+    failure.missing = decoder_.missing_attribute(last_request_bytes_, error.missing_attribute,
+                                                 error.missing_nest_offset);
   }
-  if (error.error == ENOENT && request.starts_with("nlctrl ")) {
-    return "the kernel has no family " TAVIK_WLAN_FAMILY_NAME " (is its module loaded?)";
-  }
-  std::string text = "the kernel refused " + request + ": " +
-                     std::generic_category().message(error.error) + " (" + error_name(error.error) +
-                     ")";
-  if (error.message[0] != '\0') {
-    text += std::string(": ") + error.message;
-  }
-  return text;
+  return failure;
 }
 
 void Session::begin_call() {
@@ -197,39 +198,46 @@ void Session::begin_call() {
 
 void Session::report(const char* command, int result) {
   if (result == -1 && !failure_) {
-    failure_ = Failure{*corvil_netlink_last_error(), last_request_, ""};
+    failure_ = make_failure("");
   }
   nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
+  std::string hint;
   // The query of ports returns 0 whatever became of it: what it logged tells.
   if (failure_) {
-    outcome["reason"] = failure_->reason();
-    if (failure_->error.error != 0) {
-      outcome["errno"] = error_name(failure_->error.error);
-      outcome["from_kernel"] = failure_->error.from_kernel != 0;
-    }
+    failure_->describe(&outcome);
+    hint = failure_->hint(emulator_path_);
   }
   if (settings_.json) {
-    print_json(outcome);
+    print_outcome(outcome, hint);
   }
   if (failure_) {
-    throw CallFailed(std::string(command) + ": " + failure_->reason());
+    throw CallFailed(std::string(command) + ": " + failure_->reason(), hint);
   }
 }
 
-std::string Session::kernel_state() {
+std::string Session::kernel_state(const char* command) {
   start();
-  return emulator_path_.empty() ? read_file(kKernelState) : read_socket(emulator_path_ + ".state");
+  try {
+    return emulator_path_.empty() ? read_file(kKernelState) : read_socket(emulator_path_);
+  } catch (const CallFailed& failure) {
+    if (settings_.json) {
+      print_outcome({{"command", command}, {"result", -1}, {"reason", failure.what()}},
+                    failure.hint());
+    }
+    throw;
+  }
 }
 
 void Session::misbehave(const std::vector<std::string>& words) {
   if (words.empty()) {
     return;
   }
+  const tavik_wlan::Misbehaviour misbehaviour = parse_misbehaviour(words);
   start();
   if (!emulator_) {
     throw UsageError("only the emulator of --emulate can be told to misbehave");
   }
-  emulator_->misbehave(parse_misbehaviour(words));
+  emulator_->misbehave(misbehaviour);
 }
 
 }  // namespace datapathctl

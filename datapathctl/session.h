@@ -7,11 +7,11 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "datapathctl/emulator_folder.h"
+#include "datapathctl/failure.h"
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/proxy_library.h"
 #include "host_interfaces/corvil_log_services.h"
@@ -33,12 +33,6 @@ struct Settings {
   bool hex = false;
   bool json = false;
   uint32_t timeout_ms = 0;  // 0: the netlink library's own
-};
-
-/// A call that the kernel refused or that did not reach it; what() is one line for the user.
-class CallFailed : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
 };
 
 /// An exported function of the library, by the type of its prototype and its name.
@@ -70,8 +64,9 @@ class Session {
     report(command, library_->symbol<Function>(function.name)(arguments...));
   }
 
-  /// What the kernel holds, one line a thing. Throws CallFailed when it can't be read.
-  std::string kernel_state();
+  /// What the kernel holds, one line a thing. When it can't be read, reports that under the
+  /// command's name and throws CallFailed.
+  std::string kernel_state(const char* command);
 
   /// Makes the emulator of this process misbehave. Throws UsageError when there is none.
   void misbehave(const std::vector<std::string>& words);
@@ -79,20 +74,12 @@ class Session {
   [[nodiscard]] const Settings& settings() const { return settings_; }
 
  private:
-  /// What went wrong, as it stood when it did.
-  struct Failure {
-    CorvilNetlinkError error{};  // of the netlink library; its errno is 0 where that had no part
-    std::string request;         // the last one sent
-    std::string message;         // the library's own, at level ERR
-
-    [[nodiscard]] std::string reason() const;
-  };
-
   void start();
   void start_kernel();
   void start_logging();
   void begin_call();
   void report(const char* command, int result);
+  [[nodiscard]] Failure make_failure(std::string message) const;
   void on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram);
   void on_log_message(const LogSiteDescriptor& site, const char* line, const char* text);
 
@@ -103,6 +90,7 @@ class Session {
   std::optional<ProxyLibrary> library_;
   MessageDecoder decoder_;
   std::string last_request_;
+  std::vector<uint8_t> last_request_bytes_;
   std::optional<Failure> failure_;  // the first of the current call
 };
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +14,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "datapathctl/message_decoder.h"
 
 namespace {
 
@@ -88,7 +91,7 @@ TEST_F(DatapathctlTest, BringsTheProxyUpOnceAndSaysWhyNotTwice) {
   EXPECT_NE(twice.out.find("< ERROR EEXIST"), std::string::npos) << "of the forwarding pair";
   EXPECT_EQ(twice.error,
             "datapathctl: standard input:4: proxy up: the kernel refused TAVIK_WLAN SET_DEV: "
-            "File exists (EEXIST): the device is set already\n");
+            "File exists (EEXIST): the device is set already: DEV \"wlan0\"\n");
 }
 
 TEST_F(DatapathctlTest, TakesAProxyThroughItsLife) {
@@ -117,14 +120,16 @@ TEST_F(DatapathctlTest, PrintsJson) {
   const Outcome outcome =
       run("--emulate --json batch -", "proxy update --new udp6/53\nports\nstate\nencap unset 1\n");
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(outcome.out,
-            "{\"command\":\"proxy update\",\"result\":0}\n"
-            "{\"command\":\"ports\",\"result\":0}\n"
-            "{\"ports\":[{\"protocol\":\"udp6\",\"port\":53}]}\n"
-            "{\"state\":[\"tuple ipv6 udp 53\"]}\n"
-            "{\"command\":\"encap unset\",\"result\":-1,\"reason\":\"the kernel refused TAVIK_WLAN "
-            "UNSET_ENCAP_PORT: No such file or directory (ENOENT): the encapsulation port is not "
-            "set\",\"errno\":\"ENOENT\",\"from_kernel\":true}\n");
+  EXPECT_EQ(
+      outcome.out,
+      "{\"command\":\"proxy update\",\"result\":0}\n"
+      "{\"command\":\"ports\",\"result\":0}\n"
+      "{\"ports\":[{\"protocol\":\"udp6\",\"port\":53}]}\n"
+      "{\"state\":[\"tuple ipv6 udp 53\"]}\n"
+      "{\"command\":\"encap unset\",\"result\":-1,\"reason\":\"the kernel refused TAVIK_WLAN "
+      "UNSET_ENCAP_PORT: No such file or directory (ENOENT): the encapsulation port is not "
+      "set: ENCAP_PORT "
+      "1\",\"errno\":\"ENOENT\",\"from_kernel\":true,\"attribute\":\"ENCAP_PORT\",\"value\":1}\n");
 }
 
 TEST_F(DatapathctlTest, TellsTheReasonOfThisFailureAndNotOfAnother) {
@@ -137,9 +142,30 @@ TEST_F(DatapathctlTest, TellsTheReasonOfThisFailureAndNotOfAnother) {
                               "proxy down wlan0 --from a --to b --selector 1 tcp/80\n");
   EXPECT_EQ(went_on.error,
             "datapathctl: standard input:2: proxy down: the kernel refused TAVIK_WLAN DEL_TUPLES: "
-            "No such file or directory (ENOENT): no such tuple\n");
+            "No such file or directory (ENOENT): no such tuple: TUPLES[0].TUPLE \"ipv4 tcp 80\"\n");
   EXPECT_EQ(run("--emulate --json reset >/dev/full 2>/dev/null; exit $?; :").status, 2)
       << "lost output";
+}
+
+TEST(MessageDecoderTest, NamesTheAttributeAtAnOffset) {
+  alignas(4) static constexpr uint8_t kRequest[] = {
+      56, 0, 0, 0,    28, 0, 5, 0, 0,    0,    0, 0, 0, 0,  0, 0, 1, 1, 0, 0,  // headers
+      36, 0, 1, 0x80,                                                          // TUPLES
+      16, 0, 1, 0x80, 12, 0, 1, 0, 0x01, 0xbb, 0, 0, 4, 6,  0, 0,              // tcp/443
+      16, 0, 1, 0x80, 12, 0, 1, 0, 0x11, 0x94, 0, 0, 6, 17, 0, 0};             // udp6/4500
+  const datapathctl::MessageDecoder decoder(28);
+  const auto at = [&](uint32_t offset) {
+    const auto [name, value] = decoder.attribute_at(kRequest, offset);
+    return name + (value.is_null() ? "" : " " + value.dump());
+  };
+  EXPECT_EQ(at(20), "TUPLES");
+  EXPECT_EQ(at(24), "TUPLES[0]");
+  EXPECT_EQ(at(44), "TUPLES[1].TUPLE \"ipv6 udp 4500\"");
+  EXPECT_EQ(at(55), "TUPLES[1].TUPLE \"ipv6 udp 4500\"");
+  EXPECT_EQ(at(16) + at(56) + at(UINT32_MAX), "");
+  EXPECT_EQ(decoder.missing_attribute(kRequest, 2, 0), "DEV");
+  EXPECT_EQ(decoder.missing_attribute(kRequest, 1, 40), "TUPLES[1].TUPLE");
+  EXPECT_EQ(decoder.missing_attribute(kRequest, 77, 0), "type 77");
 }
 
 TEST_F(DatapathctlTest, FindsTheFamilyUnderItsNewId) {
@@ -182,27 +208,33 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
        "bad SPI: '0x100000000' is not a number from 0 to 4294967295"},
       {"--emulate lowlat add 10.0.0.1 1 ::1 2", 2,
        "lowlat add: the kernel refused TAVIK_WLAN LL_ADDR_ADD: Invalid argument (EINVAL): "
-       "addresses of different families"},
+       "addresses of different families: LL_DST_ADDR \"::1\""},
       {"--emulate --misbehave truncate=18 ports", 2, "ports: the answer is malformed"},
       {"--emulate --misbehave refuse=1:EPERM ports", 2,
        "ports: the kernel refused TAVIK_WLAN GET_TUPLES: Operation not permitted (EPERM): refused "
-       "on demand"},
+       "on demand\n"
+       "datapathctl: hint: it takes CAP_NET_ADMIN in the user namespace of the network namespace"},
       {"batch nonexistent", 1, "cannot read the batch nonexistent"},
       {"batch /", 1, "cannot read the batch /"},
       {"--emulate --log-file /nonexistent/x reset", 1,
        "cannot write the log file /nonexistent/x: No such file or directory"},
       {"--socket nonexistent reset", 2,
-       "reset: cannot reach the emulator: No such file or directory: nonexistent"},
+       "reset: cannot reach the emulator: No such file or directory: nonexistent\n"
+       "datapathctl: hint: is 'datapathctl emulator nonexistent' running?"},
       {"--socket nonexistent state", 2,
-       "cannot read the emulator's state at nonexistent.state: No such file or directory"},
+       "cannot read the emulator's state at nonexistent.state: No such file or directory\n"
+       "datapathctl: hint: is 'datapathctl emulator nonexistent' running?"},
       {"emulator /nonexistent/x", 2, "cannot listen at /nonexistent/x: No such file or directory"},
       {"--misbehave silent reset", 1, "only the emulator of --emulate can be told to misbehave"},
       {"--emulate --misbehave frob reset", 1, "bad misbehaviour 'frob'"},
       {"--emulate --misbehave absent reset", 2,
-       "reset: the kernel has no family TAVIK_WLAN (is its module loaded?)"},
-      {"--emulate --misbehave refuse=1:EPERM reset", 2,
-       "reset: the kernel refused TAVIK_WLAN RESET: Operation not permitted (EPERM): refused on "
-       "demand"},
+       "reset: the kernel has no family TAVIK_WLAN\n"
+       "datapathctl: hint: is the module tavik_wlan loaded?"},
+      {"--emulate --misbehave refuse=1:EIO reset", 2,
+       "reset: the kernel refused TAVIK_WLAN RESET: Input/output error (EIO): refused on demand"},
+      {"--emulate proxy unmap --from a --to sixteen_letters_", 2,
+       "proxy unmap: the kernel refused TAVIK_WLAN DEL_FWD_INFO: Invalid argument (EINVAL): "
+       "Attribute failed policy validation: FWD_TO \"sixteen_letters_\""},
       {"--emulate --misbehave silent --timeout 50 reset", 2, "reset: no answer within 50 ms"},
   };
   for (const Case& bad : cases) {

@@ -45,8 +45,8 @@ std::string bytes(const std::string& text, const std::string& sequence = "") {
 using Answer = std::vector<std::string>;
 const std::string kAck = "24000000 0200 0001 S 00000000 00000000 14000000 2000 0500 S 00000000";
 const std::string kRefusal =
-    "3c000000 0200 0003 S 00000000 eaffffff 14000000 2000 0500 S 00000000"  // EINVAL, and why
-    "0700 0100 62616400 0800 0200 14000000 0800 0500 06000000";
+    "44000000 0200 0003 S 00000000 eaffffff 14000000 2000 0500 S 00000000"  // EINVAL, and why
+    "0700 0100 62616400 0800 0200 14000000 0800 0500 06000000 0800 0600 18000000";
 const std::string kDone = "14000000 0300 0200 S 00000000 00000000";
 
 /// A part of a dump, with one byte of payload.
@@ -172,6 +172,7 @@ TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
   EXPECT_EQ(-1, transact(&error));
   EXPECT_EQ(-EINVAL, error);
   EXPECT_EQ(6U, corvil_netlink_last_error()->missing_attribute);
+  EXPECT_EQ(24U, corvil_netlink_last_error()->missing_nest_offset);
 }
 
 TEST(Netlink, FamilyQueryWantsIdAndVersion) {

@@ -28,7 +28,8 @@ typedef struct CorvilNetlinkError {
   int error;                 /* a positive errno */
   int from_kernel;           /* 1: the kernel refused the request; 0: the exchange failed */
   uint32_t attribute_offset; /* bytes from the start of the request to the bad attribute; 0: none */
-  uint32_t missing_attribute; /* type of the attribute that the kernel missed; 0: none */
+  uint32_t missing_attribute;   /* type of the attribute that the kernel missed; 0: none */
+  uint32_t missing_nest_offset; /* bytes to the container that lacks it; 0: the request does */
   char message[CORVIL_NETLINK_MESSAGE_SIZE]; /* NUL-terminated, cut where too long; the kernel's own
                                                 (empty when it gave none), or what failed here */
 } CorvilNetlinkError;

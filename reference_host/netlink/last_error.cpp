@@ -44,6 +44,7 @@ void clear_last_error() {
   last_error.from_kernel = 0;
   last_error.attribute_offset = 0;
   last_error.missing_attribute = 0;
+  last_error.missing_nest_offset = 0;
   last_error.message[0] = '\0';
 }
 
@@ -68,12 +69,13 @@ void record_refusal(int error, const nlmsghdr* answer) {
   if ((answer->nlmsg_flags & NLM_F_ACK_TLVS) == 0 || offset > size) {
     return;
   }
-  std::array<const nlattr*, NLMSGERR_ATTR_MISS_TYPE + 1> table{};
+  std::array<const nlattr*, NLMSGERR_ATTR_MISS_NEST + 1> table{};
   corvil_nla_parse(
       static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(answer, static_cast<size_t>(offset))),
-      table.data(), static_cast<uint32_t>(size - offset), NLMSGERR_ATTR_MISS_TYPE);
+      table.data(), static_cast<uint32_t>(size - offset), NLMSGERR_ATTR_MISS_NEST);
   last_error.attribute_offset = u32_or_zero(table[NLMSGERR_ATTR_OFFS]);
   last_error.missing_attribute = u32_or_zero(table[NLMSGERR_ATTR_MISS_TYPE]);
+  last_error.missing_nest_offset = u32_or_zero(table[NLMSGERR_ATTR_MISS_NEST]);
   if (const nlattr* text = table[NLMSGERR_ATTR_MSG]) {
     snprintf(last_error.message, sizeof(last_error.message), "%.*s",
              int{mnl_attr_get_payload_len(text)}, mnl_attr_get_str(text));
