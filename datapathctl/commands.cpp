@@ -159,12 +159,17 @@ void define_ports(CLI::App& command, Session& session, const char* name) {
           static_cast<std::vector<CorvilPort>*>(list)->push_back(*port);
         },
         &ports);
-    print_ports(ports, session.settings().json);
+    if (!session.settings().dry_run) {
+      print_ports(ports, session.settings().json);
+    }
   });
 }
 
 void define_state(CLI::App& command, Session& session, const char* name) {
   command.callback([&session, name] {
+    if (session.settings().dry_run) {
+      return;
+    }
     const std::string state = session.kernel_state(name);
     if (!session.settings().json) {
       std::cout << state << std::flush;

@@ -76,7 +76,8 @@ int run_batch(std::istream& input, const std::string& name, Session& session) {
     app.set_help_flag();
     app.require_subcommand(1);
     define_commands(app, session);
-    if (session.settings().trace && !session.settings().json) {
+    const Settings& settings = session.settings();
+    if ((settings.trace || settings.dry_run) && !settings.json) {
       std::cout << "# " << line.substr(start) << std::endl;
     }
     const int status = run(name + ":" + std::to_string(number) + ": ",
@@ -133,7 +134,10 @@ void define_options(CLI::App& app, Settings& settings) {
       ->type_name("MS")
       ->check(CLI::Range(1, 3600000));
   app.add_flag("--trace", settings.trace, "print every netlink message, decoded");
-  app.add_flag("--hex", settings.hex, "with --trace, print the bytes too");
+  app.add_flag("--dry-run", settings.dry_run,
+               "only print the netlink requests, decoded, as if each succeeded; family id and "
+               "sequence number, not known then, stand as 65535 and 0");
+  app.add_flag("--hex", settings.hex, "with --trace or --dry-run, print the bytes too");
   app.add_flag("--json", settings.json,
                "print results, state and trace as JSON, one object a line");
   app.add_option("--log-file", settings.log_file, "append the library's log there; -: print it")
@@ -165,6 +169,7 @@ int run_command_line(int argc, char** argv) {
   CLI::App* emulator =
       app.add_subcommand("emulator", "serve an emulated kernel until SIGINT or SIGTERM");
   emulator->add_option("PATH", path, "the socket to serve at")->required();
+  emulator->excludes(app.get_option("--dry-run"));
   emulator->callback([&] { serve_emulator(path, settings); });
 
   try {

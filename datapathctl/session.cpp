@@ -84,6 +84,7 @@ void print_json(const nlohmann::ordered_json& object) {
 
 Session::~Session() {
   corvil_netlink_set_trace(nullptr, nullptr);
+  corvil_netlink_set_dry_run(0);
   corvil_log_set_diagnostic_handler(nullptr, nullptr);
   log_to_file = 0;
   if (logging_fd != nullptr && logging_fd != stdout) {
@@ -97,7 +98,12 @@ void Session::start() {
     return;
   }
   library_.emplace(settings_.library);
-  start_kernel();
+  if (settings_.dry_run) {
+    corvil_netlink_set_dry_run(kDryRunFamilyId);
+    decoder_ = MessageDecoder(kDryRunFamilyId);
+  } else {
+    start_kernel();
+  }
   misbehave(settings_.misbehaviour);
   start_logging();
   if (settings_.timeout_ms != 0) {
@@ -154,7 +160,7 @@ void Session::on_log_message(const LogSiteDescriptor& site, const char* line, co
 
 void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
   const bool sent = direction == CORVIL_NETLINK_SENT;
-  const bool shown = settings_.trace;
+  const bool shown = settings_.trace || settings_.dry_run;
   for (nlohmann::ordered_json& message : decoder_.decode(datagram)) {
     if (sent) {
       last_request_ = message["message"];
@@ -207,7 +213,7 @@ void Session::report(const char* command, int result) {
     failure_->describe(&outcome);
     hint = failure_->hint(emulator_path_);
   }
-  if (settings_.json) {
+  if (settings_.json && (failure_ || !settings_.dry_run)) {
     print_outcome(outcome, hint);
   }
   if (failure_) {
@@ -234,6 +240,9 @@ void Session::misbehave(const std::vector<std::string>& words) {
   }
   const tavik_wlan::Misbehaviour misbehaviour = parse_misbehaviour(words);
   start();
+  if (settings_.dry_run) {
+    return;
+  }
   if (!emulator_) {
     throw UsageError("only the emulator of --emulate can be told to misbehave");
   }

@@ -25,6 +25,7 @@ struct Settings {
   std::string library;   // empty: the one beside this program
   std::string socket;    // of an emulator in another process; empty: the real kernel
   bool emulate = false;  // an emulator in this process
+  bool dry_run = false;  // no kernel at all: requests are only shown
   std::vector<std::string> misbehaviour;
   std::string log_file;  // empty: none; "-": standard output
   bool log_diagnostic = false;
@@ -34,6 +35,9 @@ struct Settings {
   bool json = false;
   uint32_t timeout_ms = 0;  // 0: the netlink library's own
 };
+
+/// What stands for the family's id in a dry run: beyond those that a kernel gives.
+inline constexpr uint16_t kDryRunFamilyId = 65535;
 
 /// An exported function of the library, by the type of its prototype and its name.
 template <typename Function>
@@ -68,7 +72,8 @@ class Session {
   /// command's name and throws CallFailed.
   std::string kernel_state(const char* command);
 
-  /// Makes the emulator of this process misbehave. Throws UsageError when there is none.
+  /// Makes the emulator of this process misbehave; nothing in a dry run. Throws UsageError on bad
+  /// words and when there is no emulator.
   void misbehave(const std::vector<std::string>& words);
 
   [[nodiscard]] const Settings& settings() const { return settings_; }

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -132,6 +133,33 @@ TEST_F(DatapathctlTest, PrintsJson) {
       "1\",\"errno\":\"ENOENT\",\"from_kernel\":true,\"attribute\":\"ENCAP_PORT\",\"value\":1}\n");
 }
 
+TEST_F(DatapathctlTest, ShowsInADryRunWhatItDoesNotSend) {
+  const std::string look_up =
+      "> nlctrl GETFAMILY, seq 0, 36 bytes\n    FAMILY_NAME \"TAVIK_WLAN\"\n";
+  const Outcome down =
+      run("--dry-run --socket nobody proxy down w --from a --to b --selector 1 "
+          "tcp/443");
+  EXPECT_EQ(down.status, 0) << down.error;
+  EXPECT_EQ(down.out, look_up +
+                          "> TAVIK_WLAN UNSET_DEV, seq 0, 36 bytes\n"
+                          "    SELECTOR 1\n    DEV \"w\"\n" +
+                          look_up +
+                          "> TAVIK_WLAN DEL_FWD_INFO, seq 0, 44 bytes\n"
+                          "    SELECTOR 1\n    FWD_TO \"b\"\n    FWD_FROM \"a\"\n" +
+                          look_up +
+                          "> TAVIK_WLAN DEL_TUPLES, seq 0, 40 bytes\n"
+                          "    TUPLES [\"ipv4 tcp 443\"]\n" +
+                          look_up + "> TAVIK_WLAN LL_ADDR_FLUSH, seq 0, 20 bytes\n");
+  const Outcome rest = run("--dry-run --json --hex batch -", "misbehave silent\nstate\nports\n");
+  EXPECT_EQ(rest.status, 0) << rest.error;
+  EXPECT_TRUE(rest.out.ends_with(
+      "{\"message\":\"TAVIK_WLAN GET_TUPLES\",\"attributes\":{},\"seq\":0,\"length\":20,"
+      "\"direction\":\"sent\"}\n"
+      "{\"bytes\":\"14000000 ffff0503 00000000 00000000 0e010000\"}\n"))
+      << rest.out;
+  EXPECT_EQ(std::count(rest.out.begin(), rest.out.end(), '\n'), 4) << "no result, no state";
+}
+
 TEST_F(DatapathctlTest, TellsTheReasonOfThisFailureAndNotOfAnother) {
   const Outcome forgiven = run("--emulate batch -",
                                "lowlat add ::1 1 ::2 2\nlowlat add ::1 1 ::2 2\n"
@@ -235,6 +263,9 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
       {"--emulate proxy unmap --from a --to sixteen_letters_", 2,
        "proxy unmap: the kernel refused TAVIK_WLAN DEL_FWD_INFO: Invalid argument (EINVAL): "
        "Attribute failed policy validation: FWD_TO \"sixteen_letters_\""},
+      {"--dry-run proxy up wlan0 --from a --to b tcp/1-4096", 2, "proxy up: Too many ports: 4096"},
+      {"--dry-run misbehave frob", 1, "bad misbehaviour 'frob'"},
+      {"--dry-run emulator kernel", 1, "emulator excludes --dry-run"},
       {"--emulate --misbehave silent --timeout 50 reset", 2, "reset: no answer within 50 ms"},
   };
   for (const Case& bad : cases) {

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "reference_host/corvil_export.h"
+#include "reference_host/netlink/dry_run.h"
 #include "reference_host/netlink/exchange.h"
 #include "reference_host/netlink/last_error.h"
 
@@ -69,6 +70,10 @@ CORVIL_EXPORT int corvil_netlink_query_genl(const char* family_name, uint32_t ve
   if (query_family(family_name, &family) == -1) {
     explain_refusal("netlink family %s is not available", family_name);
     return -1;
+  }
+  if (corvil::netlink::is_dry_run()) {
+    *family_id = corvil::netlink::dry_run_family_id;
+    return 0;
   }
   if (!family.known) {
     return fail(EBADMSG, "the controller's answer lacks the id or version of family %s",

@@ -68,6 +68,16 @@ typedef void (*corvil_netlink_trace_callback)(CorvilNetlinkDirection direction, 
  */
 void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* context);
 
+/*
+ * Has every request of the process shown to the trace callback, with sequence number 0, instead of
+ * sent: it succeeds without a reply, and nothing is opened.
+ *
+ * family_id  what corvil_netlink_query_genl() finds for any family then; 0 ends the dry run
+ *
+ * Not thread-safe: no other thread may be in a netlink operation.
+ */
+void corvil_netlink_set_dry_run(uint16_t family_id);
+
 #ifdef __cplusplus
 }
 #endif

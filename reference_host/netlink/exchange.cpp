@@ -14,6 +14,7 @@
 #include <span>
 
 #include "reference_host/netlink/deadline.h"
+#include "reference_host/netlink/dry_run.h"
 #include "reference_host/netlink/last_error.h"
 #include "reference_host/netlink/netlink_socket.h"
 #include "reference_host/netlink/trace.h"
@@ -85,6 +86,31 @@ bool is_well_formed(std::span<const std::byte> datagram) {
 
 enum class Progress { kPending, kDone, kInterrupted, kFailed };
 
+/// The header of a request as it is sent.
+nlmsghdr header_of(const Request& request, uint32_t sequence) {
+  nlmsghdr header = *request.message;
+  header.nlmsg_seq = sequence;
+  if (request.dump) {
+    header.nlmsg_flags |= NLM_F_DUMP;
+  }
+  return header;
+}
+
+/// Shows the trace hook the request in one piece, as the peer will see it.
+int trace_request(const nlmsghdr& header, const Request& request) {
+  if (!tracing()) {
+    return 0;
+  }
+  const std::unique_ptr<std::byte[]> copy(new (std::nothrow) std::byte[header.nlmsg_len]);
+  if (copy == nullptr) {
+    return fail(ENOMEM, "no memory to trace the request");
+  }
+  memcpy(copy.get(), request.message, header.nlmsg_len);
+  memcpy(copy.get(), &header, sizeof(header));
+  trace(CORVIL_NETLINK_SENT, copy.get(), header.nlmsg_len);
+  return 0;
+}
+
 class Exchange {
  public:
   Exchange(const Request& request, Connection& connection, int* refusal)
@@ -106,7 +132,6 @@ class Exchange {
  private:
   int send();
   int open();
-  [[nodiscard]] int trace_request(const nlmsghdr& header) const;
   Progress take(std::span<const std::byte> datagram);
   Progress take(const nlmsghdr* message);
   Progress finish(int result, const nlmsghdr* answer);
@@ -148,13 +173,9 @@ Progress Exchange::ask() {
 }
 
 int Exchange::send() {
-  nlmsghdr header = *request_.message;
-  header.nlmsg_seq = sequence_;
-  if (request_.dump) {
-    header.nlmsg_flags |= NLM_F_DUMP;
-  }
+  const nlmsghdr header = header_of(request_, sequence_);
   const bool kept = socket_.is_open_to(endpoint_);
-  if ((!kept && open() == -1) || trace_request(header) == -1) {
+  if ((!kept && open() == -1) || trace_request(header, request_) == -1) {
     return -1;
   }
   int error = socket_.send(header, request_.message, deadline_);
@@ -180,21 +201,6 @@ int Exchange::open() {
   return endpoint_.emulator[0] != '\0'
              ? fail(error, "cannot reach the emulator: %m: %s", endpoint_.emulator)
              : fail(error, "cannot open a socket of netlink protocol %d: %m", endpoint_.protocol);
-}
-
-/// Shows the trace hook the request in one piece, as the peer will see it.
-int Exchange::trace_request(const nlmsghdr& header) const {
-  if (!tracing()) {
-    return 0;
-  }
-  const std::unique_ptr<std::byte[]> copy(new (std::nothrow) std::byte[header.nlmsg_len]);
-  if (copy == nullptr) {
-    return fail(ENOMEM, "no memory to trace the request");
-  }
-  memcpy(copy.get(), request_.message, header.nlmsg_len);
-  memcpy(copy.get(), &header, sizeof(header));
-  trace(CORVIL_NETLINK_SENT, copy.get(), header.nlmsg_len);
-  return 0;
 }
 
 Progress Exchange::take(std::span<const std::byte> datagram) {
@@ -294,6 +300,10 @@ int exchange(const Request& request, int* refusal) {
   }
   if (request.message->nlmsg_len < sizeof(nlmsghdr)) {
     return fail(EINVAL, "the request is shorter than its header");
+  }
+  if (is_dry_run()) {
+    clear_last_error();
+    return trace_request(header_of(request, 0), request);
   }
   Exchange current(request, connection, refusal);
   for (int attempt = 0; attempt <= kDumpRetries; ++attempt) {
