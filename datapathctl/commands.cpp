@@ -28,9 +28,12 @@ struct ProxyArguments {
 };
 
 void add_forwarding(CLI::App& command, ProxyArguments& arguments) {
-  command.add_option("--from", arguments.from, "what is forwarded")->required();
-  command.add_option("--to", arguments.to, "where it is forwarded to")->required();
-  command.add_option("--selector", arguments.selector, "number sent along, 0 unless given");
+  command.add_option("--from", arguments.from, "what is forwarded")->required()->type_name("NAME");
+  command.add_option("--to", arguments.to, "where it is forwarded to")
+      ->required()
+      ->type_name("NAME");
+  command.add_option("--selector", arguments.selector, "number sent along, 0 unless given")
+      ->type_name("NUMBER");
 }
 
 void define_proxy(CLI::App& command, Session& session, const char* name,
@@ -38,7 +41,7 @@ void define_proxy(CLI::App& command, Session& session, const char* name,
   auto arguments = std::make_shared<ProxyArguments>();
   command.add_option("DEVICE", arguments->device, "WLAN device")->required();
   add_forwarding(command, *arguments);
-  command.add_option("PORT", arguments->ports, "ports: tcp/443, udp6/4500, tcp/1000-1999");
+  command.add_option("PORTS", arguments->ports, "ports: tcp/443, udp6/4500, tcp/1000-1999");
   command.callback([&session, name, function, arguments] {
     const std::vector<PortDescriptor> ports = parse_ports(arguments->ports);
     const uint32_t selector = parse_number(arguments->selector, UINT32_MAX, "selector");
@@ -54,8 +57,8 @@ void define_proxy_update(CLI::App& command, Session& session, const char* name) 
     std::vector<std::string> old_ports;
   };
   auto arguments = std::make_shared<Arguments>();
-  command.add_option("--old", arguments->old_ports, "ports to remove")->type_name("PORT");
-  command.add_option("--new", arguments->new_ports, "ports to add")->type_name("PORT");
+  command.add_option("--old", arguments->old_ports, "ports to remove")->type_name("PORTS");
+  command.add_option("--new", arguments->new_ports, "ports to add")->type_name("PORTS");
   command.callback([&session, name, arguments] {
     const std::vector<PortDescriptor> added = parse_ports(arguments->new_ports);
     const std::vector<PortDescriptor> removed = parse_ports(arguments->old_ports);
@@ -186,7 +189,7 @@ void define_state(CLI::App& command, Session& session, const char* name) {
 
 void define_misbehave(CLI::App& command, Session& session, const char* /*name*/) {
   auto words = std::make_shared<std::vector<std::string>>();
-  command.add_option("WORD", *words, kMisbehaviourHelp)->required();
+  command.add_option("WORD", *words, "words of --misbehave, in place of those before")->required();
   command.callback([&session, words] { session.misbehave(*words); });
 }
 
@@ -271,16 +274,6 @@ CLI::App& object_of(std::string_view name, CLI::App& app) {
 }
 
 }  // namespace
-
-std::string commands_help() {
-  std::string help = "Commands:\n";
-  for (const Command& command : kCommands) {
-    std::string name(command.name);
-    name.resize(20, ' ');
-    help += "  " + name + " " + command.help + "\n";
-  }
-  return help;
-}
 
 void define_commands(CLI::App& app, Session& session) {
   for (const Command& command : kCommands) {

@@ -3,7 +3,6 @@
 #define DATAPATHCTL_COMMANDS_H_
 
 #include <CLI/CLI.hpp>
-#include <string>
 
 #include "datapathctl/session.h"
 
@@ -12,9 +11,6 @@ namespace datapathctl {
 /// Adds every command to a command line. A parsed command runs from its callback, which throws
 /// UsageError or CallFailed. The session outlives the command line.
 void define_commands(CLI::App& app, Session& session);
-
-/// Every command with what it does, a line each.
-std::string commands_help();
 
 }  // namespace datapathctl
 

@@ -11,6 +11,7 @@
 #include "datapathctl/commands.h"
 #include "datapathctl/misbehaviour.h"
 #include "datapathctl/session.h"
+#include "datapathctl/usage.h"
 #include "datapathctl/values.h"
 
 namespace datapathctl {
@@ -127,7 +128,9 @@ void define_options(CLI::App& app, Settings& settings) {
   app.add_option("--socket", settings.socket, "talk to the emulator that is serving there")
       ->type_name("PATH")
       ->excludes(emulate);
-  app.add_option("--misbehave", settings.misbehaviour, kMisbehaviourHelp)
+  app.add_option(
+         "--misbehave", settings.misbehaviour,
+         "have the emulated kernel misbehave, repeatable; the command 'help' lists the words")
       ->type_name("WORD")
       ->allow_extra_args(false);
   app.add_option("--timeout", settings.timeout_ms, "how long the kernel may take to answer")
@@ -146,6 +149,32 @@ void define_options(CLI::App& app, Settings& settings) {
   app.add_flag("--log-android", settings.log_android, "switch the Android log on (here: stderr)");
 }
 
+/// Prints all that may be written.
+void print_help(const CLI::App& app, bool json) {
+  const struct {
+    const char* key;
+    const char* title;
+    std::vector<Usage> usages;
+  } sections[] = {
+      {"options", "Options, before the command", option_usages(app)},
+      {"commands", "Commands", command_usages(app)},
+      {"misbehaviours", "Words of --misbehave", misbehaviour_usages()},
+  };
+  nlohmann::ordered_json object;
+  std::string text;
+  for (const auto& [key, title, usages] : sections) {
+    for (const Usage& usage : usages) {
+      object[key].push_back({{"form", usage.form}, {"help", usage.help}});
+    }
+    text += std::string(text.empty() ? "" : "\n") + title + ":\n" + to_text(usages);
+  }
+  if (json) {
+    print_json(object);
+  } else {
+    std::cout << text;
+  }
+}
+
 int run_command_line(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);  // a closed output shows in std::cout instead
   Settings settings;
@@ -153,9 +182,6 @@ int run_command_line(int argc, char** argv) {
   CLI::App app("Drives the data-path library as its host, one command or a batch of them.",
                "datapathctl");
   app.require_subcommand(1);
-  app.footer(commands_help() +
-             "\nExit status: 0 done, 1 bad usage or input, 2 refused by the kernel or failed.\n"
-             "Without --emulate or --socket the commands reach the kernel of this machine.");
   define_options(app, settings);
   define_commands(app, session);
 
@@ -171,6 +197,14 @@ int run_command_line(int argc, char** argv) {
   emulator->add_option("PATH", path, "the socket to serve at")->required();
   emulator->excludes(app.get_option("--dry-run"));
   emulator->callback([&] { serve_emulator(path, settings); });
+
+  app.add_subcommand("help", "print all options, commands and words of --misbehave")->callback([&] {
+    print_help(app, settings.json);
+  });
+
+  app.footer("Commands:\n" + to_text(command_usages(app)) +
+             "\nExit status: 0 done, 1 bad usage or input, 2 refused by the kernel or failed.\n"
+             "Without --emulate or --socket the commands reach the kernel of this machine.");
 
   try {
     const int run_status = run("", [&] { parse(app, argc, argv); });

@@ -12,10 +12,6 @@ namespace datapathctl {
 
 using tavik_wlan::Misbehaviour;
 
-const char kMisbehaviourHelp[] =
-    "how the emulator misbehaves: silent, delay=MS, truncate=BYTES, garbage, stale, refuse=N:ERRNO "
-    "(the N-th request), interrupt=DUMPS, family-id=ID, absent, none";
-
 namespace {
 
 /// A name such as EPERM, or a number.
@@ -47,31 +43,46 @@ void set_family_id(Misbehaviour& misbehaviour, std::string_view value) {
   misbehaviour.family_id = static_cast<uint16_t>(id);
 }
 
-struct Word {
+constexpr struct Word {
   std::string_view name;
-  bool has_value;
+  const char* value;  // what its value is; null: it has none
+  const char* help;
   void (*apply)(Misbehaviour& misbehaviour, std::string_view value);
-};
-
-constexpr Word kWords[] = {
-    {"none", false, [](Misbehaviour& m, std::string_view) { m = {}; }},
-    {"silent", false, [](Misbehaviour& m, std::string_view) { m.silent = true; }},
-    {"garbage", false, [](Misbehaviour& m, std::string_view) { m.garbage = true; }},
-    {"stale", false, [](Misbehaviour& m, std::string_view) { m.stale = true; }},
-    {"absent", false, [](Misbehaviour& m, std::string_view) { m.absent = true; }},
-    {"delay", true,
+} kWords[] = {
+    {"none", nullptr, "behave well again", [](Misbehaviour& m, std::string_view) { m = {}; }},
+    {"silent", nullptr, "give no answer",
+     [](Misbehaviour& m, std::string_view) { m.silent = true; }},
+    {"delay", "MS", "answer so many milliseconds late",
      [](Misbehaviour& m, std::string_view v) { m.delay_ms = parse_number(v, 3600000, "delay"); }},
-    {"truncate", true,
+    {"truncate", "BYTES", "cut each datagram to so many bytes",
      [](Misbehaviour& m, std::string_view v) { m.truncate = parse_number(v, 65536, "truncate"); }},
-    {"refuse", true, set_refusal},
-    {"interrupt", true,
+    {"garbage", nullptr, "answer with random bytes",
+     [](Misbehaviour& m, std::string_view) { m.garbage = true; }},
+    {"stale", nullptr, "answer an earlier request first",
+     [](Misbehaviour& m, std::string_view) { m.stale = true; }},
+    {"refuse", "N:ERRNO", "refuse the N-th request from now on, with EPERM or so", set_refusal},
+    {"interrupt", "DUMPS", "mark so many dumps as interrupted",
      [](Misbehaviour& m, std::string_view v) {
        m.interrupted_dumps = parse_number(v, UINT32_MAX, "interrupt");
      }},
-    {"family-id", true, set_family_id},
+    {"family-id", "ID", "give the family another id", set_family_id},
+    {"absent", nullptr, "lose the family",
+     [](Misbehaviour& m, std::string_view) { m.absent = true; }},
 };
 
 }  // namespace
+
+std::vector<Usage> misbehaviour_usages() {
+  std::vector<Usage> usages;
+  for (const Word& word : kWords) {
+    std::string form(word.name);
+    if (word.value != nullptr) {
+      form.append("=").append(word.value);
+    }
+    usages.push_back({form, word.help});
+  }
+  return usages;
+}
 
 Misbehaviour parse_misbehaviour(const std::vector<std::string>& words) {
   Misbehaviour misbehaviour;
@@ -80,14 +91,15 @@ Misbehaviour parse_misbehaviour(const std::vector<std::string>& words) {
     const std::string_view name = std::string_view(word).substr(0, equals);
     const Word* known = nullptr;
     for (const Word& candidate : kWords) {
-      if (candidate.name == name && candidate.has_value == (equals != std::string::npos)) {
+      if (candidate.name == name && (candidate.value != nullptr) == (equals != std::string::npos)) {
         known = &candidate;
       }
     }
     if (known == nullptr) {
       throw UsageError("bad misbehaviour '" + word + "'");
     }
-    known->apply(misbehaviour, known->has_value ? std::string_view(word).substr(equals + 1) : "");
+    known->apply(misbehaviour,
+                 known->value != nullptr ? std::string_view(word).substr(equals + 1) : "");
   }
   return misbehaviour;
 }

@@ -5,12 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "datapathctl/usage.h"
 #include "reference_kernel/emulator/emulator.h"
 
 namespace datapathctl {
 
-/// What the words may be, for the help.
-extern const char kMisbehaviourHelp[];
+/// Every word, such as "delay=MS", and what it does.
+std::vector<Usage> misbehaviour_usages();
 
 /// The sum of words such as "silent", "delay=20" or "refuse=2:EPERM"; "none" is the empty sum.
 /// Throws UsageError on any other word.
