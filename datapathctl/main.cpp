@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "datapathctl/commands.h"
+#include "datapathctl/completion.h"
 #include "datapathctl/misbehaviour.h"
 #include "datapathctl/session.h"
 #include "datapathctl/usage.h"
@@ -200,6 +201,16 @@ int run_command_line(int argc, char** argv) {
 
   app.add_subcommand("help", "print all options, commands and words of --misbehave")->callback([&] {
     print_help(app, settings.json);
+  });
+
+  std::vector<std::string> words;
+  CLI::App* completion = app.add_subcommand("complete", "complete a command line, for a shell");
+  completion->group("");  // hidden: for the scripts in datapathctl/completion
+  completion->add_option("WORDS", words);
+  completion->callback([&] {
+    for (const std::string& line : complete(app, words)) {
+      std::cout << line << "\n";
+    }
   });
 
   app.footer("Commands:\n" + to_text(command_usages(app)) +

@@ -72,6 +72,14 @@ uint16_t parse_network_port(std::string_view text) {
   return htons(static_cast<uint16_t>(parse_number(text, UINT16_MAX, "port")));
 }
 
+std::vector<std::string> port_protocols() {
+  std::vector<std::string> names;
+  for (const Protocol& protocol : kProtocols) {
+    names.emplace_back(protocol.name);
+  }
+  return names;
+}
+
 std::string protocol_name(uint8_t ip_proto, uint8_t trans_proto) {
   const std::string transport = trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP   ? "tcp"
                                 : trans_proto == TAVIK_WLAN_TRANS_PROTO_UDP ? "udp"

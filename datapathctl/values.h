@@ -27,6 +27,9 @@ uint16_t parse_network_port(std::string_view text);
 /// Ports of the form tcp/443, udp6/4500 or tcp/1000-1999, in the order given.
 std::vector<PortDescriptor> parse_ports(const std::vector<std::string>& texts);
 
+/// The protocols that ports may begin with: "tcp", "udp6" and so on.
+std::vector<std::string> port_protocols();
+
 /// "tcp", "udp6", "esp" and so on, by a tuple's IP version and IANA protocol number.
 std::string protocol_name(uint8_t ip_proto, uint8_t trans_proto);
 

@@ -25,7 +25,8 @@ esac
 scripts/setup.sh test
 
 git ls-files -z '*.h' '*.c' '*.cpp' | xargs -0 clang-format --dry-run -Werror
-shellcheck scripts/*.sh reference_kernel/vm/*.sh tests/*.sh .ci/run
+shellcheck scripts/*.sh reference_kernel/vm/*.sh tests/*.sh .ci/run \
+  datapathctl/completion/datapathctl.bash
 
 run_preset() {
   echo "== $1"

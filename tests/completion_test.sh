@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# What bash and zsh offer for datapathctl: completion_test.sh DATAPATHCTL FOLDER_OF_SCRIPTS
+set -euo pipefail
+tool=$1
+scripts=$2
+status=0
+
+# expect LINE OFFERS ACTUAL
+expect() {
+  [ "$2" = "$3" ] || { echo "'$1' is completed to '$3' instead of '$2'" >&2 && status=1; }
+}
+
+# bash, through the function that the script registers.
+# shellcheck disable=SC2317
+compopt() { flags+=" $2"; } # works inside of a completion only
+# shellcheck source=/dev/null
+source "$scripts/datapathctl.bash"
+read -r _ _ function _ <<<"$(complete -p datapathctl)"
+
+# offer LINE: sets COMPREPLY, and flags to the options of compopt.
+offer() {
+  COMP_LINE="datapathctl $1" flags=""
+  COMP_POINT=${#COMP_LINE}
+  "$function" "$tool"
+}
+
+# Each word of each command is offered where it stands, and nothing that no command has.
+forms=$("$tool" help | sed -n '/^Commands:/,/^$/s/^  \([a-z]\)/\1/p')
+offer ""
+expect "" "$(cut -d' ' -f1 <<<"$forms" | uniq | xargs)" "${COMPREPLY[*]}"
+while read -ra form; do
+  line=""
+  for word in "${form[@]}"; do
+    word=${word#[}
+    case $word in
+      --*)
+        offer "$line $word"
+        expect "$line $word" "$word" "${COMPREPLY[*]}"
+        ;;
+      [a-z]*)
+        offer "$line$word"
+        [[ " ${COMPREPLY[*]} " == *" $word "* ]] || expect "$line$word" "$word" "${COMPREPLY[*]}"
+        line+="$word "
+        ;;
+    esac
+  done
+done <<<"$forms"
+
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+touch "$folder/a file"
+while IFS='|' read -r line offers expected_flags; do
+  offer "$line"
+  expect "$line" "$offers/$expected_flags" "${COMPREPLY[*]}/${flags# }"
+done <<END
+--trace --log|--log-file --log-diag --log-android|
+--log-file x enc|encap|
+--socket $folder/|$folder/a file|filenames
+--socket=$folder/a|$folder/a file|filenames
+--misbehave si|silent|
+--misbehave=ref|refuse=|nospace
+--misbehave=refuse=1:E||
+misbehave silent del|delay=|nospace
+proxy update --old tcp/1 u|udp/ udp6/|nospace nospace
+proxy up wlan0 --from a tcp6|tcp6/|nospace
+proxy up --from a |||
+encap set ||
+frob ||
+END
+
+# zsh, through its line editor: each line and what it becomes.
+if command -v zsh >/dev/null; then
+  lines=$(cat <<END
+enc|encap |
+encap p|encap pass-through |
+--dry|--dry-run |
+--misbehave=ref|--misbehave=refuse=|
+proxy update --old tcp6|proxy update --old tcp6/|
+--socket=$folder/a|--socket=$folder/a\\ file |
+END
+  )
+  diff <(cut -d'|' -f2- <<<"$lines") <(cut -d'|' -f1 <<<"$lines" |
+    zsh -f "$(dirname "$0")/completion_test.zsh" "$tool" "$scripts") || status=1
+else
+  echo "zsh is not here: its completion is not tested"
+fi
+exit $status
