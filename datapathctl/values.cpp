@@ -74,6 +74,7 @@ uint16_t parse_network_port(std::string_view text) {
 
 std::vector<std::string> port_protocols() {
   std::vector<std::string> names;
+  names.reserve(kProtocols.size());
   for (const Protocol& protocol : kProtocols) {
     names.emplace_back(protocol.name);
   }

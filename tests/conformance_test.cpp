@@ -30,7 +30,7 @@
 
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 bool targets_kernel = false;
 constexpr uint32_t kPortId = 0x87654321;
