@@ -10,9 +10,9 @@ expect() {
   [ "$2" = "$3" ] || { echo "'$1' is completed to '$3' instead of '$2'" >&2 && status=1; }
 }
 
-# bash, through the function that the script registers.
+# bash, through the function that the script registers. Within it alone compopt would work.
 # shellcheck disable=SC2317
-compopt() { flags+=" $2"; } # works inside of a completion only
+compopt() { flags+=" $2"; }
 # shellcheck source=/dev/null
 source "$scripts/datapathctl.bash"
 read -r _ _ function _ <<<"$(complete -p datapathctl)"
@@ -32,17 +32,10 @@ while read -ra form; do
   line=""
   for word in "${form[@]}"; do
     word=${word#[}
-    case $word in
-      --*)
-        offer "$line $word"
-        expect "$line $word" "$word" "${COMPREPLY[*]}"
-        ;;
-      [a-z]*)
-        offer "$line$word"
-        [[ " ${COMPREPLY[*]} " == *" $word "* ]] || expect "$line$word" "$word" "${COMPREPLY[*]}"
-        line+="$word "
-        ;;
-    esac
+    [[ $word == [a-z-]* ]] || continue
+    offer "$line$word"
+    [[ " ${COMPREPLY[*]} " == *" $word "* ]] || expect "$line$word" "$word" "${COMPREPLY[*]}"
+    [[ $word == --* ]] || line+="$word "
   done
 done <<<"$forms"
 
@@ -55,14 +48,11 @@ while IFS='|' read -r line offers expected_flags; do
 done <<END
 --trace --log|--log-file --log-diag --log-android|
 --log-file x enc|encap|
---socket $folder/|$folder/a file|filenames
 --socket=$folder/a|$folder/a file|filenames
---misbehave si|silent|
 --misbehave=ref|refuse=|nospace
 --misbehave=refuse=1:E||
 misbehave silent del|delay=|nospace
 proxy update --old tcp/1 u|udp/ udp6/|nospace nospace
-proxy up wlan0 --from a tcp6|tcp6/|nospace
 proxy up --from a |||
 encap set ||
 frob ||
@@ -70,15 +60,11 @@ END
 
 # zsh, through its line editor: each line and what it becomes.
 if command -v zsh >/dev/null; then
-  lines=$(cat <<END
-enc|encap |
-encap p|encap pass-through |
+  lines="encap p|encap pass-through |
 --dry|--dry-run |
 --misbehave=ref|--misbehave=refuse=|
 proxy update --old tcp6|proxy update --old tcp6/|
---socket=$folder/a|--socket=$folder/a\\ file |
-END
-  )
+--socket=$folder/a|--socket=$folder/a\\ file |"
   diff <(cut -d'|' -f2- <<<"$lines") <(cut -d'|' -f1 <<<"$lines" |
     zsh -f "$(dirname "$0")/completion_test.zsh" "$tool" "$scripts") || status=1
 else

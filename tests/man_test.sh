@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# The manual pages are well-formed, and say what the tool and the library have:
+# man_test.sh DATAPATHCTL SOURCE_FOLDER
+set -euo pipefail
+tool=$1
+cd "$2"
+command=docs/man/datapathctl.1
+library=docs/man/corvil_datapath_proxy.3
+header=datapath_proxy/include/corvil_datapath_proxy.h
+if ! command -v man >/dev/null || ! command -v mandoc >/dev/null; then
+  echo "man or mandoc is not here"
+  exit 77
+fi
+
+for page in "$command" "$library"; do
+  diff /dev/null <(man --warnings -E UTF-8 -l -Tutf8 -Z "$page" 2>&1 >/dev/null)
+  diff /dev/null <(mandoc -Tlint "$page")
+done
+
+# tags PAGE FIRST LAST: the tags of paragraphs from one section up to another.
+tags() { sed -n "/^\.SH $2/,/^\.SH $3/{/^\.T[PQ]/{n;p}}" "$1" | sed 's/\\f[BIR]//g; s/\\-/-/g'; }
+diff <("$tool" help | sed -n 's/^  \([^ ]\)/\1/p') <(tags "$command" OPTIONS EXIT)
+grep -q "^\.TH .*\"$("$tool" --version)\"" "$command"
+
+prototypes() { awk '/^int corvil_/, /;$/' "$1"; }
+diff <(prototypes "$header") <(prototypes "$library")
+diff <(sed -n 's/^int \(corvil_[a-z_]*\)(.*/\1/p' "$header") \
+  <(lexgrog "$library" | sed 's/^[^"]*"\([^ ]*\) .*/\1/')
+
+# The library's messages of failure, each value in them a '%'.
+diff <(grep -ohE '"%s\(\): [^"]*([Ff]ail|[Ii]nvalid|Too|Error)[^"]*"' datapath_proxy/src/*.cpp |
+  sed -E 's/^"%s\(\): //; s/(\\n)?"$//; s/%[su]/%/g' | sort -u) \
+  <(tags "$library" DIAGNOSTICS ATTRIBUTES |
+    sed -E 's/^\.BI? //; s/" [a-z]+( "|$)/%/g; s/"//g' | sort -u)
+
+# The examples: the tool's give what the page shows, the library's compiles.
+examples() { sed -n '/^\.SH EXAMPLES/,$p' "$1" | sed -n '/^\.EX/,/^\.EE/p' |
+  sed ':more; /\\$/ { N; s/\\\n//; b more }; /^\.EX/d; s/^\.EE//; s/\\e/\\/g; s/\\-/-/g'; }
+examples "$library" | "${CC:-cc}" -std=c11 -Wall -Wextra -Werror -fsyntax-only -xc \
+  -I "$(dirname "$header")" -
+replay() { # runs each command behind a "$ ", up to an empty line
+  local line command=""
+  while IFS= read -r line; do
+    if [[ $line == '$ '* || $command == *$'\\\n' ]]; then
+      command+=${line#$ }$'\n'
+      echo "$line"
+      [[ $line == *\\ ]] || eval "$command" 2>&1 </dev/null || true
+    elif [ -z "$line" ]; then
+      echo
+      command=""
+    fi
+  done
+}
+PATH=$(dirname "$tool"):$PATH
+diff <(examples "$command") <(examples "$command" | replay)
