@@ -28,11 +28,11 @@ status_of() {
   echo $status
 }
 
-# refused TEXT COMMAND...: datapathctl fails, with TEXT in its one line.
+# refused TEXT COMMAND...: datapathctl fails, with TEXT among its errors.
 refused() {
   local text=$1
   shift
-  same "2 with 1 line" "$(status_of "$@") with $(wc -l <error) line"
+  same 2 "$(status_of "$@")"
   grep -qF "$text" error || fail "not '$text' but: $(cat error)"
 }
 
