@@ -10,7 +10,7 @@
 namespace datapathctl {
 namespace {
 
-constexpr char kLibraryName[] = "libcorvil_datapath_proxy.so";
+constexpr char kLibraryName[] = CORVIL_LIBRARY;
 
 std::string default_path() {
   std::error_code error;

@@ -1,0 +1,16 @@
+/* A host process on a Linux machine: proxies a port and reads it back from the kernel. */
+#include <corvil_datapath_proxy.h>
+#include <kernel_interface/tavik_wlan.h>
+#include <reference_host/netlink/corvil_netlink_control.h>
+#include <reference_host/port_utils/corvil_port_tree.h>
+#include <stdio.h>
+
+int main(void) {
+  const PortDescriptor port = {TAVIK_WLAN_IP_PROTO_IPV6, TAVIK_WLAN_TRANS_PROTO_UDP, 4500};
+  if (corvil_datapath_proxy_set_config_info("wlan0", "wlan0", "wwan0", &port, 1, 1) == -1) {
+    fprintf(stderr, "%s\n", corvil_netlink_last_error()->message);
+    return 1;
+  }
+  corvil_datapath_proxy_get_port_tuple();
+  return corvil_port_tree_count() == 1 ? 0 : 1;
+}

@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Installs a build to a folder, and builds and runs a program of someone else's with what is there:
+# once by the CMake package and once by pkg-config.
+#
+#   tests/install_test.sh BUILD_FOLDER CC
+set -euo pipefail
+build=$1
+cc=$2
+tests=$(dirname "$0")
+
+scratch=$(mktemp -d)
+trap 'kill "${emulator:-}" 2>/dev/null || true; rm -rf "$scratch"' EXIT
+cmake --install "$build" --prefix "$scratch/first" >/dev/null
+prefix=$scratch/prefix
+mv "$scratch/first" "$prefix" # nothing may know where it was installed
+
+cmake -S "$tests/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_C_COMPILER="$cc" >/dev/null
+cmake --build "$scratch/build" >/dev/null
+
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name corvil_datapath_proxy.pc)")
+export PKG_CONFIG_PATH
+packages=(corvil_datapath_proxy corvil_log corvil_netlink corvil_port_utils)
+read -ra options < <(pkg-config --cflags --libs "${packages[@]}")
+"$cc" "$tests/consumer/consumer.c" -o "$scratch/by_pkg_config" "${options[@]}" \
+  -Wl,-rpath,"$(pkg-config --variable=libdir corvil_datapath_proxy)"
+# Every public header is there.
+sed 's|datapath_proxy/include/||' "$tests/c_headers.c" |
+  "$cc" -fsyntax-only -x c - "${options[@]}"
+
+socket=$scratch/socket
+"$prefix/bin/datapathctl" emulator "$socket" >/dev/null &
+emulator=$!
+until [ -S "$socket" ]; do
+  kill -0 "$emulator"
+  sleep 0.05
+done
+for program in build/consumer by_pkg_config; do
+  CORVIL_NETLINK_EMULATOR=$socket "$scratch/$program"
+  diff - <("$prefix/bin/datapathctl" --socket "$socket" state) <<'END'
+tuple ipv6 udp 4500
+device 1 wlan0
+forward 1 wwan0 wlan0
+END
+  "$prefix/bin/datapathctl" --socket "$socket" reset
+done
