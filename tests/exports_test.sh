@@ -29,5 +29,5 @@ diff <(printf '%s\n' libc.so.6 libcorvil_log.so.1 libcorvil_netlink.so.1 \
   libcorvil_port_utils.so.1 liblog.so.0) <(echo "$needed")
 
 # Full RELRO: the log statements' descriptors hold pointers and are read-only after relocation.
-readelf -l "$library" | grep -q GNU_RELRO
-readelf -d "$library" | grep -q BIND_NOW
+readelf -l "$library" | grep GNU_RELRO >/dev/null
+readelf -d "$library" | grep BIND_NOW >/dev/null
