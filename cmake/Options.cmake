@@ -21,7 +21,7 @@ target_include_directories(corvil_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(corvil_options INTERFACE
   -Wall -Wextra -Wconversion -Wshadow -Wformat=2 -Werror
   # No path of the build machine in an object, so that any folder gives the same bits.
-  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
 if(CORVIL_SANITIZE)
   target_compile_options(corvil_options INTERFACE
     -fsanitize=${CORVIL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

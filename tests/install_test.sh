@@ -1,18 +1,22 @@
 #!/usr/bin/env bash
-# Installs a build to a folder, and builds and runs a program of someone else's with what is there:
-# once by the CMake package and once by pkg-config.
+# Builds and runs a program of someone else's with what is installed: once by the CMake package and
+# once by pkg-config.
 #
-#   tests/install_test.sh BUILD_FOLDER CC
+#   tests/install_test.sh FOLDER CC
+#
+# FOLDER is where everything was installed, or built: then it is installed first.
 set -euo pipefail
-build=$1
+prefix=$1
 cc=$2
 tests=$(dirname "$0")
 
 scratch=$(mktemp -d)
 trap 'kill "${emulator:-}" 2>/dev/null || true; rm -rf "$scratch"' EXIT
-cmake --install "$build" --prefix "$scratch/first" >/dev/null
-prefix=$scratch/prefix
-mv "$scratch/first" "$prefix" # nothing may know where it was installed
+if [ -e "$prefix/CMakeCache.txt" ]; then
+  cmake --install "$prefix" --prefix "$scratch/first" >/dev/null
+  prefix=$scratch/prefix
+  mv "$scratch/first" "$prefix" # nothing may know where it was installed
+fi
 
 cmake -S "$tests/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" >/dev/null
