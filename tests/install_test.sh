@@ -28,9 +28,9 @@ packages=(corvil_datapath_proxy corvil_log corvil_netlink corvil_port_utils)
 read -ra options < <(pkg-config --cflags --libs "${packages[@]}")
 "$cc" "$tests/consumer/consumer.c" -o "$scratch/by_pkg_config" "${options[@]}" \
   -Wl,-rpath,"$(pkg-config --variable=libdir corvil_datapath_proxy)"
-# Every public header is there.
-sed 's|datapath_proxy/include/||' "$tests/c_headers.c" |
-  "$cc" -fsyntax-only -x c - "${options[@]}"
+# Every public header is there, seen from a folder that has none of its own.
+sed 's|datapath_proxy/include/||' "$tests/c_headers.c" >"$scratch/c_headers.c"
+"$cc" -fsyntax-only "$scratch/c_headers.c" "${options[@]}"
 
 socket=$scratch/socket
 "$prefix/bin/datapathctl" emulator "$socket" >/dev/null &
