@@ -142,6 +142,8 @@ void define_options(CLI::App& app, Settings& settings) {
                "only print the netlink requests, decoded, as if each succeeded; family id and "
                "sequence number, not known then, stand as 65535 and 0");
   app.add_flag("--hex", settings.hex, "with --trace or --dry-run, print the bytes too");
+  app.add_option("--pcap", settings.pcap, "capture every netlink message there, for Wireshark")
+      ->type_name("FILE");
   app.add_flag("--json", settings.json,
                "print results, state and trace as JSON, one object a line");
   app.add_option("--log-file", settings.log_file, "append the library's log there; -: print it")

@@ -23,6 +23,7 @@ namespace {
 
 constexpr char kEmulatorVariable[] = "CORVIL_NETLINK_EMULATOR";
 constexpr char kTimeoutVariable[] = "CORVIL_NETLINK_TIMEOUT_MS";
+constexpr char kCaptureVariable[] = "CORVIL_NETLINK_PCAP";
 constexpr char kKernelState[] = "/proc/net/tavik_wlan";
 constexpr uint32_t kErrorLevelMask = 8;
 
@@ -106,6 +107,7 @@ void Session::start() {
   }
   misbehave(settings_.misbehaviour);
   start_logging();
+  start_capture();
   if (settings_.timeout_ms != 0) {
     setenv(kTimeoutVariable, std::to_string(settings_.timeout_ms).c_str(), 1);
   }
@@ -147,6 +149,15 @@ void Session::start_logging() {
         static_cast<Session*>(session)->on_log_message(*site, line, text);
       },
       this);
+}
+
+void Session::start_capture() {
+  if (!settings_.pcap.empty()) {
+    setenv(kCaptureVariable, settings_.pcap.c_str(), 1);
+  }
+  if (corvil_netlink_check_capture() == -1) {
+    throw CallFailed(corvil_netlink_last_error()->message);
+  }
 }
 
 void Session::on_log_message(const LogSiteDescriptor& site, const char* line, const char* text) {
@@ -205,6 +216,9 @@ void Session::begin_call() {
 void Session::report(const char* command, int result) {
   if (result == -1 && !failure_) {
     failure_ = make_failure("");
+  }
+  if (!failure_ && corvil_netlink_check_capture() == -1) {
+    failure_ = Failure{*corvil_netlink_last_error(), "", ""};
   }
   nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
   std::string hint;

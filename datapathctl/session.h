@@ -32,6 +32,7 @@ struct Settings {
   bool log_android = false;
   bool trace = false;
   bool hex = false;
+  std::string pcap;  // capture file; empty: none, or the environment's
   bool json = false;
   uint32_t timeout_ms = 0;  // 0: the netlink library's own
 };
@@ -82,6 +83,7 @@ class Session {
   void start();
   void start_kernel();
   void start_logging();
+  void start_capture();
   void begin_call();
   void report(const char* command, int result);
   [[nodiscard]] Failure make_failure(std::string message) const;

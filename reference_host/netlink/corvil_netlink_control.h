@@ -2,12 +2,20 @@
  * What tools ask of the netlink library beyond the operations of host_interfaces/corvil_netlink.h:
  * the reason of a failure and a look at every message.
  *
- * Two environment variables steer the library; both are read afresh by every exchange:
+ * Environment variables steer the library. Two are read afresh by every exchange:
  *
  *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
  *                              which all requests go instead; one packet is one netlink datagram
  *   CORVIL_NETLINK_TIMEOUT_MS  how long one operation may take, in milliseconds; a positive
- * integer, anything else counts as unset: 3000
+ *                              integer, anything else counts as unset: 3000
+ *
+ * One is read once, by the first exchange of the process:
+ *
+ *   CORVIL_NETLINK_PCAP        path of a capture file that is made anew and gets every message sent
+ *                              and received: a pcap file of link type NETLINK (253) whose packets
+ *                              are of type 4 when sent and 0 when received. Exchanges go on as
+ *                              without it where it can't be written; see
+ *                              corvil_netlink_check_capture().
  *
  * The environment must not be changed while any thread is in an operation.
  */
@@ -77,6 +85,13 @@ void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* cont
  * Not thread-safe: no other thread may be in a netlink operation.
  */
 void corvil_netlink_set_dry_run(uint16_t family_id);
+
+/*
+ * Starts the capture that CORVIL_NETLINK_PCAP asks for, unless an exchange has done so already.
+ * Returns 0, also when none is asked for; -1 with the last error recorded when the file can't be
+ * written: it misses messages then, and gets no more. Thread-safe.
+ */
+int corvil_netlink_check_capture(void);
 
 #ifdef __cplusplus
 }

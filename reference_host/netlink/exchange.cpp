@@ -96,7 +96,7 @@ nlmsghdr header_of(const Request& request, uint32_t sequence) {
   return header;
 }
 
-/// Shows the trace hook the request in one piece, as the peer will see it.
+/// Shows the request in one piece, as the peer will see it.
 int trace_request(const nlmsghdr& header, const Request& request) {
   if (!tracing()) {
     return 0;
@@ -107,7 +107,7 @@ int trace_request(const nlmsghdr& header, const Request& request) {
   }
   memcpy(copy.get(), request.message, header.nlmsg_len);
   memcpy(copy.get(), &header, sizeof(header));
-  trace(CORVIL_NETLINK_SENT, copy.get(), header.nlmsg_len);
+  trace(CORVIL_NETLINK_SENT, request.protocol, copy.get(), header.nlmsg_len);
   return 0;
 }
 

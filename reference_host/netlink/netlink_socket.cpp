@@ -155,7 +155,7 @@ int NetlinkSocket::receive(const Deadline& deadline, std::span<const std::byte>*
     }
     *datagram = {buffer_.get(), static_cast<size_t>(size)};
     if (tracing()) {
-      trace(CORVIL_NETLINK_RECEIVED, datagram->data(), datagram->size());
+      trace(CORVIL_NETLINK_RECEIVED, protocol_, datagram->data(), datagram->size());
     }
     if (sender.nl_pid != 0) {
       continue;
