@@ -235,6 +235,10 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
       {"batch /", 1, "cannot read the batch /"},
       {"--emulate --log-file /nonexistent/x reset", 1,
        "cannot write the log file /nonexistent/x: No such file or directory"},
+      {"--emulate --pcap /nonexistent/x reset", 2,
+       "cannot write the capture /nonexistent/x: No such file or directory"},
+      {"--emulate --pcap /dev/full reset", 2,
+       "cannot write the capture /dev/full: No space left on device"},
       {"--socket nonexistent reset", 2,
        "reset: cannot reach the emulator: No such file or directory: nonexistent\n"
        "datapathctl: hint: is 'datapathctl emulator nonexistent' running?"},
