@@ -13,7 +13,8 @@ demo_packages=(
   android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build nlohmann-json3-dev pkg-config
 )
 test_packages=(
-  binutils clang clang-format clang-tidy gcovr git libclang-rt-dev shellcheck
+  abigail-tools binutils clang clang-format clang-tidy dpkg-dev gcovr git libclang-rt-dev man-db mandoc
+  python3 python3-yaml shellcheck tshark zsh
 )
 # What the tests are built with, in the VM too.
 unit_test_packages=(
