@@ -274,12 +274,14 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
 TEST_F(DatapathctlTest, LeavesNoFileBehindWhenASignalEndsIt) {
   const std::string scratch = folder_ + "/scratch";
   std::filesystem::create_directory(scratch);
+  setenv("TMPDIR", scratch.c_str(), 1);
   for (const std::string signal : {"INT", "TERM"}) {
-    const std::string command = "(echo state; sleep 0.5) | TMPDIR=" + scratch + " timeout -s " +
-                                signal + " 0.3 " DATAPATHCTL " --emulate batch -";
+    const std::string command =
+        "(echo state; sleep 0.5) | timeout -s " + signal + " 0.3 " DATAPATHCTL " --emulate batch -";
     EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 124);
     EXPECT_TRUE(std::filesystem::is_empty(scratch)) << signal;
   }
+  unsetenv("TMPDIR");
 }
 
 TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
