@@ -48,8 +48,8 @@ install(FILES ${PROJECT_BINARY_DIR}/${PROJECT_NAME}-config-version.cmake
 # Descriptions of the protocol for other programs.
 install(FILES kernel_interface/tavik_wlan.yaml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME} COMPONENT development OPTIONAL)
-file(GLOB manual_3 docs/man/*.3)
-install(FILES ${manual_3} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+install(FILES docs/man/corvil_datapath_proxy.3
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 
 if(NOT CORVIL_REFERENCE)
   return()
@@ -64,15 +64,14 @@ corvil_install_headers(reference_host/port_utils corvil_port_tree.h)
 corvil_install_headers(reference_kernel tavik_wlan_limits.h)
 
 install(TARGETS datapathctl COMPONENT tool)
-file(GLOB manual_1 docs/man/*.1)
-install(FILES ${manual_1} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES datapathctl/completion/bash RENAME datapathctl
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool OPTIONAL)
-install(FILES datapathctl/completion/zsh RENAME _datapathctl
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT tool OPTIONAL)
+install(FILES docs/man/datapathctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+install(FILES datapathctl/completion/datapathctl.bash RENAME datapathctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+install(FILES datapathctl/completion/_datapathctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT tool)
 # Wireshark loads what lies there by itself, whatever its version.
 install(FILES kernel_interface/wireshark/tavik_wlan.lua
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT tool OPTIONAL)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT tool)
 
 # Installed binaries find each other relative to where they are. In a folder that the loader searches
 # by itself, as a Debian package's, they need no such help; liblog's own folder is never one.
