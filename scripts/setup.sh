@@ -26,7 +26,7 @@ cross_packages=(
 )
 # What builds the kernel module and boots a kernel with it, and witnesses there.
 vm_packages=(
-  busybox-static cpio kmod libelf1 libnl-utils make qemu-system-x86 sparse strace xz-utils
+  cpio kmod libelf1 libnl-utils make qemu-system-x86 sparse strace xz-utils
 )
 
 if ! command -v dpkg-query >/dev/null; then

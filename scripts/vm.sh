@@ -28,38 +28,50 @@ if ! obstacle=$(reference_kernel/vm/kernel.sh check "$version"); then
   echo "vm: no VM with kernel $version: $obstacle" >&2
   exit 1
 fi
+if ! reference_kernel/vm/kernel.sh fetch "$version" >&2; then
+  echo "vm: no VM with kernel $version: Debian's packages of it cannot be downloaded" >&2
+  exit 1
+fi
 [ "${1:-}" != --check ] || exit 0
 
 targets=(datapathctl corvil_datapath_proxy conformance_test libnl_peer)
-{
-  reference_kernel/vm/kernel.sh fetch "$version"
-  reference_kernel/vm/kernel.sh module "$version"
-  cmake --preset release --log-level=WARNING >/dev/null
-  cmake --build --preset release --target "${targets[@]}" -- --quiet
-  reference_kernel/vm/initramfs.sh "$version" "$*"
-} >&2
+if ! {
+  reference_kernel/vm/kernel.sh module "$version" &&
+    cmake --preset release --log-level=WARNING &&
+    cmake --build --preset release --target "${targets[@]}" &&
+    reference_kernel/vm/initramfs.sh "$version" "$*"
+} >"$build/build.log" 2>&1; then
+  cat "$build/build.log" >&2
+  exit 125
+fi
 
 run=$(mktemp -d)
-trap 'rm -rf "$run"' EXIT
-mkfifo "$run/errors"
-cat "$run/errors" >&2 &
+vm=
+trap 'rm -rf "$run"; [ -z "$vm" ] || kill "$vm" 2>/dev/null || true' EXIT
+exec 3> >(exec cat >&2) # the command's errors
+errors=$!
 
 # shellcheck disable=SC2054 # the commas are QEMU's
 qemu=(
   qemu-system-x86_64 -accel tcg -cpu max -smp 2 -m 1G -nodefaults -no-user-config -no-reboot
   -display none -kernel "$build"/image/boot/vmlinuz-* -initrd "$build/initramfs.cpio"
-  -append "console=ttyS0 panic=-1"
+  -append "console=ttyS0 panic=-1 oops=panic"
   -serial "file:$build/console.log" -chardev stdio,id=terminal,signal=off -serial chardev:terminal
-  -serial "file:$run/errors" -serial "file:$run/status"
+  -serial file:/dev/fd/3 -serial "file:$run/status"
 )
+# In the background, so that the VM ends with this script whatever ends it.
 if [ $# -gt 0 ]; then
-  timeout "$seconds" "${qemu[@]}" </dev/null || true
+  timeout "$seconds" "${qemu[@]}" </dev/null &
 else
-  "${qemu[@]}" || true
+  "${qemu[@]}" <&0 &
 fi
-wait
+vm=$!
+wait "$vm" || true
+vm=
+exec 3>&-
+wait "$errors"
 
-status=$(cat "$run/status")
+status=$(cat "$run/status" 2>/dev/null) || true
 if [ -z "$status" ]; then
   echo "vm: ended before the command did; what the kernel said: $build/console.log" >&2
   exit 125

@@ -54,7 +54,7 @@ put_modules() {
 
 rm -rf "$root"
 mkdir -p "$root"/{bin,dev,etc/datapath,proc,sbin,sys,tmp,usr/bin,usr/lib,usr/sbin}
-cp "$(command -v busybox)" "$root/bin"
+cp "$build/busybox/bin/busybox" "$root/bin"
 cp reference_kernel/vm/init "$root/init"
 cp scripts/demo.batch "$root/etc/datapath"
 printf '%s' "$command" >"$root/etc/datapath/command"

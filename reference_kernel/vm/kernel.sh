@@ -33,7 +33,7 @@ check() {
     echo "its kernels are for amd64 machines"
     return 1
   fi
-  for tool in qemu-system-x86_64 busybox cpio depmod make gcc sparse xz strace genl-ctrl-list; do
+  for tool in qemu-system-x86_64 cpio depmod make gcc sparse xz strace genl-ctrl-list; do
     if ! command -v "$tool" >/dev/null && ! [ -x "/usr/sbin/$tool" ]; then
       echo "$tool is missing (scripts/setup.sh vm installs it)"
       return 1
@@ -67,7 +67,9 @@ fetch() {
   # shellcheck disable=SC2086 # one word a package
   unpack headers "$headers" $common
   # They expect to be installed.
-  sed -i "s|/usr/src/|$sources/|" "$sources/$headers/Makefile"
+  sed -i "s|/usr/src/|../|" "$sources/$headers/Makefile"
+  # Its package conflicts with busybox, which the machine's own initramfs is likely made with.
+  unpack busybox busybox-static
   rm -r "$build/packages"
   touch "$build/fetched"
 }
