@@ -47,7 +47,7 @@ install(FILES ${PROJECT_BINARY_DIR}/${PROJECT_NAME}-config-version.cmake
 
 # Descriptions of the protocol for other programs.
 install(FILES kernel_interface/tavik_wlan.yaml
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME} COMPONENT development OPTIONAL)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME} COMPONENT development)
 install(FILES docs/man/corvil_datapath_proxy.3
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 

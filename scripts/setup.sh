@@ -4,6 +4,7 @@
 #   scripts/setup.sh demo   what scripts/demo.sh builds with
 #   scripts/setup.sh vm     that, and what scripts/vm.sh boots a kernel with
 #   scripts/setup.sh test   all that, and what scripts/test.sh checks with
+#   scripts/setup.sh all    all that, and what scripts/test.sh --all checks with
 #
 # The packages for the VM and those for ARM are left out, with a line that says why, where they
 # can't be had.
@@ -15,6 +16,10 @@ demo_packages=(
 test_packages=(
   abigail-tools binutils clang clang-format clang-tidy dpkg-dev gcovr git libclang-rt-dev man-db mandoc
   python3 python3-yaml shellcheck tshark zsh
+)
+slow_test_packages=(
+  blueprint-tools debootstrap file golang-android-soong-dev golang-github-google-blueprint-dev golang-go
+  golang-goprotobuf-dev python3-jsonschema
 )
 # What the tests are built with, in the VM too.
 unit_test_packages=(
@@ -105,7 +110,8 @@ want() {
   fi
 }
 
-case "${1:-test}" in
+purpose=${1:-test}
+case $purpose in
   demo)
     require "${demo_packages[@]}"
     ;;
@@ -113,13 +119,14 @@ case "${1:-test}" in
     require "${demo_packages[@]}" "${unit_test_packages[@]}"
     want "the VM" "${vm_packages[@]}"
     ;;
-  test)
+  test | all)
     require "${demo_packages[@]}" "${unit_test_packages[@]}" "${test_packages[@]}"
     want ARM "${cross_packages[@]}"
     want "the VM" "${vm_packages[@]}"
+    [ "$purpose" != all ] || require "${slow_test_packages[@]}"
     ;;
   *)
-    echo "usage: scripts/setup.sh [demo|vm|test]" >&2
+    echo "usage: scripts/setup.sh [demo|vm|test|all]" >&2
     exit 1
     ;;
 esac

@@ -4,15 +4,18 @@
 # of the library's unit taken.
 #
 #   scripts/test.sh         what every change has to pass
-#   scripts/test.sh --all   the slow checks, too: clang++ without sanitizers, the VM with each kernel
+#   scripts/test.sh --all   the slow checks, too: clang++ without sanitizers, the VM with each kernel,
+#                           packages, reproducibility, the kernel's netlink tools, the device's build
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+purpose="test"
 presets=(release asan tsan)
 kernels=(6.12)
 case "${1:-}" in
   '') ;;
   --all)
+    purpose="all"
     presets+=(clang)
     kernels+=(6.1)
     ;;
@@ -22,7 +25,7 @@ case "${1:-}" in
     ;;
 esac
 
-scripts/setup.sh test
+scripts/setup.sh $purpose
 
 git ls-files -z '*.h' '*.c' '*.cpp' | xargs -0 clang-format --dry-run -Werror
 shellcheck scripts/*.sh reference_kernel/vm/*.sh tests/*.sh .ci/run \
@@ -65,3 +68,10 @@ scripts/fuzz.sh 5
 
 echo "== coverage"
 scripts/coverage.sh
+
+if [ $purpose = all ]; then
+  for slow in ynl_kernel android_bp package reproducible; do
+    echo "== $slow"
+    "tests/${slow}_test.sh"
+  done
+fi

@@ -6,8 +6,8 @@
 #   scripts/vm.sh              gives a shell there; leave it with "exit"
 #   scripts/vm.sh --check      says what is missing for it, if so, and fails
 #
-# KERNEL chooses 6.12 (the default) or 6.1. Everything is built in and unpacked to build/. Exit
-# status 125: the VM ended before the command did.
+# KERNEL chooses 6.12 (the default) or 6.1, EXTRA a folder of more files to have there. Everything is
+# built in and unpacked to build/. Exit status 125: the VM ended before the command did.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

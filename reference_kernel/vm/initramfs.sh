@@ -4,7 +4,8 @@
 #
 #   reference_kernel/vm/initramfs.sh VERSION COMMAND
 #
-# The VM runs COMMAND, or a shell when that is empty.
+# The VM runs COMMAND, or a shell when that is empty. A folder EXTRA of the environment is laid over
+# it all.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
@@ -62,4 +63,5 @@ put_programs "${tools[@]}" "$programs"/{datapathctl,conformance_test,libnl_peer}
 put_programs "$programs/libcorvil_datapath_proxy.so"
 cp tests/kernel_test.sh "$root/usr/bin/kernel_test"
 put_modules
+[ -z "${EXTRA:-}" ] || cp --archive "$EXTRA/." "$root"
 (cd "$root" && find . -print0 | cpio --null --create --format=newc --quiet) >"$build/initramfs.cpio"

@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Drives the module in the VM of scripts/vm.sh with the kernel's generic client, which knows of the
+# family only what kernel_interface/tavik_wlan.yaml says.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+tests/ynl_check.sh # brings the client
+
+export EXTRA=$PWD/build/ynl/root # the client, and a Python for it
+python=$(readlink -f /usr/bin/python3)
+version=$(basename "$python")
+rm -rf "$EXTRA"
+mkdir -p "$EXTRA/ynl"
+cp -r build/ynl/linux-source-*/tools/net/ynl/{cli.py,lib} kernel_interface/tavik_wlan.yaml \
+  "$EXTRA/ynl"
+{
+  echo "$python"
+  ldd "$python" | sed -nE 's|^[^/]*(/[^ ]+) \(0x.*|\1|p'
+  dpkg --listfiles "lib$version-minimal" "lib$version-stdlib" python3-yaml
+} | while read -r file; do
+  ! [ -f "$file" ] || cp --parents --dereference "$file" "$EXTRA"
+done
+
+diff - <(scripts/vm.sh "
+  ynl() { $python /ynl/cli.py --spec /ynl/tavik_wlan.yaml --no-schema --output-json \"\$@\"; }
+  datapathctl ipsec add 0x12345678 ::1
+  ynl --do add-tuples --json '{\"tuples\": {\"tuple-element\": [
+    {\"tuple-attr\": {\"port\": 443, \"ip-proto\": 4, \"trans-proto\": 6}}]}}'
+  ynl --do set-dev --json '{\"selector\": 7, \"dev\": \"wlan0\"}'
+  ynl --do set-encap-port --json '{\"encap-port\": 4500}'
+  ynl --do ll-addr-add --json '{\"ll-src-addr\": \"10.0.0.1\", \"ll-src-port\": 1,
+    \"ll-dst-addr\": \"10.0.0.2\", \"ll-dst-port\": 2}'
+  cat /proc/net/tavik_wlan
+  ynl --dump get-tuples | sed 's/ *\({.tuple-attr\)/\n\1/g'
+  ynl --do reset
+  cat /proc/net/tavik_wlan") <<'EXPECTED'
+null
+null
+null
+null
+tuple ipv4 tcp 443
+tuple ipv6 esp 0x12345678
+device 7 wlan0
+encap 4500
+lowlat 10.0.0.1 1 10.0.0.2 2
+[{"tuples": {"tuple-element": [
+{"tuple-attr": {"port": 443, "spi-low": 0, "ip-proto": "ipv4", "trans-proto": "tcp", "reserved": 0}},
+{"tuple-attr": {"port": 4660, "spi-low": 22136, "ip-proto": "ipv6", "trans-proto": "esp", "reserved": 0}}]}}]
+null
+EXPECTED
