@@ -72,6 +72,6 @@ scripts/coverage.sh
 if [ $purpose = all ]; then
   for slow in ynl_kernel android_bp package reproducible; do
     echo "== $slow"
-    "tests/${slow}_test.sh"
+    "tests/${slow}_test.sh" || [ $? -eq 77 ] # skipped
   done
 fi

@@ -5,6 +5,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 tests/ynl_check.sh # brings the client
+if ! obstacle=$(scripts/vm.sh --check 2>&1 >/dev/null); then
+  echo "skipped: $obstacle"
+  exit 77
+fi
 
 export EXTRA=$PWD/build/ynl/root # the client, and a Python for it
 python=$(readlink -f /usr/bin/python3)
@@ -22,7 +26,10 @@ cp -r build/ynl/linux-source-*/tools/net/ynl/{cli.py,lib} kernel_interface/tavik
 done
 
 diff - <(scripts/vm.sh "
-  ynl() { $python /ynl/cli.py --spec /ynl/tavik_wlan.yaml --no-schema --output-json \"\$@\"; }
+  ynl() {
+    $python /ynl/cli.py --spec /ynl/tavik_wlan.yaml --no-schema --output-json \"\$@\" |
+      sed '/^null/d; s/ *\({.tuple-attr\)/\n\1/g'
+  }
   datapathctl ipsec add 0x12345678 ::1
   ynl --do add-tuples --json '{\"tuples\": {\"tuple-element\": [
     {\"tuple-attr\": {\"port\": 443, \"ip-proto\": 4, \"trans-proto\": 6}}]}}'
@@ -31,13 +38,9 @@ diff - <(scripts/vm.sh "
   ynl --do ll-addr-add --json '{\"ll-src-addr\": \"10.0.0.1\", \"ll-src-port\": 1,
     \"ll-dst-addr\": \"10.0.0.2\", \"ll-dst-port\": 2}'
   cat /proc/net/tavik_wlan
-  ynl --dump get-tuples | sed 's/ *\({.tuple-attr\)/\n\1/g'
+  ynl --dump get-tuples
   ynl --do reset
   cat /proc/net/tavik_wlan") <<'EXPECTED'
-null
-null
-null
-null
 tuple ipv4 tcp 443
 tuple ipv6 esp 0x12345678
 device 7 wlan0
@@ -46,5 +49,4 @@ lowlat 10.0.0.1 1 10.0.0.2 2
 [{"tuples": {"tuple-element": [
 {"tuple-attr": {"port": 443, "spi-low": 0, "ip-proto": "ipv4", "trans-proto": "tcp", "reserved": 0}},
 {"tuple-attr": {"port": 4660, "spi-low": 22136, "ip-proto": "ipv6", "trans-proto": "esp", "reserved": 0}}]}}]
-null
 EXPECTED
