@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What the library offers to its host and what it needs from it, read from the ELF file.
+# What the library offers to its host, what it needs from it, and its size, read from the ELF file.
 set -euo pipefail
 library=$1
 
@@ -31,3 +31,13 @@ diff <(printf '%s\n' libc.so.6 libcorvil_log.so.1 libcorvil_netlink.so.1 \
 # Full RELRO: the log statements' descriptors hold pointers and are read-only after relocation.
 readelf -l "$library" | grep GNU_RELRO >/dev/null
 readelf -d "$library" | grep BIND_NOW >/dev/null
+
+# Small, as g++ builds it for x86-64.
+stripped=$(mktemp)
+trap 'rm -f "$stripped"' EXIT
+strip -o "$stripped" "$library"
+size=$(stat --format=%s "$stripped")
+if [ "$size" -ge 24576 ] && readelf -hp .comment "$library" | grep -Pzq '(?s)X86-64.*GCC'; then
+  echo "the library has $size bytes, stripped" >&2
+  exit 1
+fi

@@ -50,10 +50,26 @@ int corvil_datapath_proxy_genlmsg_init(DatapathRequest& request, uint32_t comman
   return 0;
 }
 
+/// Logs a failure whose function and text say all of it.
+void log_failure(const char* name, LogFormat<> message) { DATAPATH_LOG_AS(ERR, name, message); }
+
+/// Logs that a call or a step of it has failed, if it has; hands on its result.
+int log_failure(const char* name, LogFormat<> message, int result) {
+  if (result == -1) {
+    log_failure(name, message);
+  }
+  return result;
+}
+
+int reject_parameters(const char* name) {
+  log_failure(name, "%s(): Invalid parameters\n");
+  return -1;
+}
+
 DatapathRequest allocate_request(const char* name, uint32_t size) {
   DatapathRequest request(size);
   if (!request) {
-    DATAPATH_LOG_AS(ERR, name, "%s(): GENL message allocation failure\n");
+    log_failure(name, "%s(): GENL message allocation failure\n");
   }
   return request;
 }
@@ -65,7 +81,7 @@ void log_allocation(const char* name, const DatapathRequest& request) {
 
 bool fill_headers(const char* name, DatapathRequest& request, uint32_t command) {
   if (corvil_datapath_proxy_genlmsg_init(request, command) == -1) {
-    DATAPATH_LOG_AS(ERR, name, "%s(): GENL message failure\n");
+    log_failure(name, "%s(): GENL message failure\n");
     return false;
   }
   return true;
@@ -262,11 +278,8 @@ int corvil_datapath_proxy_del_fwd_info(uint32_t selector, const char* fwd_to,
 int remove_forwarding(const char* name, uint32_t selector, const char* fwd_to,
                       const char* fwd_from) {
   DATAPATH_LOG_AS(HIGH, name, "%s(): Removing FWD information\n");
-  const int result = corvil_datapath_proxy_del_fwd_info(selector, fwd_to, fwd_from);
-  if (result == -1) {
-    DATAPATH_LOG_AS(ERR, name, "%s(): Removing FWD information failed\n");
-  }
-  return result;
+  return log_failure(name, "%s(): Removing FWD information failed\n",
+                     corvil_datapath_proxy_del_fwd_info(selector, fwd_to, fwd_from));
 }
 
 /// What tells the setting of the WLAN device from its unsetting.
@@ -317,11 +330,7 @@ int send_encap_port(const EncapPortCall& call, uint16_t port) {
   }
   DATAPATH_LOG_AS(HIGH, call.name, call.announcement, uint32_t{ntohs(port)});
   request.put_u16(TAVIK_WLAN_ATTR_ENCAP_PORT, port);
-  const int result = transact(call.name, request);
-  if (result == -1) {
-    DATAPATH_LOG_AS(ERR, call.name, call.failure);
-  }
-  return result;
+  return log_failure(call.name, call.failure, transact(call.name, request));
 }
 
 /// The tuple of an ESP flow; any address text with a colon is an IPv6 one.
@@ -350,8 +359,7 @@ int send_ipsec(const IpsecCall& call, const IpsecInfo* info, const char* address
   }
   log_allocation(call.name, request);
   if (info == nullptr || address == nullptr) {
-    DATAPATH_LOG_AS(ERR, call.name, "%s(): Invalid parameters\n");
-    return -1;
+    return reject_parameters(call.name);
   }
   if (!fill_headers(call.name, request, call.command)) {
     return -1;
@@ -360,11 +368,7 @@ int send_ipsec(const IpsecCall& call, const IpsecInfo* info, const char* address
   const uint32_t tuples = request.open_container(TAVIK_WLAN_ATTR_TUPLES);
   call.put_tuple(request, ipsec_tuple(*info, address));
   request.close_container(tuples);
-  const int result = transact(call.name, request);
-  if (result == -1) {
-    DATAPATH_LOG_AS(ERR, call.name, call.failure);
-  }
-  return result;
+  return log_failure(call.name, call.failure, transact(call.name, request));
 }
 
 // Kernel state query
@@ -414,7 +418,7 @@ void parse(AttributeRun run, const nlattr** table, uint16_t max_type) {
 /// lengths in it say: what does not lie whole within ends the walk.
 int tavik_wlan_tuple_query_cb(const nlmsghdr* reply, void* /*context*/) {
   if (reply == nullptr) {
-    DATAPATH_LOG(ERR, "%s(): Invalid netlink header!");
+    log_failure(__func__, "%s(): Invalid netlink header!");
     return 0;
   }
   const AttributeRun attributes = attributes_of(reply);
@@ -450,7 +454,7 @@ int tavik_wlan_tuple_query_cb(const nlmsghdr* reply, void* /*context*/) {
                  uint32_t{ip_proto}, uint32_t{trans_proto});
     tree_result = corvil_port_utils_add_port_from_kernel(port, ip_proto, trans_proto);
     if (tree_result != 0) {
-      DATAPATH_LOG(ERR, "%s(): Failed to add port to tree!");
+      log_failure(__func__, "%s(): Failed to add port to tree!");
     }
   }
   return tree_result == 0 ? 1 : 0;
@@ -464,39 +468,34 @@ int corvil_datapath_proxy_set_config_info(const char* wlan_dev, const char* fwd_
                                           const char* fwd_from, const PortDescriptor* ports,
                                           uint32_t port_count, uint32_t selector) {
   if (wlan_dev == nullptr || fwd_to == nullptr || fwd_from == nullptr) {
-    DATAPATH_LOG(ERR, "%s(): Invalid parameters\n");
-    return -1;
+    return reject_parameters(__func__);
   }
   if (ports_present(ports, port_count)) {
     DATAPATH_LOG(HIGH, "%s(): Adding port information\n");
-    if (corvil_datapath_proxy_add_ports(ports, port_count) == -1) {
-      DATAPATH_LOG(ERR, "%s(): Adding port information failed\n");
+    if (log_failure(__func__, "%s(): Adding port information failed\n",
+                    corvil_datapath_proxy_add_ports(ports, port_count)) == -1) {
       return -1;
     }
   }
   DATAPATH_LOG(HIGH, "%s(): Adding FWD information\n");
-  if (corvil_datapath_proxy_add_fwd_info(selector, fwd_to, fwd_from) == -1) {
-    DATAPATH_LOG(ERR, "%s(): Adding FWD information failed\n");
+  if (log_failure(__func__, "%s(): Adding FWD information failed\n",
+                  corvil_datapath_proxy_add_fwd_info(selector, fwd_to, fwd_from)) == -1) {
     return -1;
   }
   DATAPATH_LOG(HIGH, "%s(): Adding WLAN device information\n");
-  const int result = corvil_datapath_proxy_set_wlan_device(selector, wlan_dev);
-  if (result == -1) {
-    DATAPATH_LOG(ERR, "%s(): Adding WLAN device information failed\n");
-  }
-  return result;
+  return log_failure(__func__, "%s(): Adding WLAN device information failed\n",
+                     corvil_datapath_proxy_set_wlan_device(selector, wlan_dev));
 }
 
 int corvil_datapath_proxy_unset_config_info(const char* wlan_dev, const char* fwd_to,
                                             const char* fwd_from, const PortDescriptor* ports,
                                             uint32_t port_count, uint32_t selector) {
   if (wlan_dev == nullptr || fwd_to == nullptr || fwd_from == nullptr) {
-    DATAPATH_LOG(ERR, "%s(): Invalid parameters\n");
-    return -1;
+    return reject_parameters(__func__);
   }
   DATAPATH_LOG(HIGH, "%s(): Removing WLAN device information\n");
-  if (corvil_datapath_proxy_unset_wlan_device(selector, wlan_dev) == -1) {
-    DATAPATH_LOG(ERR, "%s(): Removing WLAN device information failed\n");
+  if (log_failure(__func__, "%s(): Removing WLAN device information failed\n",
+                  corvil_datapath_proxy_unset_wlan_device(selector, wlan_dev)) == -1) {
     return -1;
   }
   int result = remove_forwarding(__func__, selector, fwd_to, fwd_from);
@@ -505,10 +504,8 @@ int corvil_datapath_proxy_unset_config_info(const char* wlan_dev, const char* fw
   }
   if (ports_present(ports, port_count)) {
     DATAPATH_LOG(HIGH, "%s(): Removing port information\n");
-    result = corvil_datapath_proxy_del_ports(ports, port_count);
-    if (result == -1) {
-      DATAPATH_LOG(ERR, "%s(): Removing port information failed\n");
-    }
+    result = log_failure(__func__, "%s(): Removing port information failed\n",
+                         corvil_datapath_proxy_del_ports(ports, port_count));
   }
   if (selector == kLowLatencySelector) {
     DATAPATH_LOG(HIGH, "%s(): Removing low latency address!\n");
@@ -524,25 +521,22 @@ int corvil_datapath_proxy_update_config_info(const PortDescriptor* new_ports,
   const bool old_present = ports_present(old_ports, old_port_count);
   const bool new_present = ports_present(new_ports, new_port_count);
   if (!old_present && !new_present) {
-    DATAPATH_LOG(ERR, "%s(): Invalid parameters\n");
-    return -1;
+    return reject_parameters(__func__);
   }
   DATAPATH_LOG(HIGH, "%s(): Updating port information\n");
   int result = 0;
   if (old_present) {
     DATAPATH_LOG(HIGH, "%s(): Removing %u ports\n", old_port_count);
-    result = corvil_datapath_proxy_del_ports(old_ports, old_port_count);
+    result = log_failure(__func__, "%s(): Removing port information failed\n",
+                         corvil_datapath_proxy_del_ports(old_ports, old_port_count));
     if (result == -1) {
-      DATAPATH_LOG(ERR, "%s(): Removing port information failed\n");
       return -1;
     }
   }
   if (new_present) {
     DATAPATH_LOG(HIGH, "%s(): Adding %u ports\n", new_port_count);
-    result = corvil_datapath_proxy_add_ports(new_ports, new_port_count);
-    if (result == -1) {
-      DATAPATH_LOG(ERR, "%s(): Adding new port information failed\n");
-    }
+    result = log_failure(__func__, "%s(): Adding new port information failed\n",
+                         corvil_datapath_proxy_add_ports(new_ports, new_port_count));
   }
   return result;
 }
@@ -550,8 +544,7 @@ int corvil_datapath_proxy_update_config_info(const PortDescriptor* new_ports,
 int corvil_datapath_proxy_unset_reverse_dev_mapping(uint32_t selector, const char* fwd_to,
                                                     const char* fwd_from) {
   if (fwd_to == nullptr || fwd_from == nullptr) {
-    DATAPATH_LOG(ERR, "%s(): Invalid parameters\n");
-    return -1;
+    return reject_parameters(__func__);
   }
   return remove_forwarding(__func__, selector, fwd_to, fwd_from);
 }
@@ -562,11 +555,8 @@ int corvil_datapath_proxy_flush_config_info() {
     return -1;
   }
   DATAPATH_LOG(HIGH, "%s(): Resetting datapath state\n");
-  const int result = transact(__func__, request);
-  if (result == -1) {
-    DATAPATH_LOG(ERR, "%s(): Resetting datapath state failed\n");
-  }
-  return result;
+  return log_failure(__func__, "%s(): Resetting datapath state failed\n",
+                     transact(__func__, request));
 }
 
 // Exported calls: traffic rules
@@ -615,8 +605,7 @@ int corvil_datapath_proxy_act_encap_port_drop(uint16_t port) {
 int corvil_datapath_proxy_add_ll_dst_addr(const char* src_addr, const char* dst_addr,
                                           uint16_t src_port, uint16_t dst_port) {
   if (src_addr == nullptr || dst_addr == nullptr) {
-    DATAPATH_LOG(ERR, "%s(): Invalid parameters\n");
-    return -1;
+    return reject_parameters(__func__);
   }
   const uint32_t ports_size = attribute_size(sizeof(src_port)) + attribute_size(sizeof(dst_port));
   const uint32_t size =
@@ -655,10 +644,9 @@ int corvil_datapath_proxy_get_port_tuple() {
     return -1;
   }
   DATAPATH_LOG(LOW, "%s(): Querying ports!");
-  if (corvil_netlink_query(request.message(), NETLINK_GENERIC, tavik_wlan_tuple_query_cb, nullptr,
-                           1) == -1) {
-    DATAPATH_LOG(ERR, "%s(): Error in netlink query!");
-  }
+  log_failure(__func__, "%s(): Error in netlink query!",
+              corvil_netlink_query(request.message(), NETLINK_GENERIC, tavik_wlan_tuple_query_cb,
+                                   nullptr, 1));
   DATAPATH_LOG(LOW, "%s(): Finished getting ports!");
   return 0;
 }

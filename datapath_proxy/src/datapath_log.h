@@ -91,17 +91,19 @@ constexpr const LogLevelTraits& traits(LogLevel level) {
   return kLogLevels[static_cast<size_t>(level)];
 }
 
+// What a statement does while every sink is off is inlined even where the rest is built for size.
+
 /// Reads one of the host's settings, which another thread of the host may be changing.
 template <typename Setting>
-Setting read_setting(const Setting& setting) {
+[[gnu::always_inline]] inline Setting read_setting(const Setting& setting) {
   return __atomic_load_n(&setting, __ATOMIC_RELAXED);
 }
 
-inline bool file_sink_on() {
+[[gnu::always_inline]] inline bool file_sink_on() {
   return read_setting(log_to_file) != 0 && read_setting(logging_fd) != nullptr;
 }
 
-inline bool any_sink_on() {
+[[gnu::always_inline]] inline bool any_sink_on() {
   return (read_setting(zu_log_mask) & (ZU_LOG_MASK_DIAGNOSTIC | ZU_LOG_MASK_ANDROID)) != 0 ||
          file_sink_on();
 }
@@ -128,32 +130,59 @@ inline Timestamp current_timestamp() {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
-/// The body of DATAPATH_LOG. Allocates nothing and ignores what the sinks return; each sink formats
-/// the message for itself.
+/// Starts a message's line in the log file; returns whether that sink is on.
+[[gnu::noinline, gnu::cold]] inline bool begin_file_line(LogLevel level,
+                                                         const LogSiteDescriptor& site,
+                                                         const char* name) {
+  if (!file_sink_on()) {
+    return false;
+  }
+  const Timestamp timestamp = current_timestamp();
+  fprintf(read_setting(logging_fd), traits(level).file_header.text(), timestamp.text, site.file,
+          name, uint32_t{site.line});
+  return true;
+}
+
+[[gnu::noinline, gnu::cold]] inline void end_file_line() {
+  fputc('\n', read_setting(logging_fd));
+  fflush(read_setting(logging_fd));
+}
+
+/// Hands a message to the sinks that are on, each of which formats it for itself. Allocates nothing
+/// and ignores what they return.
 template <typename... Args>
 [[gnu::noinline, gnu::cold]] void write_log(LogLevel level, const LogSiteDescriptor& site,
-                                            const char* name,
-                                            LogFormat<std::type_identity_t<Args>...> format,
-                                            Args... args) {
-  if (file_sink_on()) {
-    const Timestamp timestamp = current_timestamp();
-    fprintf(read_setting(logging_fd), traits(level).file_header.text(), timestamp.text, site.file,
-            name, uint32_t{site.line});
-    fprintf(read_setting(logging_fd), format.text(), name, args...);
-    fputc('\n', read_setting(logging_fd));
-    fflush(read_setting(logging_fd));
+                                            const char* name, const char* format, Args... args) {
+  if (begin_file_line(level, site, name)) {
+    fprintf(read_setting(logging_fd), format, name, args...);
+    end_file_line();
   }
 
   uint32_t mask = read_setting(zu_log_mask);
   if ((mask & ZU_LOG_MASK_DIAGNOSTIC) != 0) {
     char message[kDiagnosticMessageSize]{};
-    zu_format_log_msg(message, sizeof(message), format.text(), name, args...);
+    zu_format_log_msg(message, sizeof(message), format, name, args...);
     msg_sprintf(&site, message);
     mask = read_setting(zu_log_mask);
   }
   if ((mask & ZU_LOG_MASK_ANDROID) != 0) {
-    __android_log_print(traits(level).android_priority, kAndroidTag, format.text(), name, args...);
+    __android_log_print(traits(level).android_priority, kAndroidTag, format, name, args...);
   }
+}
+
+// A conversion of a signed value takes an unsigned argument of the same value as well.
+inline const char* as_passed(const char* argument) { return argument; }
+inline uint32_t as_passed(uint32_t argument) { return argument; }
+inline uint32_t as_passed(int32_t argument) { return static_cast<uint32_t>(argument); }
+
+/// The body of DATAPATH_LOG: checks the format, and lets messages that differ in the sign of their
+/// arguments, none of which is negative, share their code.
+template <typename... Args>
+[[gnu::always_inline]] inline void log_message(LogLevel level, const LogSiteDescriptor& site,
+                                               const char* name,
+                                               LogFormat<std::type_identity_t<Args>...> format,
+                                               Args... args) {
+  write_log(level, site, name, format.text(), as_passed(args)...);
 }
 
 #pragma GCC diagnostic pop
@@ -163,15 +192,15 @@ template <typename... Args>
 /// Logs a message at a level (LOW, MED, HIGH or ERR) under a given function name: the name, then a
 /// LogFormat, then the format's arguments after the name. While every sink is off, nothing but the
 /// settings is read and no argument is evaluated.
-#define DATAPATH_LOG_AS(level, name, ...)                                           \
-  do {                                                                              \
-    if (::datapath::any_sink_on()) {                                                \
-      static constexpr LogSiteDescriptor kSite = {                                  \
-          __LINE__, ::datapath::kDiagnosticSubsystem,                               \
-          ::datapath::traits(::datapath::LogLevel::level).diagnostic_mask,          \
-          ::datapath::kDiagnosticFormat, ::datapath::kSourcePath};                  \
-      ::datapath::write_log(::datapath::LogLevel::level, kSite, name, __VA_ARGS__); \
-    }                                                                               \
+#define DATAPATH_LOG_AS(level, name, ...)                                             \
+  do {                                                                                \
+    if (::datapath::any_sink_on()) {                                                  \
+      static constexpr LogSiteDescriptor kSite = {                                    \
+          __LINE__, ::datapath::kDiagnosticSubsystem,                                 \
+          ::datapath::traits(::datapath::LogLevel::level).diagnostic_mask,            \
+          ::datapath::kDiagnosticFormat, ::datapath::kSourcePath};                    \
+      ::datapath::log_message(::datapath::LogLevel::level, kSite, name, __VA_ARGS__); \
+    }                                                                                 \
   } while (false)
 
 /// Logs a message under the name of the function that the statement stands in.
