@@ -135,6 +135,7 @@ int main(int argc, char** argv) {
   const Traffic traffic = record_traffic(folder);
   write_requests(traffic, Corpus(folder / "emulator_request_fuzz"));
   write_replies(traffic, Corpus(folder / "reply_callback_fuzz"));
+  write_replies(traffic, Corpus(folder / "hostile_kernel_fuzz"));
   write_attributes(traffic, Corpus(folder / "nla_parse_fuzz"));
   return EXIT_SUCCESS;
 }
