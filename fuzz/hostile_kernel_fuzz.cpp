@@ -6,7 +6,9 @@
 #include <fuzzer/FuzzedDataProvider.h>
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
+#include <sanitizer/msan_interface.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -16,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -76,22 +77,25 @@ std::string end(uint32_t sequence) {
 class Kernel {
  public:
   Kernel() {
-    std::string folder = std::filesystem::temp_directory_path() / "hostile_kernel.XXXXXX";
-    require(mkdtemp(folder.data()) != nullptr);
-    const std::string path = folder + "/socket";
+    const char* temporary = getenv("TMPDIR");
+    folder_ = std::string(temporary != nullptr ? temporary : "/tmp") + "/hostile_kernel.XXXXXX";
+    require(mkdtemp(folder_.data()) != nullptr);
+    const std::string path = folder_ + "/socket";
     sockaddr_un address{AF_UNIX, {}};
     require(path.size() < sizeof(address.sun_path));
-    path.copy(address.sun_path, path.size());
+    memcpy(address.sun_path, path.c_str(), path.size());
     require(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0);
     require(listen(listener_, 8) == 0);
     setenv("CORVIL_NETLINK_EMULATOR", path.c_str(), 1);
     setenv("CORVIL_NETLINK_TIMEOUT_MS", "1000", 1);
     corvil_netlink_set_trace(trace, this);
-    folder_ = folder;
   }
   Kernel(const Kernel&) = delete;
   Kernel& operator=(const Kernel&) = delete;
-  ~Kernel() { std::filesystem::remove_all(folder_); }
+  ~Kernel() {
+    unlink((folder_ + "/socket").c_str());
+    rmdir(folder_.c_str());
+  }
 
   /// Answers from the input; null: as a kernel should.
   void answer_from(FuzzedDataProvider* input) { input_ = input; }
@@ -169,7 +173,7 @@ class Kernel {
 
   const int listener_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   int peer_ = -1;
-  std::filesystem::path folder_;
+  std::string folder_;
   FuzzedDataProvider* input_ = nullptr;
 };
 
@@ -211,6 +215,16 @@ int call(unsigned which) {
 }
 
 }  // namespace
+
+#if __has_feature(memory_sanitizer)
+/// libmnl asks for a socket's address. It isn't instrumented, so what it passes seems unset.
+extern "C" int getsockname(int fd, sockaddr* address, socklen_t* length) {
+  __msan_unpoison(length, sizeof(*length));
+  const auto result = static_cast<int>(syscall(SYS_getsockname, fd, address, length));
+  __msan_unpoison(address, *length);
+  return result;
+}
+#endif
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Kernel kernel;

@@ -3,7 +3,7 @@
 #
 #   scripts/fuzz.sh [seconds]
 #
-# What is learned stays in build/fuzz/corpus. A finding fails the script and is kept, with its log,
+# What is learned stays in build/fuzz/corpus, and is replayed under MemorySanitizer. A finding fails the script and is kept, with its log,
 # in build/fuzz/findings; running the target on the kept input repeats it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -41,5 +41,12 @@ for target in "$build"/bin/*_fuzz; do
     reproducer=$(sed -n 's/.*Test unit written to //p' "$log" | tail -n 1)
     echo "$name: see $log; reproduce with: $target $reproducer" >&2
   fi
+done
+
+cmake --preset msan --log-level=WARNING
+cmake --build --preset msan
+for target in build/msan/bin/*_fuzz; do
+  name=$(basename "$target")
+  echo "$name, MemorySanitizer: $(find "$build/corpus/$name" -type f -exec "$target" {} +)" || status=1
 done
 exit "$status"
