@@ -14,8 +14,8 @@ demo_packages=(
   android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build nlohmann-json3-dev pkg-config
 )
 test_packages=(
-  abigail-tools binutils clang clang-format clang-tidy dpkg-dev gcovr git libclang-rt-dev man-db mandoc
-  python3 python3-yaml shellcheck tshark zsh
+  abigail-tools binutils clang clang-format clang-tidy cppcheck dpkg-dev gcovr git libclang-rt-dev man-db mandoc
+  python3 python3-yaml shellcheck tshark valgrind zsh
 )
 slow_test_packages=(
   blueprint-tools debootstrap file golang-android-soong-dev golang-github-google-blueprint-dev golang-go

@@ -63,6 +63,9 @@ for kernel in "${kernels[@]}"; do
   run_vm "$kernel"
 done
 
+echo "== analyzers"
+scripts/analyze.sh
+
 echo "== fuzz"
 scripts/fuzz.sh 5
 
