@@ -70,8 +70,8 @@ typedef int (*corvil_netlink_reply_callback)(const struct nlmsghdr* reply, void*
  * Sends a request and runs a callback once for every reply message, in the order of arrival, on the
  * calling thread; returns after the last one.
  *
- * request   a complete message; read only. Without a dump it has NLM_F_ACK set, since the
- *           acknowledgement ends the replies
+ * request   a complete message; read only. Without a dump, the acknowledgement ends the replies if
+ *           it has NLM_F_ACK set, and the first reply does if not
  * protocol  netlink protocol, such as NETLINK_GENERIC
  * callback  receives the replies, which are the messages of the request's own nlmsg_type; its
  *           result does not end the query

@@ -102,7 +102,7 @@ class WiresharkTest(unittest.TestCase):
         self.run_test("*EightThreads*")
         types = [packet_type for packet_type, _ in packets(self.capture)]
         self.assertGreater(types.count(SENT), 8 * 20 * 10 * 2)
-        self.assertGreater(types.count(RECEIVED), types.count(SENT))
+        self.assertGreaterEqual(types.count(RECEIVED), types.count(SENT))
 
     def test_a_full_disk_ends_the_capture_only(self):
         def limit():
@@ -119,7 +119,7 @@ class WiresharkTest(unittest.TestCase):
         subprocess.run(self.command, input=BATCH, text=True, check=True, stdout=subprocess.DEVNULL)
         sent = [data for _, data in packets(self.capture)]
         forged, must_be_malformed = [sent[1]], []  # The controller's answer comes first.
-        for data in sorted({data for data in sent if data[4:6] == sent[3][4:6]}):
+        for data in sorted({data for data in sent if data[4:6] == sent[2][4:6]}):
             for length in range(16, len(data)):
                 if data[16] == 1 and length > 20:  # One attribute, which ends nowhere before.
                     must_be_malformed.append([str(len(forged) + 1)])

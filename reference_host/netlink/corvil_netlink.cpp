@@ -51,7 +51,7 @@ int query_family(const char* name, Family* family) {
   alignas(nlmsghdr) std::array<char, kSize> buffer{};
   nlmsghdr* request = mnl_nlmsg_put_header(buffer.data());
   request->nlmsg_type = GENL_ID_CTRL;
-  request->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  request->nlmsg_flags = NLM_F_REQUEST;
   auto* generic = static_cast<genlmsghdr*>(mnl_nlmsg_put_extra_header(request, GENL_HDRLEN));
   generic->cmd = CTRL_CMD_GETFAMILY;
   generic->version = 1;

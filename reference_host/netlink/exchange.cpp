@@ -235,6 +235,8 @@ Progress Exchange::take(const nlmsghdr* message) {
   }
   if (message->nlmsg_type == request_.message->nlmsg_type && request_.callback != nullptr) {
     request_.callback(message, request_.context);
+    const bool more = request_.dump || (request_.message->nlmsg_flags & NLM_F_ACK) != 0;
+    return more ? Progress::kPending : finish(0, message);
   }
   return Progress::kPending;
 }

@@ -8,6 +8,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -132,15 +133,14 @@ int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message, const D
 }
 
 int NetlinkSocket::receive(const Deadline& deadline, std::span<const std::byte>* datagram) {
-  while (deadline.remaining().count() > 0) {
+  // Few answers have to be waited for, so the clock is read only where one has.
+  do {
     sockaddr_nl sender{};
-    iovec part{buffer_.get(), kBufferSize};
-    msghdr envelope{};
-    envelope.msg_name = is_emulated() ? nullptr : &sender;
-    envelope.msg_namelen = sizeof(sender);
-    envelope.msg_iov = &part;
-    envelope.msg_iovlen = 1;
-    const ssize_t size = recvmsg(fd(), &envelope, MSG_DONTWAIT);
+    socklen_t sender_size = sizeof(sender);
+    // With MSG_TRUNC a datagram that didn't fit tells its whole size.
+    const ssize_t size = recvfrom(fd(), buffer_.get(), kBufferSize, MSG_DONTWAIT | MSG_TRUNC,
+                                  is_emulated() ? nullptr : reinterpret_cast<sockaddr*>(&sender),
+                                  is_emulated() ? nullptr : &sender_size);
     if (size == -1) {
       if (errno != EAGAIN && errno != EINTR) {
         return errno;
@@ -153,15 +153,14 @@ int NetlinkSocket::receive(const Deadline& deadline, std::span<const std::byte>*
     if (is_emulated() && size == 0) {
       return ECONNRESET;
     }
-    *datagram = {buffer_.get(), static_cast<size_t>(size)};
+    *datagram = {buffer_.get(), std::min(static_cast<size_t>(size), kBufferSize)};
     if (tracing()) {
       trace(CORVIL_NETLINK_RECEIVED, protocol_, datagram->data(), datagram->size());
     }
-    if (sender.nl_pid != 0) {
-      continue;
+    if (sender.nl_pid == 0) {
+      return static_cast<size_t>(size) > kBufferSize ? EMSGSIZE : 0;
     }
-    return (envelope.msg_flags & MSG_TRUNC) != 0 ? EMSGSIZE : 0;
-  }
+  } while (deadline.remaining().count() > 0);
   return ETIMEDOUT;
 }
 
