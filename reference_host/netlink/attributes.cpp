@@ -8,6 +8,18 @@
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
 
+namespace {
+
+/// Lengthens a message, by zeros.
+void pad(nlmsghdr* message, uint32_t length) {
+  if (length > message->nlmsg_len) {
+    memset(reinterpret_cast<char*>(message) + message->nlmsg_len, 0, length - message->nlmsg_len);
+    message->nlmsg_len = length;
+  }
+}
+
+}  // namespace
+
 CORVIL_EXPORT int corvil_nla_put(struct nlmsghdr* message, uint16_t type, uint32_t length,
                                  const void* payload) {
   if (length > UINT16_MAX - NLA_HDRLEN) {
@@ -15,13 +27,11 @@ CORVIL_EXPORT int corvil_nla_put(struct nlmsghdr* message, uint16_t type, uint32
   }
   // mnl_attr_put() counts its end from nlmsg_len as it is, not from where the attribute starts, and
   // not every version of it clears the padding.
-  char* bytes = reinterpret_cast<char*>(message);
-  const uint32_t start = MNL_ALIGN(message->nlmsg_len);
-  const uint32_t end = start + NLA_HDRLEN + length;
-  memset(bytes + message->nlmsg_len, 0, start - message->nlmsg_len);
-  message->nlmsg_len = start;
+  pad(message, MNL_ALIGN(message->nlmsg_len));
+  const uint32_t end = message->nlmsg_len + NLA_HDRLEN + length;
   mnl_attr_put(message, type, length, payload != nullptr ? payload : "");
-  memset(bytes + end, 0, message->nlmsg_len - end);
+  message->nlmsg_len = end;
+  pad(message, MNL_ALIGN(end));
   return 0;
 }
 
