@@ -14,8 +14,9 @@ demo_packages=(
   android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build nlohmann-json3-dev pkg-config
 )
 test_packages=(
-  abigail-tools binutils clang clang-format clang-tidy cppcheck dpkg-dev gcovr git libclang-rt-dev man-db mandoc
-  python3 python3-yaml shellcheck tshark valgrind zsh
+  abigail-tools binutils clang clang-19 clang-format clang-tidy cppcheck dpkg-dev git
+  libclang-rt-19-dev libclang-rt-dev llvm-19 man-db mandoc python3 python3-yaml shellcheck tshark
+  valgrind zsh
 )
 slow_test_packages=(
   blueprint-tools debootstrap file golang-android-soong-dev golang-github-google-blueprint-dev golang-go

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds everything and passes all tests: with g++, with clang++ and clang-tidy, with the sanitizers,
-# for ARM, in a VM with the kernel module, under the fuzzer for a few seconds, and with every branch
-# of the library's unit taken.
+# for ARM, in a VM with the kernel module, under the fuzzer for a few seconds, and with every condition
+# of the library's unit seen to matter.
 #
 #   scripts/test.sh         what every change has to pass
 #   scripts/test.sh --all   the slow checks, too: clang++ without sanitizers, the VM with each kernel,
