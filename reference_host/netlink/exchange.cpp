@@ -1,6 +1,7 @@
 #include "reference_host/netlink/exchange.h"
 
 #include <libmnl/libmnl.h>
+#include <pthread.h>
 
 #include <cerrno>
 #include <charconv>
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <span>
 
 #include "reference_host/netlink/deadline.h"
@@ -61,9 +63,24 @@ struct Connection {
   uint32_t next_sequence() { return ++sequence != 0 ? sequence : ++sequence; }
 };
 
-Connection& thread_connection() {
-  thread_local Connection connection;
-  return connection;
+std::optional<pthread_key_t> create_connection_key() {
+  pthread_key_t key{};
+  const auto destroy = [](void* connection) { delete static_cast<Connection*>(connection); };
+  return pthread_key_create(&key, destroy) == 0 ? std::optional(key) : std::nullopt;
+}
+
+/// Null with no memory. The C++ runtime would end the process where it has none to note that a
+/// thread_local object is to be destroyed.
+Connection* thread_connection() {
+  static const std::optional<pthread_key_t> kKey = create_connection_key();
+  if (!kKey) {
+    return nullptr;
+  }
+  if (void* kept = pthread_getspecific(*kKey)) {
+    return static_cast<Connection*>(kept);
+  }
+  std::unique_ptr<Connection> created(new (std::nothrow) Connection);
+  return pthread_setspecific(*kKey, created.get()) == 0 ? created.release() : nullptr;
 }
 
 /// Whether the lengths in a datagram hold together, to its last byte.
@@ -296,8 +313,11 @@ Progress Exchange::give_up(int error) {
 }  // namespace
 
 int exchange(const Request& request, int* refusal) {
-  Connection& connection = thread_connection();
-  if (connection.busy) {
+  Connection* connection = thread_connection();
+  if (connection == nullptr) {
+    return fail(ENOMEM, "no memory for a connection");
+  }
+  if (connection->busy) {
     return fail(EBUSY, "an exchange of this thread is in progress");
   }
   if (request.message->nlmsg_len < sizeof(nlmsghdr)) {
@@ -307,7 +327,7 @@ int exchange(const Request& request, int* refusal) {
     clear_last_error();
     return trace_request(header_of(request, 0), request);
   }
-  Exchange current(request, connection, refusal);
+  Exchange current(request, *connection, refusal);
   for (int attempt = 0; attempt <= kDumpRetries; ++attempt) {
     const Progress progress = current.ask();
     if (progress == Progress::kDone) {
