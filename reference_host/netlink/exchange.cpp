@@ -172,21 +172,20 @@ Progress Exchange::ask() {
   if (send() == -1) {
     return Progress::kFailed;
   }
-  for (;;) {
+  // What comes without being waited for may never end.
+  do {
     std::span<const std::byte> datagram;
     const int error = socket_.receive(deadline_, &datagram);
-    if (error == ENOBUFS) {
-      lost_ = true;
-      continue;
-    }
-    if (error != 0) {
+    if (error != 0 && error != ENOBUFS) {
       return give_up(error);
     }
-    const Progress progress = take(datagram);
+    lost_ |= error == ENOBUFS;
+    const Progress progress = error == 0 ? take(datagram) : Progress::kPending;
     if (progress != Progress::kPending) {
       return progress;
     }
-  }
+  } while (deadline_.remaining().count() > 0);
+  return give_up(ETIMEDOUT);
 }
 
 int Exchange::send() {

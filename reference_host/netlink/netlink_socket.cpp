@@ -167,6 +167,9 @@ int NetlinkSocket::receive(const Deadline& deadline, std::span<const std::byte>*
 int NetlinkSocket::wait(short events, const Deadline& deadline) const {
   for (;;) {
     const timespec left = as_timespec(deadline.remaining());
+    if (left.tv_sec == 0 && left.tv_nsec == 0) {
+      return ETIMEDOUT;
+    }
     pollfd poll{fd(), events, 0};
     const int ready = ppoll(&poll, 1, &left, nullptr);
     if (ready > 0) {
