@@ -221,6 +221,8 @@ using torture::Record;
 
 extern "C" {
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): theirs are reserved names.
+
 void* libc_malloc(size_t size) __asm__("__libc_malloc");
 void* libc_calloc(size_t count, size_t size) __asm__("__libc_calloc");
 void libc_free(void* block) __asm__("__libc_free");
@@ -355,5 +357,7 @@ tm* localtime(const time_t* time) noexcept {
   errno = fault != nullptr ? fault->error : 0;
   return fault != nullptr ? nullptr : localtime_r(time, &result);
 }
+
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 }  // extern "C"

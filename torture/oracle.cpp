@@ -173,34 +173,38 @@ int recorded(Record::Step step, bool dump, const int* slot, Real real) {
   return result;
 }
 
-}  // namespace
+/// The next definition of a function of this type and name.
+template <typename Function>
+Function* next(Function* /*type*/, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
 
-// The next definition of a function, with the function's type.
-#define NEXT(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
+}  // namespace
 
 extern "C" {
 
 int corvil_netlink_query_genl(const char* family_name, uint32_t version, uint16_t* family_id) {
-  static const auto kNext = NEXT(corvil_netlink_query_genl);
+  static const auto kNext = next(corvil_netlink_query_genl, "corvil_netlink_query_genl");
   return recorded(Record::Step::kResolve, false, nullptr,
                   [=] { return kNext(family_name, version, family_id); });
 }
 
 int corvil_netlink_transact(const nlmsghdr* request, int protocol, int* error) {
-  static const auto kNext = NEXT(corvil_netlink_transact);
+  static const auto kNext = next(corvil_netlink_transact, "corvil_netlink_transact");
   return recorded(Record::Step::kExchange, false, error,
                   [=] { return kNext(request, protocol, error); });
 }
 
 int corvil_netlink_query(const nlmsghdr* request, int protocol,
                          corvil_netlink_reply_callback callback, void* context, int dump) {
-  static const auto kNext = NEXT(corvil_netlink_query);
+  static const auto kNext = next(corvil_netlink_query, "corvil_netlink_query");
   return recorded(Record::Step::kExchange, dump != 0, nullptr,
                   [=] { return kNext(request, protocol, callback, context, dump); });
 }
 
 int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t ip_proto, uint8_t trans_proto) {
-  static const auto kNext = NEXT(corvil_port_utils_add_port_from_kernel);
+  static const auto kNext =
+      next(corvil_port_utils_add_port_from_kernel, "corvil_port_utils_add_port_from_kernel");
   injector.in_tree = true;
   const int result = kNext(port, ip_proto, trans_proto);
   injector.in_tree = false;
