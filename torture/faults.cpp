@@ -175,7 +175,8 @@ const Fault* Injector::next(Op op) {
     current->sent += op == Op::kSend ? 1 : 0;
   }
   if (current != nullptr) {
-    current->begun |= op == Op::kSocket || op == Op::kSend;
+    current->begun |= op == Op::kClock && current->socket_used;
+    current->socket_used |= op == Op::kSocket || op == Op::kSend;
   }
   return fault;
 }

@@ -43,7 +43,7 @@ enum class Effect : uint8_t {
   kReconnects,  // on a connection kept from before; on a new one it fails
   kLoses,       // answers are lost: a dump is asked for again, an awaited reply is missed
   kTimesOut,
-  kPassesAnHour,  // times out an exchange that has begun
+  kPassesAnHour,  // times out an exchange whose time is running
 };
 
 /// Faults that are not errnos are negative numbers in their place.
@@ -82,14 +82,15 @@ struct Record {
   struct Struck {
     const Fault* fault;
     bool connected;  // in this exchange, before the fault
-    bool begun;      // the exchange has used a socket before
+    bool begun;      // its time was running
     int sent;        // how often the request had gone out
   };
 
   Step step;
   bool dump = false;
   bool connected = false;
-  bool begun = false;
+  bool socket_used = false;
+  bool begun = false;        // with the first look at the clock behind that
   bool consistent = true;    // result, last error and error slot agree
   bool from_kernel = false;  // the kernel has refused
   bool tree_struck = false;  // no memory for a port that came

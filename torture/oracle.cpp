@@ -46,7 +46,8 @@ int expected_error(const Record& record, int natural) {
       return timed_out();
     }
     late |= effect == Effect::kPassesAnHour && struck.begun;
-    tries += effect == Effect::kTriesAgain || effect == Effect::kLoses ? 1 : 0;
+    const bool again = effect == Effect::kTriesAgain || effect == Effect::kLoses;
+    tries += again && struck.begun ? 1 : 0;
     lost_at = effect == Effect::kLoses ? sent : lost_at;
   }
   if (late || tries >= kTriesInTime) {

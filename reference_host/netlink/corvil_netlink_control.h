@@ -6,7 +6,7 @@
  *
  *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
  *                              which all requests go instead; one packet is one netlink datagram
- *   CORVIL_NETLINK_TIMEOUT_MS  how long one operation may take, in milliseconds; a positive
+ *   CORVIL_NETLINK_TIMEOUT_MS  how long one operation may wait, in milliseconds; a positive
  *                              integer, anything else counts as unset: 3000
  *
  * One is read once, by the first exchange of the process:

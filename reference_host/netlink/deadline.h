@@ -2,27 +2,23 @@
 #ifndef REFERENCE_HOST_NETLINK_DEADLINE_H_
 #define REFERENCE_HOST_NETLINK_DEADLINE_H_
 
-#include <algorithm>
 #include <chrono>
 
 namespace corvil::netlink {
 
-/// Absolute on the monotonic clock: no number of interrupted waits or foreign messages extends it.
+/// CORVIL_NETLINK_TIMEOUT_MS after the first question for what remains: an operation that does not
+/// have to wait reads neither the clock nor that setting. Absolute on the monotonic clock: no
+/// number of interrupted waits or foreign messages extends it.
 class Deadline {
  public:
-  explicit Deadline(std::chrono::milliseconds timeout)
-      : timeout_(timeout), end_(std::chrono::steady_clock::now() + timeout) {}
+  /// Zero once it has passed.
+  [[nodiscard]] std::chrono::nanoseconds remaining();
 
+  /// Zero if it was never asked for.
   [[nodiscard]] std::chrono::milliseconds timeout() const { return timeout_; }
 
-  /// Zero once it has passed.
-  [[nodiscard]] std::chrono::nanoseconds remaining() const {
-    return std::max(std::chrono::nanoseconds{end_ - std::chrono::steady_clock::now()},
-                    std::chrono::nanoseconds::zero());
-  }
-
  private:
-  std::chrono::milliseconds timeout_;
+  std::chrono::milliseconds timeout_{};
   std::chrono::steady_clock::time_point end_;
 };
 

@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -24,8 +23,6 @@
 namespace corvil::netlink {
 namespace {
 
-constexpr int kDefaultTimeoutMs = 3000;
-
 /// An interrupted dump is asked for once more, this many times.
 constexpr int kDumpRetries = 3;
 
@@ -33,18 +30,9 @@ constexpr int kDumpRetries = 3;
 constexpr int kMaxErrno = 4095;
 
 /// A host sets its environment before it starts threads.
-const char* setting(const char* name) {
-  const char* value = getenv(name);
+const char* emulator_setting() {
+  const char* value = getenv("CORVIL_NETLINK_EMULATOR");
   return value != nullptr ? value : "";
-}
-
-std::chrono::milliseconds timeout_setting() {
-  const char* text = setting("CORVIL_NETLINK_TIMEOUT_MS");
-  const char* end = text + strlen(text);
-  int milliseconds = 0;
-  const auto [rest, error] = std::from_chars(text, end, milliseconds);
-  const bool valid = error == std::errc{} && rest == end && milliseconds > 0;
-  return std::chrono::milliseconds{valid ? milliseconds : kDefaultTimeoutMs};
 }
 
 uint32_t sequence_seed() {
@@ -135,8 +123,7 @@ class Exchange {
         socket_(connection.socket),
         connection_(connection),
         refusal_(refusal),
-        endpoint_{request.protocol, setting("CORVIL_NETLINK_EMULATOR")},
-        deadline_(timeout_setting()) {
+        endpoint_{request.protocol, emulator_setting()} {
     connection_.busy = true;
   }
   ~Exchange() { connection_.busy = false; }

@@ -48,7 +48,7 @@ bool NetlinkSocket::is_open_to(const Endpoint& endpoint) const {
          strcmp(emulator_.sun_path, endpoint.emulator) == 0;
 }
 
-int NetlinkSocket::open(const Endpoint& endpoint, const Deadline& deadline) {
+int NetlinkSocket::open(const Endpoint& endpoint, Deadline& deadline) {
   close();
   count_forks();
   const size_t path_length = strlen(endpoint.emulator);
@@ -84,7 +84,7 @@ int NetlinkSocket::open_kernel() {
   return 0;
 }
 
-int NetlinkSocket::open_emulator(const Deadline& deadline) {
+int NetlinkSocket::open_emulator(Deadline& deadline) {
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (fd == -1) {
     return errno;
@@ -112,7 +112,7 @@ int NetlinkSocket::open_emulator(const Deadline& deadline) {
   }
 }
 
-int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message, const Deadline& deadline) {
+int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message, Deadline& deadline) {
   // An iovec is not const, sendmsg() only reads.
   std::array<iovec, 2> parts{{
       {const_cast<nlmsghdr*>(&header), sizeof(header)},
@@ -132,7 +132,7 @@ int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message, const D
   return 0;
 }
 
-int NetlinkSocket::receive(const Deadline& deadline, std::span<const std::byte>* datagram) {
+int NetlinkSocket::receive(Deadline& deadline, std::span<const std::byte>* datagram) {
   // Few answers have to be waited for, so the clock is read only where one has.
   do {
     sockaddr_nl sender{};
@@ -164,7 +164,7 @@ int NetlinkSocket::receive(const Deadline& deadline, std::span<const std::byte>*
   return ETIMEDOUT;
 }
 
-int NetlinkSocket::wait(short events, const Deadline& deadline) const {
+int NetlinkSocket::wait(short events, Deadline& deadline) const {
   for (;;) {
     const timespec left = as_timespec(deadline.remaining());
     if (left.tv_sec == 0 && left.tv_nsec == 0) {

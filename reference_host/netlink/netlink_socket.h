@@ -27,18 +27,18 @@ class NetlinkSocket {
   [[nodiscard]] bool is_open_to(const Endpoint& endpoint) const;
 
   /// Opens the socket, in place of the one before, and allocates the receive buffer if need be.
-  [[nodiscard]] int open(const Endpoint& endpoint, const Deadline& deadline);
+  [[nodiscard]] int open(const Endpoint& endpoint, Deadline& deadline);
 
   void close() { socket_.reset(); }
 
   /// Sends `header`, then the message's bytes behind its own header. EPIPE or ECONNRESET: the peer
   /// has closed the connection.
-  [[nodiscard]] int send(const nlmsghdr& header, const nlmsghdr* message, const Deadline& deadline);
+  [[nodiscard]] int send(const nlmsghdr& header, const nlmsghdr* message, Deadline& deadline);
 
   /// Receives the peer's next whole datagram, 4-byte aligned and valid until the next call; those
   /// of other senders are dropped. ETIMEDOUT: none came; ENOBUFS: some were lost, the socket goes
   /// on; EMSGSIZE: one came truncated; ECONNRESET: the peer has closed the connection.
-  [[nodiscard]] int receive(const Deadline& deadline, std::span<const std::byte>* datagram);
+  [[nodiscard]] int receive(Deadline& deadline, std::span<const std::byte>* datagram);
 
  private:
   struct Close {
@@ -46,8 +46,8 @@ class NetlinkSocket {
   };
 
   [[nodiscard]] int open_kernel();
-  [[nodiscard]] int open_emulator(const Deadline& deadline);
-  [[nodiscard]] int wait(short events, const Deadline& deadline) const;
+  [[nodiscard]] int open_emulator(Deadline& deadline);
+  [[nodiscard]] int wait(short events, Deadline& deadline) const;
   [[nodiscard]] int fd() const { return mnl_socket_get_fd(socket_.get()); }
   [[nodiscard]] bool is_emulated() const { return emulator_.sun_path[0] != '\0'; }
 
