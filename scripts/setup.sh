@@ -5,6 +5,7 @@
 #   scripts/setup.sh vm     that, and what scripts/vm.sh boots a kernel with
 #   scripts/setup.sh test   all that, and what scripts/test.sh checks with
 #   scripts/setup.sh all    all that, and what scripts/test.sh --all checks with
+#   scripts/setup.sh bench  what scripts/bench.sh builds, measures and draws with
 #
 # The packages for the VM and those for ARM are left out, with a line that says why, where they
 # can't be had.
@@ -29,6 +30,9 @@ unit_test_packages=(
 # What builds the library for ARM and runs its tests.
 cross_packages=(
   g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest qemu-user
+)
+bench_packages=(
+  binutils gnuplot-nox libbenchmark-dev libnl-genl-3-dev python3 valgrind
 )
 # What builds the kernel module and boots a kernel with it, and witnesses there.
 vm_packages=(
@@ -116,6 +120,9 @@ case $purpose in
   demo)
     require "${demo_packages[@]}"
     ;;
+  bench)
+    require "${demo_packages[@]}" "${bench_packages[@]}"
+    ;;
   vm)
     require "${demo_packages[@]}" "${unit_test_packages[@]}"
     want "the VM" "${vm_packages[@]}"
@@ -127,7 +134,7 @@ case $purpose in
     [ "$purpose" != all ] || require "${slow_test_packages[@]}"
     ;;
   *)
-    echo "usage: scripts/setup.sh [demo|vm|test|all]" >&2
+    echo "usage: scripts/setup.sh [demo|vm|test|all|bench]" >&2
     exit 1
     ;;
 esac
