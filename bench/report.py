@@ -152,7 +152,7 @@ def call_rows(peer, times):
 
 def call_table(groups):
     rows = [row for peer, times in groups.items() for row in call_rows(peer, times)]
-    return ("### Whole calls and reading back: nanoseconds\n\n" +
+    return ("### Whole calls and reading back: nanoseconds, in the VM instructions\n\n" +
             table(["peer: case", FLOOR, "with acknowledged look-up", *RIVALS,
                    *(f"{rival} to floor" for rival in RIVALS), "libnl to library"], rows))
 
@@ -221,7 +221,9 @@ def call_targets(groups):
             ratio = Ratio(rivals["library"], rivals[FLOOR])
             yield f"{peer}: {case}: to the floor", "<= 1.15", str(ratio), verdict(ratio, 1.15)
             ratio = Ratio(rivals["library"], rivals["libnl"])
-            yield f"{peer}: {case}: to libnl", "<= 0.5", str(ratio), verdict(ratio, 0.5)
+            reachable = Ratio(rivals[FLOOR], rivals["libnl"]).value <= 0.5
+            yield (f"{peer}: {case}: to libnl", "<= 0.5", str(ratio),
+                   verdict(ratio, 0.5) if reachable else "not even the floor is")
 
 
 def other_targets(times, called, files):

@@ -80,8 +80,9 @@ measure_in_vm() {
       *) cp --dereference "$library" $root/opt/bench ;;
     esac
   done
-  EXTRA=$PWD/$root scripts/vm.sh "/opt/bench/datapath_bench --target=kernel ${repeated[*]} \
-    --benchmark_format=json 2>/dev/null" >$build/kernel.json
+  EXTRA=$PWD/$root CLOCK=instructions scripts/vm.sh "/opt/bench/datapath_bench --target=kernel \
+    --benchmark_repetitions=10 --benchmark_min_time=0.002 \
+    --benchmark_enable_random_interleaving=true --benchmark_format=json" >$build/kernel.json
 }
 
 scripts/setup.sh bench
@@ -92,6 +93,7 @@ $bin/datapath_bench "${repeated[@]}" --benchmark_out=$build/results.json >/dev/n
 valgrind --quiet --tool=callgrind --combine-dumps=yes --callgrind-out-file=$build/callgrind.out \
   $bin/datapath_bench --count >$build/counts.tsv
 measure_files >$build/files.tsv
+rm -f $build/kernel.json
 [ $vm = no ] || measure_in_vm
 bench/report.py $build
 
