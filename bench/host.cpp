@@ -26,10 +26,10 @@ Operation* next(Operation* /*type*/, const char* name) {
   return reinterpret_cast<Operation*>(dlsym(RTLD_NEXT, name));
 }
 
-const auto host_query_genl = next(corvil_netlink_query_genl, "corvil_netlink_query_genl");
-const auto host_transact = next(corvil_netlink_transact, "corvil_netlink_transact");
-const auto host_query = next(corvil_netlink_query, "corvil_netlink_query");
-const auto host_add_port =
+const auto kHostQueryGenl = next(corvil_netlink_query_genl, "corvil_netlink_query_genl");
+const auto kHostTransact = next(corvil_netlink_transact, "corvil_netlink_transact");
+const auto kHostQuery = next(corvil_netlink_query, "corvil_netlink_query");
+const auto kHostAddPort =
     next(corvil_port_utils_add_port_from_kernel, "corvil_port_utils_add_port_from_kernel");
 
 int swallow(const nlmsghdr* request) {
@@ -63,18 +63,18 @@ int corvil_netlink_query_genl(const char* family_name, uint32_t version, uint16_
     *family_id = bench::kNullFamily;
     return 0;
   }
-  return bench::host_query_genl(family_name, version, family_id);
+  return bench::kHostQueryGenl(family_name, version, family_id);
 }
 
 int corvil_netlink_transact(const nlmsghdr* request, int protocol, int* error) {
   return bench::null_host ? bench::swallow(request)
-                          : bench::host_transact(request, protocol, error);
+                          : bench::kHostTransact(request, protocol, error);
 }
 
 int corvil_netlink_query(const nlmsghdr* request, int protocol,
                          corvil_netlink_reply_callback callback, void* context, int dump) {
   return bench::null_host ? bench::swallow(request)
-                          : bench::host_query(request, protocol, callback, context, dump);
+                          : bench::kHostQuery(request, protocol, callback, context, dump);
 }
 
 int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t ip_proto, uint8_t trans_proto) {
@@ -82,13 +82,13 @@ int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t ip_proto, uint
     ++bench::counted_ports;
     return 0;
   }
-  return bench::host_add_port(port, ip_proto, trans_proto);
+  return bench::kHostAddPort(port, ip_proto, trans_proto);
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier): glibc's names.
 void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* memory, size_t size);
+void* __libc_calloc(size_t nmemb, size_t size);
+void* __libc_realloc(void* ptr, size_t size);
 // NOLINTEND(bugprone-reserved-identifier)
 
 void* malloc(size_t size) {
@@ -96,14 +96,14 @@ void* malloc(size_t size) {
   return __libc_malloc(size);
 }
 
-void* calloc(size_t count, size_t size) {
+void* calloc(size_t nmemb, size_t size) {
   ++bench::allocation_count;
-  return __libc_calloc(count, size);
+  return __libc_calloc(nmemb, size);
 }
 
-void* realloc(void* memory, size_t size) {
+void* realloc(void* ptr, size_t size) {
   ++bench::allocation_count;
-  return __libc_realloc(memory, size);
+  return __libc_realloc(ptr, size);
 }
 
 }  // extern "C"
