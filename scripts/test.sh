@@ -5,7 +5,8 @@
 #
 #   scripts/test.sh         what every change has to pass
 #   scripts/test.sh --all   the slow checks, too: clang++ without sanitizers, the VM with each kernel,
-#                           packages, reproducibility, the kernel's netlink tools, the device's build
+#                           pairs of faults, packages, reproducibility, the kernel's netlink tools,
+#                           the device's build
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -73,6 +74,8 @@ echo "== coverage"
 scripts/coverage.sh
 
 if [ $purpose = all ]; then
+  echo "== torture"
+  scripts/torture.sh
   for slow in ynl_kernel android_bp package reproducible; do
     echo "== $slow"
     "tests/${slow}_test.sh" || [ $? -eq 77 ] # skipped
