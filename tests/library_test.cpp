@@ -555,7 +555,8 @@ Events port_events(unsigned port, const std::string& protocols) {
 
 TEST_F(LibraryTest, HandsTheTuplesOfEachReplyToThePortTree) {
   const std::string https = "10000180 0c000100 01bb0000 04060000 ";
-  const std::string nat = "10000000 0c000100 11940000 06110000 ";  // the element's type is free
+  // The element's type is free; padding follows it.
+  const std::string nat = "0e000000 0a000100 11940000 06110000 ";
   const std::string esp = "10000180 0c000100 00001001 06320000";
   const Events full = {"ERR tavik_wlan_tuple_query_cb(): Failed to add port to tree!"};
   host().replies = {reply("34000180" + https + nat + esp), reply("34000180" + https + nat + esp),
@@ -598,8 +599,9 @@ TEST_F(LibraryTest, SurvivesMalformedReplies) {
       // A child without a tuple, after a good one.
       {reply("18000180" + good + "04000180"), port + no_tuples + Events{"reply 0"}},
       {reply("1c000180" + good + "08000180 04000000"), port + no_tuples + Events{"reply 0"}},
-      // A tuple of 5 bytes, one of 6 without its padding, one that claims more than its child.
-      {reply("11000180 0d000180 09000100 01bb0000 04"), {"reply 0"}},
+      // A tuple of 5 bytes, which ends the walk, one of 6 without its padding, one that claims more
+      // than its child.
+      {reply("24000180 0d000180 09000100 01bb0000 04000000" + good), {"reply 0"}},
       {reply("12000180 0e000180 0a000100 01bb0000 0406"), port + Events{"reply 1"}},
       {reply("14000180 10000180 0d000100 01bb0000 04060000"), {"reply 0"}},
   };

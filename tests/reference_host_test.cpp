@@ -11,9 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <utility>
@@ -59,9 +61,8 @@ class FakeKernel {
  public:
   explicit FakeKernel(std::vector<Answer> script = {}, const char* timeout_ms = "5000")
       : script_(std::move(script)) {
-    sockaddr_un address{AF_UNIX, {}};
-    path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    EXPECT_EQ(0, bind(sockets_[0], reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    path_.copy(address_.sun_path, sizeof(address_.sun_path) - 1);
+    EXPECT_EQ(0, bind(sockets_[0], reinterpret_cast<sockaddr*>(&address_), sizeof(address_)));
     EXPECT_EQ(0, listen(sockets_[0], 8));
     setenv("CORVIL_NETLINK_EMULATOR", path_.c_str(), 1);
     setenv("CORVIL_NETLINK_TIMEOUT_MS", timeout_ms, 1);
@@ -69,11 +70,27 @@ class FakeKernel {
   }
   ~FakeKernel() {
     corvil_netlink_set_trace(nullptr, nullptr);
+    static_cast<void>(is_closed(connections()));
     std::for_each(sockets_.begin(), sockets_.end(), close);
     unlink(path_.c_str());
     unsetenv("CORVIL_NETLINK_EMULATOR");
   }
 
+  void fill_backlog() {
+    while (connect(sockets_.emplace_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0)),
+                   reinterpret_cast<sockaddr*>(&address_), sizeof(address_)) == 0) {
+    }
+  }
+
+  /// Whether so manieth connection is closed, once its requests, of the length they tell, are read.
+  [[nodiscard]] bool is_closed(size_t connection) const {
+    std::array<uint32_t, 64> request{};
+    ssize_t size = 0;
+    while ((size = recv(sockets_[connection], &request, sizeof(request), MSG_DONTWAIT)) > 0) {
+      EXPECT_EQ(size, request[0]);
+    }
+    return size == 0 || errno == ECONNRESET;
+  }
   [[nodiscard]] size_t connections() const { return sockets_.size() - 1; }  // The listener.
 
  private:
@@ -95,6 +112,7 @@ class FakeKernel {
   }
 
   const std::vector<Answer> script_;
+  sockaddr_un address_{AF_UNIX, {}};
   size_t next_ = 0;
   std::string last_sequence_;
   std::vector<int> sockets_{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
@@ -114,16 +132,17 @@ int transact(int* error = nullptr) {
 
 int last_error() { return corvil_netlink_last_error()->error; }
 
-/// What the kernel said of it: attribute offset and text; empty when it wasn't the kernel.
+/// What was said of it, by the kernel behind the attribute offset.
 std::string last_reason() {
   const CorvilNetlinkError& last = *corvil_netlink_last_error();
-  return last.from_kernel == 0 ? "" : std::to_string(last.attribute_offset) + " " + last.message;
+  return (last.from_kernel == 1 ? std::to_string(last.attribute_offset) + " " : "") + last.message;
 }
 
 /// Collects the first payload byte behind each reply's generic header.
 int collect(const nlmsghdr* reply, void* replies) {
   EXPECT_EQ(-1, transact()) << "from inside an exchange";
   EXPECT_EQ(EBUSY, last_error());
+  EXPECT_EQ("an exchange of this thread is in progress", last_reason());
   *static_cast<std::string*>(replies) += reinterpret_cast<const char*>(reply)[20];
   return 1;
 }
@@ -141,55 +160,140 @@ void query(const std::vector<Answer>& answers, int dump, const std::string& expe
   EXPECT_EQ(expected, replies);
   EXPECT_EQ(0, transact());
   EXPECT_EQ(connections, kernel.connections());
+  EXPECT_EQ(connections == 2, kernel.is_closed(1));
 }
 
 TEST(Netlink, QueriesTakeTheAnswersOfTheirOwn) {
-  query({{part("61"), kAck, part("58")}}, 0, "a");
+  query({{part("61"), part("62"), kAck, part("58")}}, 0, "ab");
   const std::string others = part("58", "2100 0200 S") + part("59", "2000 0200 00000000");
-  query({{part("61"), others + part("62"), part("63") + kDone}}, 1, "abc");
+  query({{part("61"), others + part("62"), kAck + part("63") + kDone}}, 1, "abc");
   query({{kRefusal}}, 1, "", EINVAL, 1, "20 bad");
-  query({{part("61"), "14000000 0300 0200 S 00000000 f4ffffff"}}, 1, "a", ENOMEM, 1, "0 ");
+  query({{"44000000 0200 0001" + kRefusal.substr(18)}}, 1, "", EINVAL, 1, "0 ");
+  query({{part("61"), "1c000000 0300 0202 S 00000000 f4ffffff 0700 0100 62616400"}}, 1, "a", ENOMEM,
+        1, "0 bad");
+  // Answers that repeat the request, the second one's longer than it is.
+  const std::string repeats = "0200 0002 S 00000000 eaffffff ";
+  query({{"30000000" + repeats + "12000000 2000 0500 S 00000000 09010000 0800 0200 14000000"}}, 0,
+        "", EINVAL, 1, "20 ");
+  query({{"24000000" + repeats + "ffff0000 2000 0500 S 00000000"}}, 0, "", EINVAL, 1, "0 ");
   // Interrupted dumps are drained and asked for again, up to three times.
   query({{part("61"), "14000000 0300 1200 S 00000000 00000000"}, {part("62"), kDone}}, 1, "ab");
-  query(std::vector<Answer>(4, {part("61", "2000 1200 S"), kDone}), 1, "aaaa", EINTR);
+  query(std::vector<Answer>(4, {part("61", "2000 1200 S"), kDone}), 1, "aaaa", EINTR, 1,
+        "the dump was interrupted by changes 4 times in a row");
   // What is left of a dump keeps the kernel from starting another one on the socket.
-  query({{part("61")}}, 1, "a", ETIMEDOUT, 2);
-  query({{"14000000 0200 0001 S 00000000 00000000", kAck}}, 0, "", EBADMSG, 2);
-  query({{kAck + "0f000000 0200 0001", kAck}}, 0, "", EBADMSG, 2);
-  query({{"04000200 1800 0000 S 00000000" + std::string(262120, '0'), kAck}}, 0, "", EMSGSIZE, 2);
-  query({{""}}, 0, "", ECONNRESET, 2);
+  query({{part("61")}}, 1, "a", ETIMEDOUT, 2, "no answer within 200 ms");
+  // Too short, too long, with a byte too many, with what is neither 0 nor a negative errno.
+  const std::string head = kAck.substr(0, 29);
+  for (const std::string& answer :
+       {std::string("12000000 0300 0200 S 00000000 0000"), "14" + head.substr(2) + "00000000",
+        "24000080" + kAck.substr(8), kAck + "00", head + "01000000" + kAck.substr(38),
+        head + "00f0ffff" + kAck.substr(38)}) {
+    query({{answer, kAck}}, 1, "", EBADMSG, 2, "the answer is malformed");
+  }
+  query({{head + "01f0ffff" + kAck.substr(38)}}, 1, "", 4095, 1, "0 ");
+  query({{"00000200 2100 0000 S 00000000" + std::string(262112, '0'), kAck}}, 0, "");
+  query({{"04000200 1800 0000 S 00000000" + std::string(262120, '0'), kAck}}, 0, "", EMSGSIZE, 2,
+        "the answer is longer than the receive buffer");
+  query({{""}}, 0, "", ECONNRESET, 2, "the peer closed the connection before its answer");
 }
 
 TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
   const std::string late = "24000000 0200 0001 00000000 00000000 f0ffffff" + kAck.substr(38);
-  FakeKernel kernel({{}, {late, kRefusal}}, "200");
   static_cast<void>(std::signal(SIGALRM, [](int) {}));
   int error = 0;
-  ualarm(2000, 2000);
+  for (const useconds_t interval : {0U, 2000U}) {
+    ualarm(interval, interval);
+    FakeKernel full({}, "50");
+    full.fill_backlog();
+    EXPECT_EQ(-1, transact());
+    EXPECT_TRUE(last_reason().starts_with("cannot reach the emulator: Connection timed out: /"));
+  }
+  FakeKernel kernel({{}, {late, kRefusal}}, "200");
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+  const clock_t start = clock();
   EXPECT_EQ(-1, transact(&error));
+  EXPECT_LT(clock() - start, CLOCKS_PER_SEC / 10) << "of computing, instead of waiting";
+  EXPECT_GE(std::chrono::steady_clock::now(), end);
   ualarm(0, 0);
   EXPECT_EQ(ETIMEDOUT, last_error());
   EXPECT_EQ(-1, transact(&error));
   EXPECT_EQ(-EINVAL, error);
   EXPECT_EQ(6U, corvil_netlink_last_error()->missing_attribute);
   EXPECT_EQ(24U, corvil_netlink_last_error()->missing_nest_offset);
+  EXPECT_EQ(1U, kernel.connections());
+  EXPECT_EQ(-1, corvil_netlink_query_genl("SIXTEEN_LETTERS_", 1, nullptr));
+  EXPECT_EQ("no family name is as long as SIXTEEN_LETTERS_", last_reason());
+  EXPECT_EQ(0U, corvil_netlink_last_error()->missing_attribute);
+  EXPECT_EQ(0U, corvil_netlink_last_error()->missing_nest_offset);
 }
 
 TEST(Netlink, FamilyQueryWantsIdAndVersion) {
-  const std::string head = "24000000 1000 0000 S 00000000 01020000 0600 0100 ";
-  FakeKernel kernel(
-      {{head + "2a000000 0800 0300 01000000", kAck}, {head + "2b000000 0800 0300 02000000", kAck}});
+  const std::string head = "24000000 1000 0000 S 00000000 01020000";
+  const std::string lacks =
+      "the controller's answer lacks the id or version of family FIFTEEN_LETTERS";
   uint16_t family = 0;
-  EXPECT_EQ(0, corvil_netlink_query_genl("FIFTEEN_LETTERS", 1, &family));
-  EXPECT_EQ(-1, corvil_netlink_query_genl("FIFTEEN_LETTERS", 1, &family));
-  EXPECT_EQ(EPROTONOSUPPORT, last_error());
-  EXPECT_EQ(42, family);
+  for (const auto& [answer, reason] :
+       {std::pair{head + "0600 0100 2a000000 0800 0300 01000000", std::string()},
+        {head + "0600 0100 2b000000 0800 0300 02000000",
+         "netlink family FIFTEEN_LETTERS has version 2, not 1"},
+        {head + "0500 0100 2b000000 0800 0300 01000000", lacks},
+        {head + "0600 0100 2b000000 0700 0300 01000000", lacks},
+        {head + "0600 0200 2b000000 0800 0300 01000000", lacks},
+        {head + "0600 0100 2b000000 0800 0400 01000000", lacks},
+        {"12000000 1000 0000 S 00000000 0102", lacks},
+        {kRefusal, "20 bad"}}) {
+    FakeKernel kernel({{answer}});
+    EXPECT_EQ(reason.empty() ? 0 : -1, corvil_netlink_query_genl("FIFTEEN_LETTERS", 1, &family));
+    EXPECT_EQ(reason, last_reason()) << answer;
+    EXPECT_EQ(reason == lacks, last_error() == EBADMSG);
+    EXPECT_EQ(reason.ends_with("not 1"), last_error() == EPROTONOSUPPORT);
+    EXPECT_EQ(42, family);
+  }
+}
+
+TEST(Netlink, TimeoutAndLengthMustMakeSense) {
+  std::vector<nlmsghdr> request(65536, {16, 32, NLM_F_REQUEST | NLM_F_ACK, 0, 0});
+  for (const char* timeout : {"0", "-1", "0x", ""}) {
+    FakeKernel kernel({}, timeout);
+    EXPECT_EQ(0, corvil_netlink_transact(request.data(), NETLINK_GENERIC, nullptr)) << timeout;
+  }
+  FakeKernel kernel;
+  for (const auto& [length, reason] :
+       {std::pair{15U, "the request is shorter than its header"},
+        std::pair{1U << 20, "cannot send the request: Message too long"}}) {
+    request[0].nlmsg_len = length;
+    EXPECT_EQ(-1, corvil_netlink_transact(request.data(), NETLINK_GENERIC, nullptr));
+    EXPECT_EQ(reason, last_reason());
+    EXPECT_EQ(length == 15 ? EINVAL : EMSGSIZE, last_error());
+  }
+  setenv("CORVIL_NETLINK_EMULATOR", std::string(108, 'x').c_str(), 1);
+  EXPECT_EQ(-1, transact());
+  EXPECT_EQ(ENAMETOOLONG, last_error());
+}
+
+TEST(Netlink, DryRunOnlyShowsRequests) {
+  const auto show = [](CorvilNetlinkDirection, const void* data, size_t size, void* shown) {
+    *static_cast<std::string*>(shown) = {static_cast<const char*>(data), size};
+  };
+  std::string shown;
+  uint16_t family = 0;
+  corvil_netlink_set_dry_run(99);
+  EXPECT_EQ(-1, corvil_netlink_query_genl("SIXTEEN_LETTERS_", 1, &family));
+  EXPECT_EQ(0, corvil_netlink_query_genl("ANY", 1, &family));
+  EXPECT_EQ(99, family);
+  EXPECT_EQ(0, last_error());
+  EXPECT_EQ(0, transact());
+  corvil_netlink_set_trace(show, &shown);
+  EXPECT_EQ(0, transact());
+  corvil_netlink_set_trace(nullptr, nullptr);
+  corvil_netlink_set_dry_run(0);
+  EXPECT_EQ(bytes("14000000 2000 0500 00000000 00000000 09010000"), shown);
 }
 
 TEST(Netlink, ThreadsAndForksHaveConnectionsOfTheirOwn) {
   FakeKernel kernel;
   EXPECT_EQ(0, transact());
-  EXPECT_EXIT(_exit(transact() + static_cast<int>(kernel.connections())),
+  EXPECT_EXIT(_exit(transact() + transact() + static_cast<int>(kernel.connections())),
               testing::ExitedWithCode(2), "");
   std::thread([] { EXPECT_EQ(0, transact()); }).join();
   EXPECT_EQ(2U, kernel.connections());
@@ -203,6 +307,7 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   uint16_t family = 0;
   EXPECT_EQ(0, corvil_netlink_query_genl("nlctrl", 2, &family));
   EXPECT_EQ(GENL_ID_CTRL, family);
+  EXPECT_EQ(0, corvil_netlink_check_capture());
 
   // The first query tells the victim's address; a forger with CAP_NET_ADMIN refuses the second.
   const auto forge = [](CorvilNetlinkDirection direction, const void* data, size_t, void* context) {
@@ -210,6 +315,7 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
     const sockaddr_nl victim{AF_NETLINK, 0, header.nlmsg_pid, 0};
     const std::array<uint32_t, 9> forged{36, NLMSG_ERROR, header.nlmsg_seq, 0, uint32_t{0} - EXDEV};
     if (direction == CORVIL_NETLINK_SENT) {
+      EXPECT_EQ(bytes("03010000"), std::string(static_cast<const char*>(data) + 16, 4));
       send(*static_cast<int*>(context), &forged, sizeof(forged), 0);
     } else {
       const auto* address = reinterpret_cast<const sockaddr*>(&victim);
@@ -220,9 +326,45 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(-1, corvil_netlink_query_genl("NO_SUCH_FAMILY", 1, &family));
     EXPECT_EQ(ENOENT, last_error());
+    EXPECT_EQ("0 netlink family NO_SUCH_FAMILY is not available", last_reason());
+  }
+  // A flood of forged messages leaves no room for the kernel's answer.
+  const auto flood = [](CorvilNetlinkDirection direction, const void* data, size_t size, void* to) {
+    while (direction == CORVIL_NETLINK_SENT &&
+           send(*static_cast<int*>(to), data, size, MSG_DONTWAIT) > 0) {
+    }
+  };
+  setenv("CORVIL_NETLINK_TIMEOUT_MS", "200", 1);
+  corvil_netlink_set_trace(flood, &forger);
+  if (corvil_netlink_query_genl("nlctrl", 2, &family) == -1) {
+    EXPECT_EQ("an answer was lost: the socket's receive buffer overflowed", last_reason());
+    EXPECT_EQ(ENOBUFS, last_error());
   }
   corvil_netlink_set_trace(nullptr, nullptr);
+  EXPECT_EQ(0, corvil_netlink_query_genl("nlctrl", 2, &family));
   close(forger);
+
+  // A name without its NUL.
+  const std::string bad = bytes("1c000000 1000 0500 00000000 00000000 03010000 0500 0200 61000000");
+  EXPECT_EQ(-1, corvil_netlink_transact(reinterpret_cast<const nlmsghdr*>(bad.data()),
+                                        NETLINK_GENERIC, nullptr));
+  EXPECT_EQ("20 Attribute failed policy validation", last_reason());
+  EXPECT_EQ(-1, corvil_netlink_transact(&kRequest.header, 99, nullptr));
+  EXPECT_EQ("cannot open a socket of netlink protocol 99: Protocol not supported", last_reason());
+}
+
+TEST(Attributes, PutAlignsPadsAndRefusesWhatIsTooLong) {
+  std::string buffer(66000, '\xff');
+  const std::string payload(65532, 'x');
+  auto* message = new (buffer.data()) nlmsghdr{17, 0, 0, 0, 0};
+  EXPECT_EQ(0, corvil_nla_put(message, 0x8001, 1, "a"));
+  EXPECT_EQ(0, corvil_nla_put(message, 2, 0, nullptr));
+  EXPECT_EQ(bytes("ff000000 0500 0180 61000000 0400 0200 ff"), buffer.substr(16, 17));
+  EXPECT_EQ(-1, corvil_nla_put(message, 3, 65532, payload.data()));
+  EXPECT_EQ(32U, message->nlmsg_len);
+  EXPECT_EQ(0, corvil_nla_put(message, 3, 65531, payload.data()));
+  EXPECT_EQ(32U + 65536, message->nlmsg_len);
+  EXPECT_EQ(bytes("ffff 0300 78"), buffer.substr(32, 5));
 }
 
 TEST(Attributes, ParseStaysInsideTheRun) {
@@ -234,9 +376,10 @@ TEST(Attributes, ParseStaysInsideTheRun) {
   char* start = unreadable - run.size();
   run.copy(start, run.size());
   const auto* first = reinterpret_cast<const nlattr*>(start);
-  std::array<const nlattr*, 4> table{first, nullptr, first, nullptr};
+  std::array<const nlattr*, 5> table{first, nullptr, first, nullptr, first};
   EXPECT_EQ(0, corvil_nla_parse(first, table.data(), 20, 3));
-  EXPECT_EQ(table, (std::array<const nlattr*, 4>{nullptr, first, nullptr, first + 3}));
+  EXPECT_EQ(table, (std::array<const nlattr*, 5>{nullptr, first, nullptr, first + 3, first}));
+  EXPECT_EQ(-1, corvil_nla_parse(first, table.data(), 13, 3));
   start[12] = 9;  // One more than there is.
   EXPECT_EQ(-1, corvil_nla_parse(first, table.data(), 20, 3));
   munmap(pages, 2 * page);

@@ -9,9 +9,10 @@ import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
-SCRIPT = pathlib.Path(__file__).parents[1] / "kernel_interface/wireshark/tavik_wlan.lua"
+SCRIPT = pathlib.Path(__file__).resolve().parents[1] / "kernel_interface/wireshark/tavik_wlan.lua"
 SENT, RECEIVED = 4, 0
 FIELDS = """command selector device forward_from forward_to encap_port ll_src_addr ll_dst_addr
     ll_src_port ll_dst_port tuple.ip_version tuple.protocol tuple.port tuple.spi""".split()
@@ -54,18 +55,24 @@ def packets(capture):
     assert struct.unpack_from("=IHHIIII", data) == (0xa1b23c4d, 2, 4, 0, 0, 262144, 253)
     at = 24
     while at < len(data):
-        length, original, packet_type, rest = struct.unpack_from("=8x2I2s14s", data, at)
+        seconds, nanoseconds, length, original, packet_type, rest = struct.unpack_from(
+            "=4I2s14s", data, at)
         assert length == original and rest == b"\x03\x38" + bytes(10) + b"\x00\x10"
+        assert 0 <= time.time() - (seconds + nanoseconds / 1e9) < 60 and nanoseconds < 1e9
         messages = data[at + 32:at + 16 + length]
         assert struct.unpack_from("=I", messages)[0] <= len(messages) == length - 16
+        assert packet_type == (b"\0\4" if messages[6] & 1 else b"\0\0")  # Only requests are sent.
         yield int.from_bytes(packet_type, "big"), messages
         at += 16 + length
 
 
 class WiresharkTest(unittest.TestCase):
     def setUp(self):
-        self.capture = tempfile.mkstemp(suffix=".pcap")[1]
-        self.addCleanup(os.unlink, self.capture)
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        os.chdir(folder.name)
+        self.capture = "c"
+        pathlib.Path(self.capture).write_bytes(bytes(100000))
         self.command = [DATAPATHCTL, "--emulate", "--pcap", self.capture, "batch", "-"]
 
     def run_test(self, cases, **options):
@@ -83,13 +90,16 @@ class WiresharkTest(unittest.TestCase):
         return [line.split("\t") for line in done.stdout.splitlines()]
 
     def test_every_field_is_what_went_in(self):
-        subprocess.run(self.command, input=BATCH, text=True, check=True, stdout=subprocess.DEVNULL)
+        os.unlink(self.capture)
+        subprocess.run(self.command, input=BATCH, text=True, check=True, stdout=subprocess.DEVNULL,
+                       umask=0o22)
         self.assertEqual(MESSAGES.splitlines(), [
             " ".join(f"{field}={value}" for field, value in zip(FIELDS, row) if value)
             for row in self.tshark(*(f"tavik_wlan.{field}" for field in FIELDS))])
         self.assertEqual(self.tshark("_ws.col.Info", show="tavik_wlan.tuple.port == 443")[0],
                          ["ADD_TUPLES TUPLES ipv4 tcp 443, ipv6 udp 4500"])
         self.assertEqual(self.tshark("frame.number", show="_ws.expert"), [])
+        self.assertEqual(os.stat(self.capture).st_mode & 0o777, 0o644)
 
     def test_a_capture_reads_while_it_grows(self):
         with subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as tool:
@@ -105,15 +115,16 @@ class WiresharkTest(unittest.TestCase):
         self.assertGreaterEqual(types.count(RECEIVED), types.count(SENT))
 
     def test_a_full_disk_ends_the_capture_only(self):
-        def limit():
-            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            resource.setrlimit(resource.RLIMIT_FSIZE, (2000, 2000))
-        self.run_test("*ByTheLibrary", preexec_fn=limit)
-        failed = subprocess.run(self.command, input="reset\n" * 4, text=True, check=False,
-                                capture_output=True, preexec_fn=limit)
-        self.assertEqual(failed.returncode, 2)
-        self.assertRegex(failed.stderr, r"^datapathctl: standard input:\d: reset: "
-                                        f"cannot write the capture {self.capture}: .*\n$")
+        for size, reason in ((24, "File too large"), (2000, "No space left on device")):
+            def limit(size=size):
+                signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+                resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
+            self.run_test("*ByTheLibrary", preexec_fn=limit)
+            failed = subprocess.run(self.command, input="reset\n" * 4, text=True, check=False,
+                                    capture_output=True, preexec_fn=limit)
+            self.assertEqual(failed.returncode, 2)
+            self.assertRegex(failed.stderr, r"^datapathctl: standard input:\d: reset: "
+                                            f"cannot write the capture {self.capture}: {reason}\n$")
 
     def test_malformed_messages_are_told_without_an_error_in_lua(self):
         subprocess.run(self.command, input=BATCH, text=True, check=True, stdout=subprocess.DEVNULL)
@@ -142,5 +153,5 @@ class WiresharkTest(unittest.TestCase):
 if __name__ == "__main__":
     if not shutil.which("tshark"):
         sys.exit(77)
-    CONFORMANCE_TEST, DATAPATHCTL = sys.argv.pop(), sys.argv.pop()
+    CONFORMANCE_TEST, DATAPATHCTL = map(os.path.abspath, (sys.argv.pop(), sys.argv.pop()))
     unittest.main()
