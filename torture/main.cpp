@@ -362,7 +362,7 @@ int main(int argc, char** argv) {
   if (shared == MAP_FAILED) {
     torture::die("cannot share memory");
   }
-  auto& totals = *new (shared) Totals{};
+  auto& totals = *new (shared) Totals();
   set_up();
   const bool ended = work_in_processes(pairs, kernel, scenarios, totals);
   const bool covered = print_coverage(kernel, totals);
