@@ -12,6 +12,10 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 
 # Dependencies on Debian's libraries are those of the binaries; those among the three are exact.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+if(CORVIL_HAS_PACK_RELATIVE_RELOCS)
+  # The loader that knows packed relocations, which no symbol tells.
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.36)")
+endif()
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
