@@ -223,6 +223,7 @@ TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
   EXPECT_EQ(1U, kernel.connections());
   EXPECT_EQ(-1, corvil_netlink_query_genl("SIXTEEN_LETTERS_", 1, nullptr));
   EXPECT_EQ("no family name is as long as SIXTEEN_LETTERS_", last_reason());
+  EXPECT_EQ(EINVAL, last_error());
   EXPECT_EQ(0U, corvil_netlink_last_error()->missing_attribute);
   EXPECT_EQ(0U, corvil_netlink_last_error()->missing_nest_offset);
 }
