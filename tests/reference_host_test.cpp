@@ -199,6 +199,7 @@ TEST(Netlink, QueriesTakeTheAnswersOfTheirOwn) {
 
 TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
   const std::string late = "24000000 0200 0001 00000000 00000000 f0ffffff" + kAck.substr(38);
+  const std::string bare = "24000000 0200 0001 S 00000000 f0ffffff" + kAck.substr(38);
   static_cast<void>(std::signal(SIGALRM, [](int) {}));
   int error = 0;
   for (const useconds_t interval : {0U, 2000U}) {
@@ -208,7 +209,7 @@ TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
     EXPECT_EQ(-1, transact());
     EXPECT_TRUE(last_reason().starts_with("cannot reach the emulator: Connection timed out: /"));
   }
-  FakeKernel kernel({{}, {late, kRefusal}}, "200");
+  FakeKernel kernel({{}, {late, kRefusal}, {kRefusal}, {bare}}, "200");
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
   const clock_t start = clock();
   EXPECT_EQ(-1, transact(&error));
@@ -226,6 +227,10 @@ TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
   EXPECT_EQ(EINVAL, last_error());
   EXPECT_EQ(0U, corvil_netlink_last_error()->missing_attribute);
   EXPECT_EQ(0U, corvil_netlink_last_error()->missing_nest_offset);
+  EXPECT_EQ(-1, transact());
+  EXPECT_EQ("20 bad", last_reason());
+  EXPECT_EQ(-1, transact());
+  EXPECT_EQ("0 ", last_reason()) << "for one refusal what was said of another";
 }
 
 TEST(Netlink, FamilyQueryWantsIdAndVersion) {
@@ -314,11 +319,13 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   const auto forge = [](CorvilNetlinkDirection direction, const void* data, size_t, void* context) {
     const nlmsghdr header = *static_cast<const nlmsghdr*>(data);
     const sockaddr_nl victim{AF_NETLINK, 0, header.nlmsg_pid, 0};
-    const std::array<uint32_t, 9> forged{36, NLMSG_ERROR, header.nlmsg_seq, 0, uint32_t{0} - EXDEV};
+    const std::array<uint32_t, 9> forged{36, NLMSG_ERROR | NLM_F_CAPPED << 16, header.nlmsg_seq, 0,
+                                         uint32_t{0} - EXDEV};
     if (direction == CORVIL_NETLINK_SENT) {
       EXPECT_EQ(bytes("03010000"), std::string(static_cast<const char*>(data) + 16, 4));
       send(*static_cast<int*>(context), &forged, sizeof(forged), 0);
     } else {
+      EXPECT_NE(0, header.nlmsg_flags & NLM_F_CAPPED);
       const auto* address = reinterpret_cast<const sockaddr*>(&victim);
       static_cast<void>(connect(*static_cast<int*>(context), address, sizeof(victim)));
     }

@@ -46,9 +46,6 @@ struct Connection {
   /// Outlives the sockets, so that a late reply finds its number used for nothing else.
   uint32_t sequence = sequence_seed();
   bool busy = false;
-
-  /// Never 0, the number of notifications.
-  uint32_t next_sequence() { return ++sequence != 0 ? sequence : ++sequence; }
 };
 
 std::optional<pthread_key_t> create_connection_key() {
@@ -153,7 +150,7 @@ class Exchange {
 };
 
 Progress Exchange::ask() {
-  sequence_ = connection_.next_sequence();
+  sequence_ = ++connection_.sequence;
   lost_ = false;
   interrupted_ = false;
   if (send() == -1) {

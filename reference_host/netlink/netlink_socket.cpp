@@ -49,7 +49,6 @@ bool NetlinkSocket::is_open_to(const Endpoint& endpoint) const {
 }
 
 int NetlinkSocket::open(const Endpoint& endpoint, Deadline& deadline) {
-  close();
   count_forks();
   const size_t path_length = strlen(endpoint.emulator);
   if (path_length >= sizeof(emulator_.sun_path)) {
