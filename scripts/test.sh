@@ -5,8 +5,8 @@
 #
 #   scripts/test.sh         what every change has to pass
 #   scripts/test.sh --all   the slow checks, too: clang++ without sanitizers, the VM with each kernel,
-#                           pairs of faults, packages, reproducibility, the kernel's netlink tools,
-#                           the device's build
+#                           pairs of faults and faults before the module, packages, reproducibility,
+#                           the kernel's netlink tools, the device's build
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -76,6 +76,9 @@ scripts/coverage.sh
 if [ $purpose = all ]; then
   echo "== torture"
   scripts/torture.sh
+  if scripts/vm.sh --check >/dev/null 2>&1; then
+    scripts/vm.sh 'torture --short --target=kernel /etc/datapath/demo.batch'
+  fi
   for slow in ynl_kernel android_bp package reproducible; do
     echo "== $slow"
     "tests/${slow}_test.sh" || [ $? -eq 77 ] # skipped
