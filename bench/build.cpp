@@ -42,7 +42,6 @@ constexpr const char* kFromIp = "10.0.0.1";
 constexpr const char* kToIp = "10.0.0.2";
 constexpr uint16_t kFromPort = 0x8813;
 constexpr uint16_t kToPort = 0x8913;
-constexpr uint16_t kEncapPort = 0x9411;
 
 /// A call of the library, and the requests that a rival makes of it.
 struct Case {

@@ -27,7 +27,6 @@ namespace bench {
 namespace {
 
 constexpr const char* kEmulatorVariable = "CORVIL_NETLINK_EMULATOR";
-constexpr uint16_t kEncapPort = 0x9411;
 constexpr uint32_t kListedPorts = 256;
 
 constexpr size_t kBufferSize = size_t{128} * 1024;
@@ -394,31 +393,33 @@ void prepare_with(uint32_t size) {
 
 using Run = int (*)(uint32_t);
 
+/// Adds a case by the rivals that have a run, in this order.
+void add_case(std::vector<Operation>* operations, const std::string& name, uint32_t size,
+              void (*prepare)(uint32_t), const std::vector<Run>& runs) {
+  static constexpr const char* kRivals[] = {"library", "libmnl", "libnl", "floor", "floor of 5"};
+  for (size_t i = 0; i < runs.size(); ++i) {
+    operations->push_back({name + '/' + kRivals[i], size, prepare, runs[i]});
+  }
+}
+
 template <void (*use_peer)()>
 std::vector<Operation> operations_with(const std::string& peer) {
   using OnMnl = Rival<MnlTransport>;
   using OnNl = Rival<NlTransport>;
   std::vector<Operation> operations;
-  const auto add = [&](const std::string& name, uint32_t size, void (*prepare)(uint32_t),
-                       const std::vector<Run>& runs) {
-    static constexpr const char* kRivals[] = {"library", "libmnl", "libnl", "floor", "floor of 5"};
-    for (size_t i = 0; i < runs.size(); ++i) {
-      std::string path = peer;
-      path.append("/").append(name).append("/").append(kRivals[i]);
-      operations.push_back({path, size, prepare, runs[i]});
-    }
-  };
-  add("set_udp_encap_port", 0, prepare_with<use_peer, prepare_encap_port>,
-      {set_encap_port, set_encap_port_on<OnMnl>, set_encap_port_on<OnNl>, bare_call,
-       bare_call_of_five});
-  add("add 256 ports", kListedPorts, prepare_with<use_peer, prepare_ports>,
-      {add_ports, add_ports_on<OnMnl>, add_ports_on<OnNl>, bare_call, bare_call_of_five});
+  add_case(&operations, peer + "/set_udp_encap_port", 0, prepare_with<use_peer, prepare_encap_port>,
+           {set_encap_port, set_encap_port_on<OnMnl>, set_encap_port_on<OnNl>, bare_call,
+            bare_call_of_five});
+  add_case(&operations, peer + "/add 256 ports", kListedPorts,
+           prepare_with<use_peer, prepare_ports>,
+           {add_ports, add_ports_on<OnMnl>, add_ports_on<OnNl>, bare_call, bare_call_of_five});
   for (const uint32_t count : {1000U, 10000U, 60000U}) {
-    add("read back " + std::to_string(count), count, prepare_with<use_peer, prepare_read_back>,
-        {read_back, mnl_read_back, nl_read_back, bare_read_back});
+    add_case(&operations, peer + "/read back " + std::to_string(count), count,
+             prepare_with<use_peer, prepare_read_back>,
+             {read_back, mnl_read_back, nl_read_back, bare_read_back});
   }
-  add("read back 60000 into the tree", 60000, prepare_with<use_peer, prepare_tree>,
-      {read_back, mnl_read_back, nl_read_back});
+  add_case(&operations, peer + "/read back 60000 into the tree", 60000,
+           prepare_with<use_peer, prepare_tree>, {read_back, mnl_read_back, nl_read_back});
   return operations;
 }
 
@@ -443,13 +444,10 @@ std::vector<Operation> call_operations(const std::string& peer) {
 std::vector<Operation> controller_operations() {
   const auto resolve_mnl = [](uint32_t) { return mnl_resolve(kController); };
   const auto resolve_nl = [](uint32_t) { return nl_resolve(kController); };
-  return {
-      {"controller/resolve/library", 0, prepare_controller, host_resolve},
-      {"controller/resolve/libmnl", 0, prepare_controller, resolve_mnl},
-      {"controller/resolve/libnl", 0, prepare_controller, resolve_nl},
-      {"controller/resolve/floor", 0, prepare_controller, bare_query},
-      {"controller/resolve/floor of 5", 0, prepare_controller, bare_acknowledged_query},
-  };
+  std::vector<Operation> operations;
+  add_case(&operations, "controller/resolve", 0, prepare_controller,
+           {host_resolve, resolve_mnl, resolve_nl, bare_query, bare_acknowledged_query});
+  return operations;
 }
 
 }  // namespace bench

@@ -139,15 +139,12 @@ def port_table(times, instructions):
 
 def call_rows(peer, times):
     for case, rivals in times.items():
-        if FLOOR in rivals:
-            yield [f"{peer}: {case}", nanoseconds(rivals[FLOOR]),
-                   nanoseconds(rivals[ACKNOWLEDGED_FLOOR]) if ACKNOWLEDGED_FLOOR in rivals else "",
-                   *(nanoseconds(rivals[rival]) for rival in RIVALS),
-                   *(Ratio(rivals[rival], rivals[FLOOR]) for rival in RIVALS),
-                   Ratio(rivals["libnl"], rivals["library"])]
-        else:
-            yield [f"{peer}: {case}", "", "", *(nanoseconds(rivals[rival]) for rival in RIVALS),
-                   "", "", "", Ratio(rivals["libnl"], rivals["library"])]
+        yield [f"{peer}: {case}",
+               *(nanoseconds(rivals[rival]) if rival in rivals else ""
+                 for rival in (FLOOR, ACKNOWLEDGED_FLOOR, *RIVALS)),
+               *(Ratio(rivals[rival], rivals[FLOOR]) if FLOOR in rivals else ""
+                 for rival in RIVALS),
+               Ratio(rivals["libnl"], rivals["library"])]
 
 
 def call_table(groups):

@@ -217,6 +217,9 @@ struct Rival {
 inline constexpr uint32_t kAllPorts = 65536;
 const PortDescriptor* ports();
 
+/// In network byte order, as the calls take it.
+inline constexpr uint16_t kEncapPort = 0x9411;
+
 }  // namespace bench
 
 #endif  // BENCH_RIVAL_H_
