@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <thread>
@@ -130,33 +131,36 @@ int transact(int* error = nullptr) {
   return corvil_netlink_transact(&kRequest.header, NETLINK_GENERIC, error);
 }
 
-int last_error() { return corvil_netlink_last_error()->error; }
-
-/// What was said of it, by the kernel behind the attribute offset.
-std::string last_reason() {
+/// All that is told of the last failure: errno, then, of the kernel's refusals, offset of the
+/// attribute, type and nest of a missing one, and the text.
+std::string last_failure() {
   const CorvilNetlinkError& last = *corvil_netlink_last_error();
-  return (last.from_kernel == 1 ? std::to_string(last.attribute_offset) + " " : "") + last.message;
+  const char* name = strerrorname_np(last.error);
+  const std::string where = std::to_string(last.attribute_offset) + "/" +
+                            std::to_string(last.missing_attribute) + "/" +
+                            std::to_string(last.missing_nest_offset) + " ";
+  return (name != nullptr ? name : std::to_string(last.error)) + " " +
+         (last.from_kernel == 1 || where != "0/0/0 " ? where : "") + last.message;
 }
+const std::string kNoFailure = "0 ";
 
 /// Collects the first payload byte behind each reply's generic header.
 int collect(const nlmsghdr* reply, void* replies) {
   EXPECT_EQ(-1, transact()) << "from inside an exchange";
-  EXPECT_EQ(EBUSY, last_error());
-  EXPECT_EQ("an exchange of this thread is in progress", last_reason());
+  EXPECT_EQ("EBUSY an exchange of this thread is in progress", last_failure());
   *static_cast<std::string*>(replies) += reinterpret_cast<const char*>(reply)[20];
   return 1;
 }
 
 /// Wants the next request to succeed, too; `connections` includes the one for that.
-void query(const std::vector<Answer>& answers, int dump, const std::string& expected, int error = 0,
-           size_t connections = 1, const std::string& reason = "") {
+void query(const std::vector<Answer>& answers, int dump, const std::string& expected,
+           const std::string& failure = kNoFailure, size_t connections = 1) {
   SCOPED_TRACE(answers[0][0].substr(0, 80));
-  FakeKernel kernel(answers, error == ETIMEDOUT ? "200" : "5000");
+  FakeKernel kernel(answers, failure.starts_with("ETIMEDOUT") ? "200" : "5000");
   std::string replies;
-  EXPECT_EQ(error == 0 ? 0 : -1,
+  EXPECT_EQ(failure == kNoFailure ? 0 : -1,
             corvil_netlink_query(&kRequest.header, NETLINK_GENERIC, collect, &replies, dump));
-  EXPECT_EQ(error, last_error());
-  EXPECT_EQ(reason, last_reason());
+  EXPECT_EQ(failure, last_failure());
   EXPECT_EQ(expected, replies);
   EXPECT_EQ(0, transact());
   EXPECT_EQ(connections, kernel.connections());
@@ -167,34 +171,34 @@ TEST(Netlink, QueriesTakeTheAnswersOfTheirOwn) {
   query({{part("61"), part("62"), kAck, part("58")}}, 0, "ab");
   const std::string others = part("58", "2100 0200 S") + part("59", "2000 0200 00000000");
   query({{part("61"), others + part("62"), kAck + part("63") + kDone}}, 1, "abc");
-  query({{kRefusal}}, 1, "", EINVAL, 1, "20 bad");
-  query({{"44000000 0200 0001" + kRefusal.substr(18)}}, 1, "", EINVAL, 1, "0 ");
-  query({{part("61"), "1c000000 0300 0202 S 00000000 f4ffffff 0700 0100 62616400"}}, 1, "a", ENOMEM,
-        1, "0 bad");
+  query({{kRefusal}}, 1, "", "EINVAL 20/6/24 bad");
+  query({{"44000000 0200 0001" + kRefusal.substr(18)}}, 1, "", "EINVAL 0/0/0 ");
+  query({{part("61"), "1c000000 0300 0202 S 00000000 f4ffffff 0700 0100 62616400"}}, 1, "a",
+        "ENOMEM 0/0/0 bad");
   // Answers that repeat the request, the second one's longer than it is.
   const std::string repeats = "0200 0002 S 00000000 eaffffff ";
   query({{"30000000" + repeats + "12000000 2000 0500 S 00000000 09010000 0800 0200 14000000"}}, 0,
-        "", EINVAL, 1, "20 ");
-  query({{"24000000" + repeats + "ffff0000 2000 0500 S 00000000"}}, 0, "", EINVAL, 1, "0 ");
+        "", "EINVAL 20/0/0 ");
+  query({{"24000000" + repeats + "ffff0000 2000 0500 S 00000000"}}, 0, "", "EINVAL 0/0/0 ");
   // Interrupted dumps are drained and asked for again, up to three times.
   query({{part("61"), "14000000 0300 1200 S 00000000 00000000"}, {part("62"), kDone}}, 1, "ab");
-  query(std::vector<Answer>(4, {part("61", "2000 1200 S"), kDone}), 1, "aaaa", EINTR, 1,
-        "the dump was interrupted by changes 4 times in a row");
+  query(std::vector<Answer>(4, {part("61", "2000 1200 S"), kDone}), 1, "aaaa",
+        "EINTR the dump was interrupted by changes 4 times in a row");
   // What is left of a dump keeps the kernel from starting another one on the socket.
-  query({{part("61")}}, 1, "a", ETIMEDOUT, 2, "no answer within 200 ms");
+  query({{part("61")}}, 1, "a", "ETIMEDOUT no answer within 200 ms", 2);
   // Too short, too long, with a byte too many, with what is neither 0 nor a negative errno.
   const std::string head = kAck.substr(0, 29);
   for (const std::string& answer :
        {std::string("12000000 0300 0200 S 00000000 0000"), "14" + head.substr(2) + "00000000",
         "24000080" + kAck.substr(8), kAck + "00", head + "01000000" + kAck.substr(38),
         head + "00f0ffff" + kAck.substr(38)}) {
-    query({{answer, kAck}}, 1, "", EBADMSG, 2, "the answer is malformed");
+    query({{answer, kAck}}, 1, "", "EBADMSG the answer is malformed", 2);
   }
-  query({{head + "01f0ffff" + kAck.substr(38)}}, 1, "", 4095, 1, "0 ");
+  query({{head + "01f0ffff" + kAck.substr(38)}}, 1, "", "4095 0/0/0 ");
   query({{"00000200 2100 0000 S 00000000" + std::string(262112, '0'), kAck}}, 0, "");
-  query({{"04000200 1800 0000 S 00000000" + std::string(262120, '0'), kAck}}, 0, "", EMSGSIZE, 2,
-        "the answer is longer than the receive buffer");
-  query({{""}}, 0, "", ECONNRESET, 2, "the peer closed the connection before its answer");
+  query({{"04000200 1800 0000 S 00000000" + std::string(262120, '0'), kAck}}, 0, "",
+        "EMSGSIZE the answer is longer than the receive buffer", 2);
+  query({{""}}, 0, "", "ECONNRESET the peer closed the connection before its answer", 2);
 }
 
 TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
@@ -207,7 +211,8 @@ TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
     FakeKernel full({}, "50");
     full.fill_backlog();
     EXPECT_EQ(-1, transact());
-    EXPECT_TRUE(last_reason().starts_with("cannot reach the emulator: Connection timed out: /"));
+    EXPECT_TRUE(
+        last_failure().starts_with("ETIMEDOUT cannot reach the emulator: Connection timed out: /"));
   }
   FakeKernel kernel({{}, {late, kRefusal}, {kRefusal}, {bare}}, "200");
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
@@ -216,43 +221,38 @@ TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
   EXPECT_LT(clock() - start, CLOCKS_PER_SEC / 10) << "of computing, instead of waiting";
   EXPECT_GE(std::chrono::steady_clock::now(), end);
   ualarm(0, 0);
-  EXPECT_EQ(ETIMEDOUT, last_error());
+  EXPECT_EQ("ETIMEDOUT no answer within 200 ms", last_failure());
   EXPECT_EQ(-1, transact(&error));
   EXPECT_EQ(-EINVAL, error);
-  EXPECT_EQ(6U, corvil_netlink_last_error()->missing_attribute);
-  EXPECT_EQ(24U, corvil_netlink_last_error()->missing_nest_offset);
+  EXPECT_EQ("EINVAL 20/6/24 bad", last_failure());
   EXPECT_EQ(1U, kernel.connections());
   EXPECT_EQ(-1, corvil_netlink_query_genl("SIXTEEN_LETTERS_", 1, nullptr));
-  EXPECT_EQ("no family name is as long as SIXTEEN_LETTERS_", last_reason());
-  EXPECT_EQ(EINVAL, last_error());
-  EXPECT_EQ(0U, corvil_netlink_last_error()->missing_attribute);
-  EXPECT_EQ(0U, corvil_netlink_last_error()->missing_nest_offset);
+  EXPECT_EQ("EINVAL no family name is as long as SIXTEEN_LETTERS_", last_failure());
   EXPECT_EQ(-1, transact());
-  EXPECT_EQ("20 bad", last_reason());
+  EXPECT_EQ("EINVAL 20/6/24 bad", last_failure());
   EXPECT_EQ(-1, transact());
-  EXPECT_EQ("0 ", last_reason()) << "for one refusal what was said of another";
+  EXPECT_EQ("EBUSY 0/0/0 ", last_failure()) << "for one refusal what was said of another";
 }
 
 TEST(Netlink, FamilyQueryWantsIdAndVersion) {
   const std::string head = "24000000 1000 0000 S 00000000 01020000";
   const std::string lacks =
-      "the controller's answer lacks the id or version of family FIFTEEN_LETTERS";
+      "EBADMSG the controller's answer lacks the id or version of family FIFTEEN_LETTERS";
   uint16_t family = 0;
-  for (const auto& [answer, reason] :
-       {std::pair{head + "0600 0100 2a000000 0800 0300 01000000", std::string()},
+  for (const auto& [answer, failure] :
+       {std::pair{head + "0600 0100 2a000000 0800 0300 01000000", kNoFailure},
         {head + "0600 0100 2b000000 0800 0300 02000000",
-         "netlink family FIFTEEN_LETTERS has version 2, not 1"},
+         "EPROTONOSUPPORT netlink family FIFTEEN_LETTERS has version 2, not 1"},
         {head + "0500 0100 2b000000 0800 0300 01000000", lacks},
         {head + "0600 0100 2b000000 0700 0300 01000000", lacks},
         {head + "0600 0200 2b000000 0800 0300 01000000", lacks},
         {head + "0600 0100 2b000000 0800 0400 01000000", lacks},
         {"12000000 1000 0000 S 00000000 0102", lacks},
-        {kRefusal, "20 bad"}}) {
+        {kRefusal, "EINVAL 20/6/24 bad"}}) {
     FakeKernel kernel({{answer}});
-    EXPECT_EQ(reason.empty() ? 0 : -1, corvil_netlink_query_genl("FIFTEEN_LETTERS", 1, &family));
-    EXPECT_EQ(reason, last_reason()) << answer;
-    EXPECT_EQ(reason == lacks, last_error() == EBADMSG);
-    EXPECT_EQ(reason.ends_with("not 1"), last_error() == EPROTONOSUPPORT);
+    EXPECT_EQ(failure == kNoFailure ? 0 : -1,
+              corvil_netlink_query_genl("FIFTEEN_LETTERS", 1, &family));
+    EXPECT_EQ(failure, last_failure()) << answer;
     EXPECT_EQ(42, family);
   }
 }
@@ -264,17 +264,16 @@ TEST(Netlink, TimeoutAndLengthMustMakeSense) {
     EXPECT_EQ(0, corvil_netlink_transact(request.data(), NETLINK_GENERIC, nullptr)) << timeout;
   }
   FakeKernel kernel;
-  for (const auto& [length, reason] :
-       {std::pair{15U, "the request is shorter than its header"},
-        std::pair{1U << 20, "cannot send the request: Message too long"}}) {
+  for (const auto& [length, failure] :
+       {std::pair{15U, "EINVAL the request is shorter than its header"},
+        std::pair{1U << 20, "EMSGSIZE cannot send the request: Message too long"}}) {
     request[0].nlmsg_len = length;
     EXPECT_EQ(-1, corvil_netlink_transact(request.data(), NETLINK_GENERIC, nullptr));
-    EXPECT_EQ(reason, last_reason());
-    EXPECT_EQ(length == 15 ? EINVAL : EMSGSIZE, last_error());
+    EXPECT_EQ(failure, last_failure());
   }
   setenv("CORVIL_NETLINK_EMULATOR", std::string(108, 'x').c_str(), 1);
   EXPECT_EQ(-1, transact());
-  EXPECT_EQ(ENAMETOOLONG, last_error());
+  EXPECT_TRUE(last_failure().starts_with("ENAMETOOLONG "));
 }
 
 TEST(Netlink, DryRunOnlyShowsRequests) {
@@ -287,7 +286,7 @@ TEST(Netlink, DryRunOnlyShowsRequests) {
   EXPECT_EQ(-1, corvil_netlink_query_genl("SIXTEEN_LETTERS_", 1, &family));
   EXPECT_EQ(0, corvil_netlink_query_genl("ANY", 1, &family));
   EXPECT_EQ(99, family);
-  EXPECT_EQ(0, last_error());
+  EXPECT_EQ(kNoFailure, last_failure());
   EXPECT_EQ(0, transact());
   corvil_netlink_set_trace(show, &shown);
   EXPECT_EQ(0, transact());
@@ -333,8 +332,7 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   corvil_netlink_set_trace(forge, &forger);
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(-1, corvil_netlink_query_genl("NO_SUCH_FAMILY", 1, &family));
-    EXPECT_EQ(ENOENT, last_error());
-    EXPECT_EQ("0 netlink family NO_SUCH_FAMILY is not available", last_reason());
+    EXPECT_EQ("ENOENT 0/0/0 netlink family NO_SUCH_FAMILY is not available", last_failure());
   }
   // A flood of forged messages leaves no room for the kernel's answer.
   const auto flood = [](CorvilNetlinkDirection direction, const void* data, size_t size, void* to) {
@@ -345,8 +343,7 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   setenv("CORVIL_NETLINK_TIMEOUT_MS", "200", 1);
   corvil_netlink_set_trace(flood, &forger);
   if (corvil_netlink_query_genl("nlctrl", 2, &family) == -1) {
-    EXPECT_EQ("an answer was lost: the socket's receive buffer overflowed", last_reason());
-    EXPECT_EQ(ENOBUFS, last_error());
+    EXPECT_EQ("ENOBUFS an answer was lost: the socket's receive buffer overflowed", last_failure());
   }
   corvil_netlink_set_trace(nullptr, nullptr);
   EXPECT_EQ(0, corvil_netlink_query_genl("nlctrl", 2, &family));
@@ -356,9 +353,10 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   const std::string bad = bytes("1c000000 1000 0500 00000000 00000000 03010000 0500 0200 61000000");
   EXPECT_EQ(-1, corvil_netlink_transact(reinterpret_cast<const nlmsghdr*>(bad.data()),
                                         NETLINK_GENERIC, nullptr));
-  EXPECT_EQ("20 Attribute failed policy validation", last_reason());
+  EXPECT_EQ("EINVAL 20/0/0 Attribute failed policy validation", last_failure());
   EXPECT_EQ(-1, corvil_netlink_transact(&kRequest.header, 99, nullptr));
-  EXPECT_EQ("cannot open a socket of netlink protocol 99: Protocol not supported", last_reason());
+  EXPECT_EQ("EPROTONOSUPPORT cannot open a socket of netlink protocol 99: Protocol not supported",
+            last_failure());
 }
 
 TEST(Attributes, PutAlignsPadsAndRefusesWhatIsTooLong) {
