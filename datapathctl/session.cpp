@@ -25,7 +25,6 @@ constexpr char kEmulatorVariable[] = "CORVIL_NETLINK_EMULATOR";
 constexpr char kTimeoutVariable[] = "CORVIL_NETLINK_TIMEOUT_MS";
 constexpr char kCaptureVariable[] = "CORVIL_NETLINK_PCAP";
 constexpr char kKernelState[] = "/proc/net/tavik_wlan";
-constexpr uint32_t kErrorLevelMask = 8;
 
 /// Reads the state of the emulator at a path to the end, as a file.
 std::string read_socket(const std::string& emulator) {
@@ -161,7 +160,7 @@ void Session::start_capture() {
 }
 
 void Session::on_log_message(const LogSiteDescriptor& site, const char* line, const char* text) {
-  if (site.level_mask == kErrorLevelMask && !failure_) {
+  if (site.level_mask == LOG_LEVEL_MASK_ERR && !failure_) {
     failure_ = make_failure(without_name(text));
   }
   if (settings_.log_diagnostic) {

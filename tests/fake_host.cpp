@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
+#include <sstream>
 #include <vector>
 
 #include "host_interfaces/corvil_port_utils.h"
@@ -61,13 +63,13 @@ int call_before_unreadable_page(corvil_netlink_reply_callback callback,
 
 const char* level_name(uint32_t mask) {
   switch (mask) {
-    case 1:
+    case LOG_LEVEL_MASK_LOW:
       return "LOW ";
-    case 2:
+    case LOG_LEVEL_MASK_MED:
       return "MED ";
-    case 4:
+    case LOG_LEVEL_MASK_HIGH:
       return "HIGH ";
-    case 8:
+    case LOG_LEVEL_MASK_ERR:
       return "ERR ";
     default:
       return "unknown level ";
@@ -99,6 +101,23 @@ std::string hex(const void* bytes, size_t length) {
     text += digits;
   }
   return text;
+}
+
+std::string permissions_of(const void* address) {
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    std::istringstream fields(line);
+    uintptr_t start = 0;
+    uintptr_t end = 0;
+    char dash = 0;
+    std::string permissions;
+    fields >> std::hex >> start >> dash >> end >> permissions;
+    const auto wanted = reinterpret_cast<uintptr_t>(address);
+    if (start <= wanted && wanted < end) {
+      return permissions;
+    }
+  }
+  return "unmapped";
 }
 
 }  // namespace fake_host
@@ -165,6 +184,7 @@ int corvil_netlink_query(const nlmsghdr* request, int protocol,
 
 int corvil_nla_parse(const nlattr* first, const nlattr** table, uint32_t length,
                      uint16_t max_type) {
+  EXPECT_NE(first, nullptr);
   for (uint16_t type = 0; type <= max_type; ++type) {
     table[type] = nullptr;
   }
@@ -193,6 +213,7 @@ int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t ip_proto, uint
 int zu_format_log_msg(char* buffer, size_t size, const char* format, ...) {
   fake_host::log_call("zu_format_log_msg");
   EXPECT_EQ(size, 512U);
+  host().last_format = format;
   va_list arguments;
   va_start(arguments, format);
   const int length = vsnprintf(buffer, size, format, arguments);
@@ -209,6 +230,7 @@ void msg_sprintf(const LogSiteDescriptor* descriptor, ...) {
                           va_arg(arguments, const char*));
   va_end(arguments);
   host().descriptors.push_back(descriptor);
+  host().formats[descriptor].insert(host().last_format);
 }
 
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {

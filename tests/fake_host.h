@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -46,9 +47,12 @@ struct Host {
   int64_t clock_microseconds = 0;
   /// What the sinks were given, apart from `events`.
   std::vector<const LogSiteDescriptor*> descriptors;
+  /// The formats of the messages that came with each descriptor.
+  std::map<const LogSiteDescriptor*, std::set<std::string>> formats;
   /// Runs before each recorded call of a log sink, with the call's name.
   std::function<void(const std::string&)> on_log_call;
 
+  std::string last_format;  // of the diagnostic sink
   int allocations = 0;
   int resolutions = 0;
   std::map<const void*, size_t> live;  // allocations of the library and their sizes
@@ -63,6 +67,9 @@ bool silent();
 /// A fresh host whose only sink is the diagnostic service, which tells all four levels apart; with
 /// no sink at all where the host is to be silent.
 void reset();
+
+/// Permissions of the mapping that an address lies in, such as "r--p".
+std::string permissions_of(const void* address);
 
 /// "28000000 2a00 0500" as the bytes of a message; blanks do not matter.
 std::string hex(const void* bytes, size_t length);

@@ -5,10 +5,13 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <ostream>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -611,6 +614,77 @@ TEST_F(LibraryTest, SurvivesMalformedReplies) {
     EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
     EXPECT_EQ(host().events, logged(query_events(cases[i].second))) << "case " << i;
   }
+}
+
+// Log statements
+
+/// Every call, with arguments that need all of its requests.
+std::vector<std::function<int()>> all_calls() {
+  static const IpsecInfo info = {{0, 0}, htonl(0x1234)};
+  return {
+      [] { return set_up(kTwoPorts, 2); },
+      [] { return tear_down(kTwoPorts, 2, 1); },
+      [] { return corvil_datapath_proxy_update_config_info(kTwoPorts, 2, kTwoPorts, 2); },
+      [] { return corvil_datapath_proxy_unset_reverse_dev_mapping(1, "lan", "wwan10"); },
+      corvil_datapath_proxy_flush_config_info,
+      [] { return corvil_datapath_proxy_add_ipsec_info(&info, "192.0.2.1"); },
+      [] { return corvil_datapath_proxy_delete_ipsec_info(&info, "192.0.2.1"); },
+      [] { return corvil_datapath_proxy_set_udp_encap_port(1); },
+      [] { return corvil_datapath_proxy_unset_udp_encap_port(1); },
+      [] { return corvil_datapath_proxy_act_encap_port_pass_through(1); },
+      [] { return corvil_datapath_proxy_act_encap_port_drop(1); },
+      [] { return corvil_datapath_proxy_add_ll_dst_addr("10.0.0.1", "10.0.0.2", 1, 2); },
+      corvil_datapath_proxy_flush_ll_dst_addr,
+      corvil_datapath_proxy_get_port_tuple,
+      // What calls refuse themselves.
+      [] { return corvil_datapath_proxy_add_ll_dst_addr(nullptr, "", 1, 2); },
+      [] { return corvil_datapath_proxy_add_ipsec_info(&info, nullptr); },
+      [] { return set_up(kTwoPorts, 4096); },
+      [] {
+        return set_up(std::array{PortDescriptor{5, 6, 80}}.data(), 1);
+      },
+      [] {
+        return set_up(std::array{PortDescriptor{4, 50, 80}}.data(), 1);
+      },
+  };
+}
+
+TEST_F(LibraryTest, EachTextHasALineAndADescriptorOfItsOwn) {
+  std::map<const LogSiteDescriptor*, std::set<std::string>> formats;
+  const auto run = [&formats](const std::function<int()>& call,
+                              const std::function<void()>& fault) {
+    fake_host::reset();
+    zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
+    host().replies = {{},
+                      reply(""),
+                      reply("14000180 10000180 0c000100 01bb0000 04060000"),
+                      reply("08000180 04000180")};
+    fault();
+    call();
+    for (const auto& [site, texts] : host().formats) {
+      formats[site].insert(texts.begin(), texts.end());
+    }
+  };
+  for (const auto& call : all_calls()) {
+    run(call, [] {});
+    for (int nth = 1; nth <= 4; ++nth) {
+      run(call, [nth] { host().failing_allocation = nth; });
+      run(call, [nth] { host().failing_resolution = nth; });
+      run(call, [nth] {
+        host().answers.assign(static_cast<size_t>(nth) - 1, {0});
+        host().answers.push_back({-1, -EPERM});
+        host().port_results = {1};
+      });
+    }
+  }
+  std::map<uint16_t, std::string> text_of_line;
+  for (const auto& [site, texts] : formats) {
+    EXPECT_EQ(texts.size(), 1U) << "line " << site->line << " has several texts";
+    EXPECT_TRUE(text_of_line.emplace(site->line, *texts.begin()).second)
+        << "line " << site->line << " has another statement";
+    EXPECT_EQ(fake_host::permissions_of(site), "r--p");
+  }
+  EXPECT_EQ(formats.size(), 58U) << "statements reached; a new one needs a scenario above";
 }
 
 }  // namespace

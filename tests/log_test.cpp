@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -205,24 +203,6 @@ TEST_F(LogTest, CutsALongMessageForTheDiagnosticSinkOnly) {
   EXPECT_NE(file_.text().find("f:" + text + "\n"), std::string::npos);
 }
 
-/// Permissions of the mapping that holds an address, such as "r--p".
-std::string permissions_of(const void* address) {
-  std::ifstream maps("/proc/self/maps");
-  for (std::string line; std::getline(maps, line);) {
-    std::istringstream fields(line);
-    uintptr_t start = 0;
-    uintptr_t end = 0;
-    char dash = 0;
-    std::string permissions;
-    fields >> std::hex >> start >> dash >> end >> permissions;
-    const auto wanted = reinterpret_cast<uintptr_t>(address);
-    if (start <= wanted && wanted < end) {
-      return permissions;
-    }
-  }
-  return "unmapped";
-}
-
 TEST_F(LogTest, DescribesEachStatementInReadOnlyMemory) {
   zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
   log_each_level();
@@ -237,7 +217,7 @@ TEST_F(LogTest, DescribesEachStatementInReadOnlyMemory) {
     EXPECT_EQ(descriptors[i]->level_mask, lines_and_masks[i].second);
     EXPECT_EQ(descriptors[i]->subsystem, 65);
     EXPECT_STREQ(descriptors[i]->file, "datapath_proxy/src/corvil_datapath_proxy");
-    EXPECT_EQ(permissions_of(descriptors[i]), "r--p");
+    EXPECT_EQ(fake_host::permissions_of(descriptors[i]), "r--p");
   }
 }
 

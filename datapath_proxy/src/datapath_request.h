@@ -5,7 +5,6 @@
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -15,11 +14,8 @@
 
 namespace datapath {
 
-// What every port of a list passes through is inlined even where the rest is built for size; the
-// calls would take more room, too.
-
 /// Sizes are unsigned 32-bit; an overflow, which no input that fits in memory reaches, aborts.
-[[gnu::always_inline]] inline uint32_t checked_add(uint32_t a, uint32_t b) {
+inline uint32_t checked_add(uint32_t a, uint32_t b) {
   uint32_t sum = 0;
   if (__builtin_add_overflow(a, b, &sum)) {
     abort();
@@ -36,7 +32,7 @@ inline uint32_t checked_multiply(uint32_t a, uint32_t b) {
 }
 
 /// The next multiple of 4 bytes, where netlink attributes start.
-[[gnu::always_inline]] inline uint32_t checked_align(uint32_t length) {
+inline uint32_t checked_align(uint32_t length) {
   return checked_add(length, NLA_ALIGNTO - 1) & ~uint32_t{NLA_ALIGNTO - 1};
 }
 
@@ -61,31 +57,27 @@ inline uint32_t string_attribute_size(const char* string) {
   return attribute_size(string_length(string));
 }
 
-/// Owns the zero-filled buffer of one request. Its size is exact: appending checks no capacity.
+/// Size of a request whose attributes take the given room.
+template <typename... Sizes>
+uint32_t request_size(Sizes... attribute_sizes) {
+  uint32_t size = kHeadersSize;
+  ((size = checked_add(size, attribute_sizes)), ...);
+  return size;
+}
+
+/// Owns the zero-filled buffer of one request, or none. Its size is exact: appending checks no
+/// capacity.
 class DatapathRequest {
  public:
-  /// Allocates; compares false with no memory.
-  explicit DatapathRequest(uint32_t size)
-      : message_(static_cast<nlmsghdr*>(calloc(1, size))), size_(size) {}
+  DatapathRequest() = default;
+  /// Allocates; compares false when there is no memory.
+  explicit DatapathRequest(uint32_t size) : message_(static_cast<nlmsghdr*>(calloc(1, size))) {}
 
   [[nodiscard]] explicit operator bool() const { return message_ != nullptr; }
-  void release() { message_.reset(); }
-
-  [[nodiscard]] uint32_t size() const { return size_; }
-  [[nodiscard]] uint32_t length() const { return message_->nlmsg_len; }
   [[nodiscard]] nlmsghdr* message() const { return message_.get(); }
+  [[nodiscard]] uint32_t length() const { return message_->nlmsg_len; }
 
-  /// Writes both headers and sets the length to theirs, so it comes before the first attribute.
-  void fill_headers(uint16_t family_id, uint8_t command, uint8_t version) {
-    message_->nlmsg_len = kHeadersSize;
-    message_->nlmsg_type = family_id;
-    message_->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
-    auto* generic = static_cast<genlmsghdr*>(NLMSG_DATA(message_.get()));
-    generic->cmd = command;
-    generic->version = version;
-  }
-
-  [[gnu::always_inline]] void put(uint16_t type, uint32_t length, const void* payload) {
+  void put(uint16_t type, uint32_t length, const void* payload) {
     corvil_nla_put(message_.get(), type, length, payload);
   }
   void put_u8(uint16_t type, uint8_t value) { put(type, sizeof(value), &value); }
@@ -94,17 +86,17 @@ class DatapathRequest {
   void put_string(uint16_t type, const char* string) { put(type, string_length(string), string); }
 
   /// Starts a nested attribute; returns its offset for close_container().
-  [[nodiscard, gnu::always_inline]] uint32_t open_container(uint16_t type) {
+  [[nodiscard]] uint32_t open_container(uint16_t type) {
     const uint32_t start = checked_align(length());
     put(type | NLA_F_NESTED, 0, nullptr);
     return start;
   }
 
   /// Ends a nested attribute at the end of the last attribute inside it.
-  [[gnu::always_inline]] void close_container(uint32_t start) {
-    const auto length_of_container = static_cast<uint16_t>(checked_align(length()) - start);
-    memcpy(reinterpret_cast<char*>(message_.get()) + start + offsetof(nlattr, nla_len),
-           &length_of_container, sizeof(length_of_container));
+  void close_container(uint32_t start) {
+    auto* bytes = reinterpret_cast<char*>(message_.get());
+    auto* container = reinterpret_cast<nlattr*>(bytes + start);
+    container->nla_len = static_cast<uint16_t>(checked_align(length()) - start);
   }
 
  private:
@@ -113,7 +105,6 @@ class DatapathRequest {
   };
 
   std::unique_ptr<nlmsghdr, Free> message_;
-  uint32_t size_;
 };
 
 }  // namespace datapath

@@ -27,13 +27,13 @@ constinit void* diagnostic_context = nullptr;
 
 const char* level_name(uint32_t level_mask) {
   switch (level_mask) {
-    case 1:
+    case LOG_LEVEL_MASK_LOW:
       return "LOW";
-    case 2:
+    case LOG_LEVEL_MASK_MED:
       return "MED";
-    case 4:
+    case LOG_LEVEL_MASK_HIGH:
       return "HIGH";
-    case 8:
+    case LOG_LEVEL_MASK_ERR:
       return "ERR";
     default:
       return "UNKNOWN";

@@ -1,7 +1,6 @@
-#include <libmnl/libmnl.h>
+#include <linux/netlink.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -10,12 +9,14 @@
 
 namespace {
 
-/// Lengthens a message, by zeros.
-void pad(nlmsghdr* message, uint32_t length) {
-  if (length > message->nlmsg_len) {
-    memset(reinterpret_cast<char*>(message) + message->nlmsg_len, 0, length - message->nlmsg_len);
-    message->nlmsg_len = length;
-  }
+/// Appends to a message whose end other code has left between two multiples of 4. Apart, since the
+/// usual way then needs no stack frame: 30 instead of 42 instructions.
+[[gnu::noinline]] int pad_and_put(nlmsghdr* message, uint16_t type, uint32_t length,
+                                  const void* payload) {
+  const uint32_t end = message->nlmsg_len;
+  message->nlmsg_len = NLMSG_ALIGN(end);
+  memset(reinterpret_cast<char*>(message) + end, 0, message->nlmsg_len - end);
+  return corvil_nla_put(message, type, length, payload);
 }
 
 }  // namespace
@@ -25,13 +26,19 @@ CORVIL_EXPORT int corvil_nla_put(struct nlmsghdr* message, uint16_t type, uint32
   if (length > UINT16_MAX - NLA_HDRLEN) {
     return -1;
   }
-  // mnl_attr_put() counts its end from nlmsg_len as it is, not from where the attribute starts, and
-  // not every version of it clears the padding.
-  pad(message, MNL_ALIGN(message->nlmsg_len));
-  const uint32_t end = message->nlmsg_len + NLA_HDRLEN + length;
-  mnl_attr_put(message, type, length, payload != nullptr ? payload : "");
+  const uint32_t start = message->nlmsg_len;
+  if (start % NLA_ALIGNTO != 0) {
+    return pad_and_put(message, type, length, payload);
+  }
+  auto* bytes = reinterpret_cast<char*>(message);
+  const uint32_t end = NLMSG_ALIGN(start + NLA_HDRLEN + length);
+  const nlattr header = {static_cast<uint16_t>(NLA_HDRLEN + length), type};
+  memset(bytes + end - NLA_ALIGNTO, 0, NLA_ALIGNTO);  // The padding is in the last word.
+  memcpy(bytes + start, &header, sizeof(header));
   message->nlmsg_len = end;
-  pad(message, MNL_ALIGN(end));
+  if (length > 0) {
+    memcpy(bytes + start + NLA_HDRLEN, payload, length);
+  }
   return 0;
 }
 
@@ -41,15 +48,16 @@ CORVIL_EXPORT int corvil_nla_parse(const struct nlattr* first, const struct nlat
   const struct nlattr* attribute = first;
   uint32_t left = length;
   while (left > 0) {
-    if (!mnl_attr_ok(attribute, static_cast<int>(std::min(left, uint32_t{INT_MAX})))) {
+    if (left < NLA_HDRLEN || attribute->nla_len < NLA_HDRLEN || attribute->nla_len > left) {
       return -1;
     }
-    const uint16_t type = mnl_attr_get_type(attribute);
+    const uint16_t type = attribute->nla_type & NLA_TYPE_MASK;
     if (type <= max_type) {
       table[type] = attribute;
     }
-    left -= std::min(left, MNL_ALIGN(uint32_t{attribute->nla_len}));
-    attribute = mnl_attr_next(attribute);
+    const uint32_t step = NLA_ALIGN(attribute->nla_len);
+    left -= std::min(left, step);
+    attribute = reinterpret_cast<const nlattr*>(reinterpret_cast<const char*>(attribute) + step);
   }
   return 0;
 }
