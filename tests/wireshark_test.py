@@ -2,6 +2,7 @@
 """Captures by tshark with the dissector: wireshark_test.py DATAPATHCTL CONFORMANCE_TEST"""
 import os
 import pathlib
+import random
 import resource
 import shutil
 import signal
@@ -126,18 +127,31 @@ class WiresharkTest(unittest.TestCase):
             self.assertRegex(failed.stderr, r"^datapathctl: standard input:\d: reset: "
                                             f"cannot write the capture {self.capture}: {reason}\n$")
 
-    def test_malformed_messages_are_told_without_an_error_in_lua(self):
+    def test_mutated_messages_are_told_without_an_error_in_lua(self):
         subprocess.run(self.command, input=BATCH, text=True, check=True, stdout=subprocess.DEVNULL)
         sent = [data for _, data in packets(self.capture)]
+        # Without their numbers, which are others each time.
+        messages = sorted({data[:8] + bytes(8) + data[16:] for data in sent
+                           if data[4:6] == sent[2][4:6]})
         forged, must_be_malformed = [sent[1]], []  # The controller's answer comes first.
-        for data in sorted({data for data in sent if data[4:6] == sent[2][4:6]}):
-            for length in range(16, len(data)):
-                if data[16] == 1 and length > 20:  # One attribute, which ends nowhere before.
-                    must_be_malformed.append([str(len(forged) + 1)])
-                cut = struct.pack("=I", length) + data[4:length]
-                forged += [cut, cut + data, data[:length]]
-                forged += [data[:length] + bytes([value]) + data[length + 1:] for value in
-                           (0, 1, 3, 4, 5, 0x40, 0x7f, 0x80, 0xff, data[length] ^ 1)]
+        chance = random.Random(1)
+        while len(forged) <= 3000:
+            data = bytearray(chance.choice(messages))
+            whole, end = len(data), chance.randrange(16, len(data) + 1)
+            changes, empty, kind = chance.randrange(4), chance.randrange(2), chance.randrange(4)
+            for _ in range(changes):
+                data[chance.randrange(16, whole)] = chance.choice(b"\0\1\3\4\5\x40\x7f\x80\xff")
+            data[end:] = struct.pack("=HH", 4, chance.randrange(12)) * empty  # It has no payload.
+            if kind > 0:  # Else the message claims more, or less, than there is.
+                data[:4] = struct.pack("=I", len(data))
+            if kind == 1 and len(data) > 22:  # The first attribute goes up to the end.
+                data[20:22] = struct.pack("=H", len(data) - 20)
+            if kind == 2:
+                data += chance.choice(messages)
+            forged.append(bytes(data))
+            # TUPLES is the one attribute of commands 1 and 2, and ends nowhere before.
+            if kind > 1 and not changes + empty and 20 < end < whole and data[16] <= 2:
+                must_be_malformed.append([str(len(forged))])
         with open(self.capture, "r+b") as file:
             file.truncate(24)
             file.seek(24)
@@ -146,7 +160,7 @@ class WiresharkTest(unittest.TestCase):
                            struct.pack(">HH10xH", RECEIVED, 824, 16) + data)
         self.assertEqual(self.tshark("frame.number", show="_ws.lua.error"), [])
         malformed = self.tshark("frame.number", show="tavik_wlan.malformed")
-        self.assertGreater(len(must_be_malformed), 50)
+        self.assertGreater(len(must_be_malformed), 20)
         self.assertEqual([number for number in must_be_malformed if number not in malformed], [])
 
 

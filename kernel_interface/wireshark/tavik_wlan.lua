@@ -100,7 +100,8 @@ local function for_each_attribute(range, tree, type_field, names, each)
     item:add_le(fields.attribute_nested, rest(2, 2))
     item:add_le(type_field, rest(2, 2))
     if name then
-      each(name, rest(4, length - 4), item)
+      -- A buffer has an empty range at its end, where a range refuses to have one.
+      each(name, rest:tvb()(4, length - 4), item)
     else
       item:add_proto_expert_info(unexpected, "Unknown attribute " .. attribute_type)
     end
