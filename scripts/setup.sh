@@ -21,7 +21,7 @@ test_packages=(
 )
 slow_test_packages=(
   blueprint-tools debootstrap file golang-android-soong-dev golang-github-google-blueprint-dev golang-go
-  golang-goprotobuf-dev python3-jsonschema
+  golang-goprotobuf-dev lintian python3-jsonschema
 )
 # What the tests are built with, in the VM too.
 unit_test_packages=(

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Makes the Debian packages, builds a program of someone else's with them and installs them in a
-# fresh Debian. Takes minutes, the network, and root or sudo.
+# Makes the Debian packages, has lintian judge them, builds a program of someone else's with them,
+# installs them in a fresh Debian and removes them again. Takes minutes, the network, and root or
+# sudo.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,9 +20,16 @@ quietly() {
 
 rm -f build/package/*.deb
 quietly cmake --workflow --preset package
+quietly lintian --allow-root --fail-on error,warning build/package/*.deb
 for package in build/package/*.deb; do
   dpkg-deb --extract "$package" "$scratch/files"
 done
+library=$(echo build/package/libcorvil-datapath-proxy1_*.deb)
+version=$(dpkg-deb --field "$library" Version)
+[ "$(dpkg-parsechangelog -l cmake/debian/changelog -S Version)" = "$version" ]
+# A program that was built with this version may run with a later one.
+dpkg-deb --control "$library" "$scratch/control"
+diff <(echo "(>= $version)") <(cut -d ' ' -f 4- "$scratch/control/shlibs" | uniq)
 LD_LIBRARY_PATH=$(dirname "$(find "$scratch/files" -name libcorvil_datapath_proxy.so.1)") \
   tests/install_test.sh "$scratch/files/usr" cc
 
@@ -29,10 +37,16 @@ LD_LIBRARY_PATH=$(dirname "$(find "$scratch/files" -name libcorvil_datapath_prox
 source /etc/os-release
 root=$scratch/root
 quietly "${as_root[@]}" debootstrap --variant=minbase "$VERSION_CODENAME" "$root"
-"${as_root[@]}" cp build/package/{datapathctl,libcorvil-datapath-proxy1}_*.deb "$root/var/tmp"
-quietly "${as_root[@]}" chroot "$root" sh -c \
-  'apt-get install -y -qq --no-install-recommends /var/tmp/*.deb'
+"${as_root[@]}" cp build/package/*.deb "$root/var/tmp"
+in_root() { "${as_root[@]}" chroot "$root" "$@"; }
+quietly in_root sh -c \
+  'apt-get install -y -qq --no-install-recommends /var/tmp/*.deb && rm /var/tmp/*.deb'
 here=$(build/package/bin/datapathctl --emulate batch scripts/demo.batch)
-there=$("${as_root[@]}" chroot "$root" datapathctl --emulate batch - <scripts/demo.batch)
+there=$(in_root datapathctl --emulate batch - <scripts/demo.batch)
 diff <(echo "$here") <(echo "$there")
-echo "the Debian packages install and run"
+
+in_root ldconfig -p | grep corvil >"$scratch/log"
+quietly in_root apt-get purge -y -qq 'libcorvil-datapath-proxy*'
+diff /dev/null <(in_root ldconfig -p | grep corvil)
+diff /dev/null <(in_root find / -xdev -name '*corvil*' -o -name '*datapathctl*' -o -name 'tavik*')
+echo "the Debian packages install, run and leave nothing behind"
