@@ -94,11 +94,17 @@ class FakeKernel {
   }
   [[nodiscard]] size_t connections() const { return sockets_.size() - 1; }  // The listener.
 
+  /// From now on follows every datagram received.
+  void babble(const std::string& datagram) { babble_ = bytes(datagram); }
+
  private:
   /// Over the newest connection: it was opened before the request is traced.
   static void answer(CorvilNetlinkDirection direction, const void* data, size_t, void* context) {
+    auto* kernel = static_cast<FakeKernel*>(context);
     if (direction == CORVIL_NETLINK_SENT) {
-      static_cast<FakeKernel*>(context)->answer(std::string(&static_cast<const char*>(data)[8], 4));
+      kernel->answer(std::string(&static_cast<const char*>(data)[8], 4));
+    } else if (!kernel->babble_.empty()) {
+      send(kernel->sockets_.back(), kernel->babble_.data(), kernel->babble_.size(), MSG_NOSIGNAL);
     }
   }
   void answer(const std::string& sequence) {
@@ -116,6 +122,7 @@ class FakeKernel {
   sockaddr_un address_{AF_UNIX, {}};
   size_t next_ = 0;
   std::string last_sequence_;
+  std::string babble_;
   std::vector<int> sockets_{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
   static inline int count_ = 0;
   const std::string path_ = testing::TempDir() + std::to_string(getpid()) + "fake_kernel" +
@@ -232,6 +239,24 @@ TEST(Netlink, SilentPeerTimesOutInSpiteOfSignalsAndItsLateAnswerIsSkipped) {
   EXPECT_EQ("EINVAL 20/6/24 bad", last_failure());
   EXPECT_EQ(-1, transact());
   EXPECT_EQ("EBUSY 0/0/0 ", last_failure()) << "for one refusal what was said of another";
+}
+
+TEST(Netlink, TimeOfCallbacksDoesNotCountAndForeignMessagesAddNone) {
+  int parts = 0;
+  const auto take_slowly = [](const nlmsghdr*, void* count) {
+    usleep(150'000);
+    return ++*static_cast<int*>(count);
+  };
+  FakeKernel kernel({{part("61"), part("62"), part("63"), kDone}}, "200");
+  EXPECT_EQ(0, corvil_netlink_query(&kRequest.header, NETLINK_GENERIC, take_slowly, &parts, 1));
+  EXPECT_EQ(3, parts);
+
+  const std::string others = part("58", "2000 0200 00000000");
+  FakeKernel babbler({{part("61"), others}}, "200");
+  babbler.babble(others);
+  EXPECT_EQ(-1, corvil_netlink_query(&kRequest.header, NETLINK_GENERIC, take_slowly, &parts, 1));
+  EXPECT_EQ("ETIMEDOUT no answer within 200 ms", last_failure());
+  EXPECT_EQ(4, parts);
 }
 
 TEST(Netlink, FamilyQueryWantsIdAndVersion) {

@@ -164,6 +164,12 @@ const Fault* Injector::next(Op op) {
     die("hangs");
   }
   ops[number] = op;
+  // A send that follows a poll is the same one as before.
+  const bool waits_anew =
+      op == Op::kSocket || (op == Op::kSend && number > 0 && ops[number - 1] != Op::kPoll);
+  if (current != nullptr && waits_anew) {
+    current->end_wait();
+  }
   const auto hit = std::ranges::find_if(injections, [&](const Injection& i) {
     return number == i.operation || (i.forever && number > i.operation && op == i.fault->op);
   });
@@ -172,11 +178,13 @@ const Fault* Injector::next(Op op) {
     strike(*fault);
   } else if (current != nullptr) {
     current->connected |= op == Op::kConnect || op == Op::kBind;
-    current->sent += op == Op::kSend ? 1 : 0;
+    if (op == Op::kSend) {
+      ++current->sent;
+      current->end_wait();
+    }
   }
   if (current != nullptr) {
-    current->begun |= op == Op::kClock && current->socket_used;
-    current->socket_used |= op == Op::kSocket || op == Op::kSend;
+    current->begun |= op == Op::kClock;
   }
   return fault;
 }
@@ -196,7 +204,7 @@ void Injector::strike(const Fault& fault) {
     die("tries again and again");
   } else {
     current->struck[current->struck_count++] = {&fault, current->connected, current->begun,
-                                                current->sent};
+                                                current->waits, current->sent};
   }
 }
 

@@ -39,11 +39,11 @@ inline constexpr std::array<const char*, 13> kOpNames = {
 enum class Effect : uint8_t {
   kNone,
   kFails,
-  kTriesAgain,  // until the time-out
+  kTriesAgain,  // until the time-out of the wait
   kReconnects,  // on a connection kept from before; on a new one it fails
   kLoses,       // answers are lost: a dump is asked for again, an awaited reply is missed
   kTimesOut,
-  kPassesAnHour,  // times out an exchange whose time is running
+  kPassesAnHour,  // times out a wait whose time is running
 };
 
 /// Faults that are not errnos are negative numbers in their place.
@@ -82,15 +82,16 @@ struct Record {
   struct Struck {
     const Fault* fault;
     bool connected;  // in this exchange, before the fault
-    bool begun;      // its time was running
+    bool begun;      // the time of its wait was running
+    int waits;       // how many waits had been over
     int sent;        // how often the request had gone out
   };
 
   Step step;
   bool dump = false;
   bool connected = false;
-  bool socket_used = false;
-  bool begun = false;        // with the first look at the clock behind that
+  bool begun = false;  // with the first look at the clock in a wait
+  int waits = 0;       // to connect, to send, for the first message of an answer and for each other
   bool consistent = true;    // result, last error and error slot agree
   bool from_kernel = false;  // the kernel has refused
   bool tree_struck = false;  // no memory for a port that came
@@ -99,6 +100,12 @@ struct Record {
   int sockets = 0;  // open after it
   std::array<Struck, 32> struck{};
   size_t struck_count = 0;
+
+  /// The next wait has a time-out of its own.
+  void end_wait() {
+    begun = false;
+    ++waits;
+  }
 };
 
 /// A run of one thread. It allocates nothing.

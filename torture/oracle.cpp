@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "host_interfaces/corvil_netlink.h"
 #include "host_interfaces/corvil_port_utils.h"
@@ -32,26 +33,28 @@ int reported(const Fault& fault) {
 /// kernel says.
 int expected_error(const Record& record, int natural) {
   int tries = 0;
+  int waits = 0;
   int lost_at = -1;  // the request that answers were lost of
   int sent = 0;
-  bool late = false;
   const auto timed_out = [&] { return lost_at == sent ? ENOBUFS : ETIMEDOUT; };
   for (const Record::Struck& struck : std::span(record.struck).first(record.struck_count)) {
     const Effect effect = struck.fault->effect;
     sent = struck.sent;
+    tries = struck.waits == waits ? tries : 0;
+    waits = struck.waits;
     if (effect == Effect::kFails || (effect == Effect::kReconnects && struck.connected)) {
       return reported(*struck.fault);
     }
     if (effect == Effect::kTimesOut) {
       return timed_out();
     }
-    late |= effect == Effect::kPassesAnHour && struck.begun;
+    const bool late = effect == Effect::kPassesAnHour && struck.begun;
     const bool again = effect == Effect::kTriesAgain || effect == Effect::kLoses;
     tries += again && struck.begun ? 1 : 0;
     lost_at = effect == Effect::kLoses ? sent : lost_at;
-  }
-  if (late || tries >= kTriesInTime) {
-    return timed_out();
+    if (late || tries >= kTriesInTime) {
+      return timed_out();
+    }
   }
   const bool missed = lost_at != -1 && record.step == Record::Step::kResolve && natural == 0;
   return missed ? ENOBUFS : 0;
@@ -199,8 +202,17 @@ int corvil_netlink_transact(const nlmsghdr* request, int protocol, int* error) {
 int corvil_netlink_query(const nlmsghdr* request, int protocol,
                          corvil_netlink_reply_callback callback, void* context, int dump) {
   static const auto kNext = next(corvil_netlink_query, "corvil_netlink_query");
+  std::pair replies{callback, context};
+  const auto take = [](const nlmsghdr* reply, void* taken_by) {
+    const auto& [take_reply, its_context] = *static_cast<decltype(replies)*>(taken_by);
+    const int result = take_reply(reply, its_context);
+    if (injector.current != nullptr) {
+      injector.current->end_wait();
+    }
+    return result;
+  };
   return recorded(Record::Step::kExchange, dump != 0, nullptr,
-                  [=] { return kNext(request, protocol, callback, context, dump); });
+                  [&] { return kNext(request, protocol, take, &replies, dump); });
 }
 
 int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t ip_proto, uint8_t trans_proto) {

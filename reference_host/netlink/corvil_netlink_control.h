@@ -6,8 +6,11 @@
  *
  *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
  *                              which all requests go instead; one packet is one netlink datagram
- *   CORVIL_NETLINK_TIMEOUT_MS  how long one operation may wait, in milliseconds; a positive
- *                              integer, anything else counts as unset: 3000
+ *   CORVIL_NETLINK_TIMEOUT_MS  how long an exchange waits for the connection, for room to send, for
+ *                              the first message of the answer and for each further reply, in
+ *                              milliseconds; a positive integer, anything else counts as unset:
+ *                              3000. Messages that are no answer do not extend it, and the time
+ *                              that a callback takes does not count
  *
  * One is read once, by the first exchange of the process:
  *

@@ -1,4 +1,4 @@
-// The point in time at which an operation gives up.
+// The point in time at which a wait is given up.
 #ifndef REFERENCE_HOST_NETLINK_DEADLINE_H_
 #define REFERENCE_HOST_NETLINK_DEADLINE_H_
 
@@ -6,9 +6,9 @@
 
 namespace corvil::netlink {
 
-/// CORVIL_NETLINK_TIMEOUT_MS after the first question for what remains: an operation that does not
-/// have to wait reads neither the clock nor that setting. Absolute on the monotonic clock: no
-/// number of interrupted waits or foreign messages extends it.
+/// CORVIL_NETLINK_TIMEOUT_MS after the first question for what remains: who does not have to wait
+/// reads neither the clock nor that setting. Absolute on the monotonic clock: no number of
+/// interrupted waits or foreign messages extends it.
 class Deadline {
  public:
   /// Zero once it has passed.

@@ -156,6 +156,7 @@ Progress Exchange::ask() {
   if (send() == -1) {
     return Progress::kFailed;
   }
+  deadline_ = {};
   // What comes without being waited for may never end.
   do {
     std::span<const std::byte> datagram;
@@ -178,13 +179,13 @@ int Exchange::send() {
   if ((!kept && open() == -1) || trace_request(header, request_) == -1) {
     return -1;
   }
-  int error = socket_.send(header, request_.message, deadline_);
+  int error = socket_.send(header, request_.message);
   if (kept && (error == EPIPE || error == ECONNRESET)) {
     // The peer has gone since the last exchange, and perhaps come back.
     if (open() == -1) {
       return -1;
     }
-    error = socket_.send(header, request_.message, deadline_);
+    error = socket_.send(header, request_.message);
   }
   if (error != 0) {
     socket_.close();
@@ -194,7 +195,7 @@ int Exchange::send() {
 }
 
 int Exchange::open() {
-  const int error = socket_.open(endpoint_, deadline_);
+  const int error = socket_.open(endpoint_);
   if (error == 0) {
     return 0;
   }
@@ -235,6 +236,8 @@ Progress Exchange::take(const nlmsghdr* message) {
   }
   if (message->nlmsg_type == request_.message->nlmsg_type && request_.callback != nullptr) {
     request_.callback(message, request_.context);
+    // The rest of the answer has all the time again, and the callback has cost it none.
+    deadline_ = {};
     const bool more = request_.dump || (request_.message->nlmsg_flags & NLM_F_ACK) != 0;
     return more ? Progress::kPending : finish(0, message);
   }

@@ -48,7 +48,7 @@ bool NetlinkSocket::is_open_to(const Endpoint& endpoint) const {
          strcmp(emulator_.sun_path, endpoint.emulator) == 0;
 }
 
-int NetlinkSocket::open(const Endpoint& endpoint, Deadline& deadline) {
+int NetlinkSocket::open(const Endpoint& endpoint) {
   count_forks();
   const size_t path_length = strlen(endpoint.emulator);
   if (path_length >= sizeof(emulator_.sun_path)) {
@@ -64,7 +64,7 @@ int NetlinkSocket::open(const Endpoint& endpoint, Deadline& deadline) {
   emulator_.sun_family = AF_UNIX;
   memcpy(emulator_.sun_path, endpoint.emulator, path_length + 1);
   fork_generation_ = fork_generation.load(std::memory_order_relaxed);
-  const int error = is_emulated() ? open_emulator(deadline) : open_kernel();
+  const int error = is_emulated() ? open_emulator() : open_kernel();
   if (error != 0) {
     close();
   }
@@ -83,7 +83,7 @@ int NetlinkSocket::open_kernel() {
   return 0;
 }
 
-int NetlinkSocket::open_emulator(Deadline& deadline) {
+int NetlinkSocket::open_emulator() {
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (fd == -1) {
     return errno;
@@ -95,6 +95,7 @@ int NetlinkSocket::open_emulator(Deadline& deadline) {
     return error;
   }
   // connect() waits for room in the peer's backlog, as long as the send time-out says.
+  Deadline deadline;
   for (;;) {
     const timespec left = as_timespec(deadline.remaining());
     const timeval timeout{left.tv_sec, left.tv_nsec / 1000};
@@ -111,7 +112,7 @@ int NetlinkSocket::open_emulator(Deadline& deadline) {
   }
 }
 
-int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message, Deadline& deadline) {
+int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message) {
   // An iovec is not const, sendmsg() only reads.
   std::array<iovec, 2> parts{{
       {const_cast<nlmsghdr*>(&header), sizeof(header)},
@@ -120,6 +121,7 @@ int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message, Deadlin
   msghdr envelope{};
   envelope.msg_iov = parts.data();
   envelope.msg_iovlen = parts.size();
+  Deadline deadline;
   while (sendmsg(fd(), &envelope, MSG_NOSIGNAL | MSG_DONTWAIT) == -1) {
     if (errno != EAGAIN && errno != EINTR) {
       return errno;

@@ -20,24 +20,25 @@ struct Endpoint {
   const char* emulator;  // path of the emulator's socket; empty: the kernel
 };
 
-/// Everything that can fail returns 0 or a positive errno. For one thread only.
+/// Everything that can fail returns 0 or a positive errno; what has to wait longer than the
+/// time-out returns ETIMEDOUT. For one thread only.
 class NetlinkSocket {
  public:
   /// False as well once the process has forked: the parent goes on using the connection.
   [[nodiscard]] bool is_open_to(const Endpoint& endpoint) const;
 
   /// Opens the socket, in place of the one before, and allocates the receive buffer if need be.
-  [[nodiscard]] int open(const Endpoint& endpoint, Deadline& deadline);
+  [[nodiscard]] int open(const Endpoint& endpoint);
 
   void close() { socket_.reset(); }
 
   /// Sends `header`, then the message's bytes behind its own header. EPIPE or ECONNRESET: the peer
   /// has closed the connection.
-  [[nodiscard]] int send(const nlmsghdr& header, const nlmsghdr* message, Deadline& deadline);
+  [[nodiscard]] int send(const nlmsghdr& header, const nlmsghdr* message);
 
   /// Receives the peer's next whole datagram, 4-byte aligned and valid until the next call; those
-  /// of other senders are dropped. ETIMEDOUT: none came; ENOBUFS: some were lost, the socket goes
-  /// on; EMSGSIZE: one came truncated; ECONNRESET: the peer has closed the connection.
+  /// of other senders are dropped. ETIMEDOUT: none came in time; ENOBUFS: some were lost, the
+  /// socket goes on; EMSGSIZE: one came truncated; ECONNRESET: the peer has closed the connection.
   [[nodiscard]] int receive(Deadline& deadline, std::span<const std::byte>* datagram);
 
  private:
@@ -46,7 +47,7 @@ class NetlinkSocket {
   };
 
   [[nodiscard]] int open_kernel();
-  [[nodiscard]] int open_emulator(Deadline& deadline);
+  [[nodiscard]] int open_emulator();
   [[nodiscard]] int wait(short events, Deadline& deadline) const;
   [[nodiscard]] int fd() const { return mnl_socket_get_fd(socket_.get()); }
   [[nodiscard]] bool is_emulated() const { return emulator_.sun_path[0] != '\0'; }
