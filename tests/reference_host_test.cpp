@@ -1,5 +1,6 @@
 // The host's libraries: netlink against a scripted peer and against this machine's kernel, the
 // attribute parser on raw bytes, the diagnostic service, the port tree.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
@@ -327,6 +328,40 @@ TEST(Netlink, ThreadsAndForksHaveConnectionsOfTheirOwn) {
               testing::ExitedWithCode(2), "");
   std::thread([] { EXPECT_EQ(0, transact()); }).join();
   EXPECT_EQ(2U, kernel.connections());
+}
+
+/// Closes a descriptor unasked, as a daemon does that closes all, and has its number stand for one
+/// end of a pair of sockets. Returns the other end.
+int reuse(int number) {
+  std::array<int, 2> pair{};
+  EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair.data()));
+  EXPECT_EQ(number, dup2(pair[0], number));
+  close(pair[0]);
+  return pair[1];
+}
+
+/// Whether `number` still is open, and nothing was sent through it.
+bool untouched(int number, int other_end) {
+  char byte = 0;
+  return fcntl(number, F_GETFD) == 0 && recv(other_end, &byte, 1, MSG_DONTWAIT) == -1 &&
+         errno == EAGAIN;
+}
+
+TEST(Netlink, DescriptorsThatTheHostReusesAreLeftAlone) {
+  FakeKernel kernel;
+  std::array<int, 2> reused{};
+  std::array<int, 2> other_ends{};
+  std::thread([&] {
+    for (size_t i = 0; i < reused.size(); ++i) {
+      reused[i] = dup(0);  // The next one to be opened has the lowest number that is free.
+      close(reused[i]);
+      EXPECT_EQ(0, transact());
+      other_ends[i] = reuse(reused[i]);
+    }
+  }).join();
+  EXPECT_EQ(2U, kernel.connections());
+  EXPECT_TRUE(untouched(reused[0], other_ends[0])) << "by the next exchange";
+  EXPECT_TRUE(untouched(reused[1], other_ends[1])) << "by the end of the thread";
 }
 
 TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {

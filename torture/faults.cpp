@@ -31,7 +31,6 @@ const struct {
     {Op::kMemory, Effect::kFails, {ENOMEM}},
     {Op::kSocket, Effect::kFails, {EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EAFNOSUPPORT}},
     {Op::kBind, Effect::kFails, {ENOMEM, EADDRINUSE, EPERM, EBADF}},
-    {Op::kGetsockname, Effect::kFails, {ENOBUFS, EBADF}},
     {Op::kSetsockopt, Effect::kNone, {ENOMEM, ENOPROTOOPT, EPERM, EBADF}},
     {Op::kConnect, Effect::kTriesAgain, {EINTR}},
     {Op::kConnect, Effect::kTimesOut, {EAGAIN}},
@@ -283,10 +282,6 @@ int close(int fd) {
 
 int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
   return counted(Op::kBind, SYS_bind, fd, address, size);
-}
-
-int getsockname(int fd, sockaddr* address, socklen_t* size) noexcept {
-  return counted(Op::kGetsockname, SYS_getsockname, fd, address, size);
 }
 
 int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {

@@ -20,7 +20,6 @@ enum class Op : uint8_t {
   kMemory,
   kSocket,
   kBind,
-  kGetsockname,
   kSetsockopt,
   kConnect,
   kSend,
@@ -31,8 +30,8 @@ enum class Op : uint8_t {
   kLocalTime,
   kLogWrite,
 };
-inline constexpr std::array<const char*, 13> kOpNames = {
-    "allocation", "socket", "bind",  "getsockname", "setsockopt", "connect",  "send",
+inline constexpr std::array<const char*, 12> kOpNames = {
+    "allocation", "socket", "bind",  "setsockopt",  "connect",    "send",
     "receive",    "poll",   "clock", "time of day", "local time", "log write"};
 
 /// What a fault does to the exchange in which it strikes, as the host's headers tell.

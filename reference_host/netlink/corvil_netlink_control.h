@@ -21,6 +21,9 @@
  *                              corvil_netlink_check_capture().
  *
  * The environment must not be changed while any thread is in an operation.
+ *
+ * A host may close the library's descriptors between its calls, as a daemon does that closes all:
+ * the next exchange connects anew, and what has their numbers by then is left alone.
  */
 #ifndef REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_
 #define REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -43,9 +42,9 @@ timespec as_timespec(std::chrono::nanoseconds time) {
 }  // namespace
 
 bool NetlinkSocket::is_open_to(const Endpoint& endpoint) const {
-  return socket_ != nullptr && protocol_ == endpoint.protocol &&
+  return protocol_ == endpoint.protocol &&
          fork_generation_ == fork_generation.load(std::memory_order_relaxed) &&
-         strcmp(emulator_.sun_path, endpoint.emulator) == 0;
+         strcmp(emulator_.sun_path, endpoint.emulator) == 0 && socket_.is_open();
 }
 
 int NetlinkSocket::open(const Endpoint& endpoint) {
@@ -72,26 +71,23 @@ int NetlinkSocket::open(const Endpoint& endpoint) {
 }
 
 int NetlinkSocket::open_kernel() {
-  socket_.reset(mnl_socket_open2(protocol_, SOCK_CLOEXEC));
-  if (socket_ == nullptr || mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) == -1) {
+  if (const int error = socket_.adopt(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol_))) {
+    return error;
+  }
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  if (bind(fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
     return errno;
   }
   // Kernels without them answer all the same, only with less said.
-  int on = 1;
-  mnl_socket_setsockopt(socket_.get(), NETLINK_EXT_ACK, &on, sizeof(on));
-  mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, &on, sizeof(on));
+  const int on = 1;
+  setsockopt(fd(), SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof(on));
+  setsockopt(fd(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof(on));
   return 0;
 }
 
 int NetlinkSocket::open_emulator() {
-  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (fd == -1) {
-    return errno;
-  }
-  socket_.reset(mnl_socket_fdopen(fd));
-  if (socket_ == nullptr) {
-    const int error = errno;
-    ::close(fd);
+  if (const int error = socket_.adopt(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))) {
     return error;
   }
   // connect() waits for room in the peer's backlog, as long as the send time-out says.
@@ -102,8 +98,8 @@ int NetlinkSocket::open_emulator() {
     if (timeout.tv_sec == 0 && timeout.tv_usec == 0) {
       return ETIMEDOUT;
     }
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&emulator_), sizeof(emulator_)) == 0) {
+    setsockopt(fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+    if (connect(fd(), reinterpret_cast<const sockaddr*>(&emulator_), sizeof(emulator_)) == 0) {
       return 0;
     }
     if (errno != EINTR) {

@@ -2,7 +2,7 @@
 #ifndef REFERENCE_HOST_NETLINK_NETLINK_SOCKET_H_
 #define REFERENCE_HOST_NETLINK_NETLINK_SOCKET_H_
 
-#include <libmnl/libmnl.h>
+#include <linux/netlink.h>
 #include <sys/un.h>
 
 #include <cstddef>
@@ -11,6 +11,7 @@
 #include <span>
 
 #include "reference_host/netlink/deadline.h"
+#include "reference_host/netlink/descriptor.h"
 
 namespace corvil::netlink {
 
@@ -24,13 +25,19 @@ struct Endpoint {
 /// time-out returns ETIMEDOUT. For one thread only.
 class NetlinkSocket {
  public:
-  /// False as well once the process has forked: the parent goes on using the connection.
+  NetlinkSocket() = default;
+  ~NetlinkSocket() { close(); }
+  NetlinkSocket(const NetlinkSocket&) = delete;
+  NetlinkSocket& operator=(const NetlinkSocket&) = delete;
+
+  /// False as well once the process has forked: the parent goes on using the connection; and once
+  /// the host has closed the descriptor.
   [[nodiscard]] bool is_open_to(const Endpoint& endpoint) const;
 
   /// Opens the socket, in place of the one before, and allocates the receive buffer if need be.
   [[nodiscard]] int open(const Endpoint& endpoint);
 
-  void close() { socket_.reset(); }
+  void close() { socket_.close(); }
 
   /// Sends `header`, then the message's bytes behind its own header. EPIPE or ECONNRESET: the peer
   /// has closed the connection.
@@ -42,17 +49,13 @@ class NetlinkSocket {
   [[nodiscard]] int receive(Deadline& deadline, std::span<const std::byte>* datagram);
 
  private:
-  struct Close {
-    void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
-  };
-
   [[nodiscard]] int open_kernel();
   [[nodiscard]] int open_emulator();
   [[nodiscard]] int wait(short events, Deadline& deadline) const;
-  [[nodiscard]] int fd() const { return mnl_socket_get_fd(socket_.get()); }
+  [[nodiscard]] int fd() const { return socket_.number(); }
   [[nodiscard]] bool is_emulated() const { return emulator_.sun_path[0] != '\0'; }
 
-  std::unique_ptr<mnl_socket, Close> socket_;
+  Descriptor socket_;
   std::unique_ptr<std::byte[]> buffer_;
   int protocol_ = 0;
   sockaddr_un emulator_{};  // Without a path: the kernel.
