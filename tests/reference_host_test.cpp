@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -18,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -362,6 +366,70 @@ TEST(Netlink, DescriptorsThatTheHostReusesAreLeftAlone) {
   EXPECT_EQ(2U, kernel.connections());
   EXPECT_TRUE(untouched(reused[0], other_ends[0])) << "by the next exchange";
   EXPECT_TRUE(untouched(reused[1], other_ends[1])) << "by the end of the thread";
+}
+
+bool well() { return true; }
+
+/// Has exchanges succeed while their capture fails, in a process of its own. `prepare` gets the
+/// capture's path; `spoil` runs behind the first exchange, `check` behind the last.
+template <typename Prepare, typename Spoil = bool (*)(), typename Check = bool (*)()>
+void expect_capture_to_fail(const std::string& failure, Prepare prepare, Spoil spoil = well,
+                            Check check = well) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto run = [&] {
+    alarm(20);
+    static_cast<void>(std::signal(SIGPIPE, SIG_DFL));
+    static_cast<void>(std::signal(SIGXFSZ, SIG_DFL));
+    const std::string path = testing::TempDir() + std::to_string(getpid()) + "capture";
+    setenv("CORVIL_NETLINK_PCAP", path.c_str(), 1);
+    prepare(path.c_str());
+    auto kernel = std::make_unique<FakeKernel>();
+    bool succeeds = transact() == 0 && spoil();
+    for (int i = 0; i < 50; ++i) {
+      succeeds = succeeds && transact() == 0;
+    }
+    kernel.reset();
+    unlink(path.c_str());
+    corvil_netlink_check_capture();
+    const rlimit no_limit{RLIM_INFINITY, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &no_limit);
+    fputs(last_failure().c_str(), stderr);
+    _exit(succeeds && check() ? 0 : 1);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "^" + failure + " cannot write the capture /");
+}
+
+TEST(CaptureDeathTest, FailureIsReportedAndTouchesNothingElse) {
+  static int capture = -1;
+  static int other = -1;
+  const auto make_fifo = [](const char* path) { mkfifo(path, 0600); };
+  expect_capture_to_fail("ENXIO", make_fifo);
+  const auto make_fifo_of_a_page = [](const char* path) {
+    mkfifo(path, 0600);
+    other = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    fcntl(other, F_SETPIPE_SZ, 4096);
+  };
+  expect_capture_to_fail("EAGAIN", make_fifo_of_a_page);
+  expect_capture_to_fail("EPIPE", make_fifo_of_a_page, [] { return close(other) == 0; });
+  for (const rlim_t size : {10U, 24U, 300U}) {
+    expect_capture_to_fail("EFBIG", [size](const char*) {
+      const rlimit limit{size, RLIM_INFINITY};
+      setrlimit(RLIMIT_FSIZE, &limit);
+    });
+  }
+  expect_capture_to_fail("EBUSY", [](const char* path) {
+    other = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    flock(other, LOCK_EX);
+  });
+  const auto reuse_capture = [] {
+    int flags = 0;
+    for (capture = 2; flags == -1 || (flags & O_APPEND) == 0; flags = fcntl(capture, F_GETFL)) {
+      ++capture;
+    }
+    other = reuse(capture);
+    return true;
+  };
+  expect_capture_to_fail("EBADF", unlink, reuse_capture, [] { return untouched(capture, other); });
 }
 
 TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {

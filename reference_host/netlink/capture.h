@@ -7,18 +7,20 @@
 #include <cstddef>
 
 #include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_host/netlink/descriptor.h"
 
 namespace corvil::netlink {
 
 /// A pcap file of link type NETLINK. Every packet goes out in one system call, so that the file can
-/// be read while it grows and threads do not mix theirs; whatever fails ends the capture. Stays
-/// open to the end of the process. Thread-safe.
+/// be read while it grows and threads do not mix theirs; whatever fails, or would have to wait,
+/// ends the capture and nothing else. Stays open, and locked, to the end of the process.
+/// Thread-safe.
 class Capture {
  public:
   /// Creates the file that CORVIL_NETLINK_PCAP names, if any.
   Capture();
 
-  [[nodiscard]] bool is_on() const { return fd_ != -1 && error() == 0; }
+  [[nodiscard]] bool is_on() const { return file_.number() != -1 && error() == 0; }
 
   /// Why messages are missing, a positive errno; 0: none are.
   [[nodiscard]] int error() const { return error_.load(std::memory_order_relaxed); }
@@ -33,7 +35,7 @@ class Capture {
   void write(const void* header, size_t header_length, const void* bytes, size_t length);
 
   char path_[PATH_MAX] = "";
-  int fd_ = -1;
+  Descriptor file_;
   std::atomic<int> error_{0};
 };
 

@@ -16,14 +16,21 @@
  *
  *   CORVIL_NETLINK_PCAP        path of a capture file that is made anew and gets every message sent
  *                              and received: a pcap file of link type NETLINK (253) whose packets
- *                              are of type 4 when sent and 0 when received. Exchanges go on as
- *                              without it where it can't be written; see
+ *                              are of type 4 when sent and 0 when received. A new file is its
+ *                              owner's alone (mode 0600), one that exists is cut and keeps its
+ *                              mode; a symbolic link is followed, so name no path in a folder in
+ *                              which others can write. One process at a time, with the children
+ *                              that it forks, has the file: another one gets no capture (EBUSY).
+ *                              A FIFO must have its reader, and ends the capture when it is full
+ *                              (EAGAIN). Exchanges go on as without it where it can't be written,
+ *                              nor does it raise SIGPIPE or SIGXFSZ; see
  *                              corvil_netlink_check_capture().
  *
  * The environment must not be changed while any thread is in an operation.
  *
  * A host may close the library's descriptors between its calls, as a daemon does that closes all:
- * the next exchange connects anew, and what has their numbers by then is left alone.
+ * the next exchange connects anew, the capture ends (EBADF), and what has their numbers by then is
+ * left alone.
  */
 #ifndef REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_
 #define REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_
