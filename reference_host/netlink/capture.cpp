@@ -93,7 +93,7 @@ ssize_t write_without_signals(int fd, std::span<const iovec> parts) {
 }  // namespace
 
 Capture::Capture() {
-  const char* path = getenv("CORVIL_NETLINK_PCAP");
+  const char* path = secure_getenv("CORVIL_NETLINK_PCAP");
   if (path == nullptr || path[0] == '\0') {
     return;
   }

@@ -2,7 +2,8 @@
  * What tools ask of the netlink library beyond the operations of host_interfaces/corvil_netlink.h:
  * the reason of a failure and a look at every message.
  *
- * Environment variables steer the library. Two are read afresh by every exchange:
+ * Environment variables steer the library, unless the process runs with privileges that its caller
+ * lacks (secure_getenv(3)): then they count as unset. Two are read afresh by every exchange:
  *
  *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
  *                              which all requests go instead; one packet is one netlink datagram

@@ -12,7 +12,7 @@ constexpr std::chrono::milliseconds kDefaultTimeout{3000};
 
 /// A host sets its environment before it starts threads.
 std::chrono::milliseconds timeout_setting() {
-  const char* text = getenv("CORVIL_NETLINK_TIMEOUT_MS");
+  const char* text = secure_getenv("CORVIL_NETLINK_TIMEOUT_MS");
   if (text == nullptr) {
     return kDefaultTimeout;
   }

@@ -31,7 +31,7 @@ constexpr int kMaxErrno = 4095;
 
 /// A host sets its environment before it starts threads.
 const char* emulator_setting() {
-  const char* value = getenv("CORVIL_NETLINK_EMULATOR");
+  const char* value = secure_getenv("CORVIL_NETLINK_EMULATOR");
   return value != nullptr ? value : "";
 }
 
