@@ -35,8 +35,10 @@ needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
 diff <(printf '%s\n' "$@" | sort) <(echo "$needed")
 
 # The environment of a privileged host is its caller's: the netlink library asks for it so.
-environment=$(nm -D --undefined-only "${library%/*}/libcorvil_netlink.so" | grep -o '[a-z_]*getenv')
-diff <(echo secure_getenv) <(echo "$environment")
+host=${library%/*}/libcorvil_netlink.so
+if [ -e "$host" ]; then
+  diff <(echo secure_getenv) <(nm -D --undefined-only "$host" | grep -o '[a-z_]*getenv')
+fi
 
 # Full RELRO: the log statements' descriptors hold pointers and are read-only after relocation.
 readelf -l "$library" | grep GNU_RELRO >/dev/null
