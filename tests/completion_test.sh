@@ -21,7 +21,7 @@ read -r _ _ function _ <<<"$(complete -p datapathctl)"
 offer() {
   COMP_LINE="datapathctl $1" flags=""
   COMP_POINT=${#COMP_LINE}
-  "$function" "$tool"
+  "$function" "$tool" "${1##*[ =]}"
 }
 
 # Each word of each command is offered where it stands, and nothing that no command has.
@@ -41,14 +41,14 @@ done <<<"$forms"
 
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
-touch "$folder/a file"
+mkdir "$folder/x=y" "$folder/a b"
+touch "$folder/a file" "$folder/x=y/file" "$folder/a b/c=d"
 while IFS='|' read -r line offers expected_flags; do
   offer "$line"
   expect "$line" "$offers/$expected_flags" "${COMPREPLY[*]}/${flags# }"
 done <<END
 --trace --log|--log-file --log-diag --log-android|
 --log-file x enc|encap|
---socket=$folder/a|$folder/a file|filenames
 --misbehave=ref|refuse=|nospace
 --misbehave=refuse=1:E||
 misbehave silent del|delay=|nospace
@@ -58,15 +58,28 @@ encap set ||
 frob ||
 END
 
-# zsh, through its line editor: each line and what it becomes.
-if command -v zsh >/dev/null; then
-  lines="encap p|encap pass-through |
+# Both, through their line editors: each line and what it becomes.
+lines="encap p|encap pass-through |
 --dry|--dry-run |
 --misbehave=ref|--misbehave=refuse=|
 proxy update --old tcp6|proxy update --old tcp6/|
---socket=$folder/a|--socket=$folder/a\\ file |"
-  diff <(cut -d'|' -f2- <<<"$lines") <(cut -d'|' -f1 <<<"$lines" |
-    zsh -f "$(dirname "$0")/completion_test.zsh" "$tool" "$scripts") || status=1
+--socket=$folder/a\\ f|--socket=$folder/a\\ file |
+--socket=$folder/x=y/f|--socket=$folder/x=y/file |
+--pcap $folder/x=y/f|--pcap $folder/x=y/file |
+--pcap \"$folder/a b/c=|--pcap \"$folder/a b/c=d\" |
+--pcap a=b --socket \"a b\" --log-file c\\ d enc|--pcap a=b --socket \"a b\" --log-file c\\ d encap |"
+become=$(cut -d'|' -f2- <<<"$lines")
+lines=$(cut -d'|' -f1 <<<"$lines")
+{
+  echo "PS1=; PATH=${tool%/*}:\$PATH; source $scripts/datapathctl.bash"
+  echo "show() { echo \"<<\$READLINE_LINE>>\"; READLINE_LINE=; }; bind -x '\"\C-x\": show'"
+  while IFS= read -r line; do printf 'datapathctl %s\t\x18\n' "$line"; done <<<"$lines"
+  echo exit
+} | TERM=dumb script -qec 'bash --norc --noprofile -i' /dev/null |
+  sed -n 's/^<<datapathctl \(.*\)>>\r$/\1|/p' | diff - <(echo "$become") || status=1
+if command -v zsh >/dev/null; then
+  zsh -f "$(dirname "$0")/completion_test.zsh" "$tool" "$scripts" <<<"$lines" |
+    diff - <(echo "$become") || status=1
 else
   echo "zsh is not here: its completion is not tested"
 fi

@@ -2,20 +2,30 @@
 # shellcheck shell=bash
 
 _datapathctl() {
-  local words line candidate
-  read -ra words <<<"${COMP_LINE:0:COMP_POINT}"
-  [[ ${COMP_LINE:0:COMP_POINT} != *[[:space:]] ]] || words+=("")
+  local line=${COMP_LINE:0:COMP_POINT} words=() candidate
+  # Blanks part words, except those that are quoted; the last quote may still be open.
+  local form="^([^[:space:]\\\"']|\\\\.|\"([^\\\"]|\\\\.)*\"|'[^']*')*(\\\\|\"([^\\\"]|\\\\.)*\\\\?|'[^']*)?"
+  while
+    line=${line#"${line%%[![:space:]]*}"}
+    [[ $line =~ $form ]]
+    words+=("${BASH_REMATCH[0]//[\\\"\']/}")
+    line=${line:${#BASH_REMATCH[0]}}
+    [ -n "$line" ]
+  do :; done
   local word=${words[-1]}
-  # Readline replaces only what follows the last of these, unless they are no word breaks.
-  local kept=""
-  [[ $word != *[=:]* || $COMP_WORDBREAKS != *=* ]] || kept=${word%"${word##*[=:]}"}
+  # Readline replaces its own last word only, which may begin behind an '=' or ':'.
+  local kept=${word%"${2//\\/}"} option=""
+  [[ $word != --*=* ]] || option=${word%%=*}=
 
   COMPREPLY=()
   while IFS= read -r line; do
     candidate=${line%%$'\t'*}
     if [[ $line == :files ]]; then
       compopt -o filenames
-      mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "${word##*=}")
+      while IFS= read -r candidate; do
+        candidate=$option$candidate
+        COMPREPLY+=("${candidate#"$kept"}")
+      done < <(compgen -f -- "${word#"$option"}")
     else
       [[ $candidate != *[=/] ]] || compopt -o nospace
       COMPREPLY+=("${candidate#"$kept"}")
