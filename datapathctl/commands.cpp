@@ -173,17 +173,18 @@ void define_state(CLI::App& command, Session& session, const char* name) {
     if (session.settings().dry_run) {
       return;
     }
-    const std::string state = session.kernel_state(name);
-    if (!session.settings().json) {
-      std::cout << state << std::flush;
-      return;
-    }
     nlohmann::json lines = nlohmann::json::array();
-    std::istringstream stream(state);
+    std::string text;
+    std::istringstream stream(session.kernel_state(name));
     for (std::string line; std::getline(stream, line);) {
       lines.push_back(line);
+      text += printable(line) + "\n";
     }
-    print_json({{"state", lines}});
+    if (session.settings().json) {
+      print_json({{"state", lines}});
+    } else {
+      std::cout << text << std::flush;
+    }
   });
 }
 

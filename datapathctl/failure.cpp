@@ -47,7 +47,7 @@ std::string Failure::reason() const {
   if (!attribute.name.empty()) {
     text += ": " + attribute.name;
     if (!attribute.value.is_null()) {
-      text.append(" ").append(attribute.value.dump());
+      text.append(" ").append(value_text(attribute.value));
     }
   }
   if (!missing.empty()) {

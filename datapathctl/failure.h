@@ -11,7 +11,8 @@
 
 namespace datapathctl {
 
-/// A call that the kernel refused or that did not reach it; what() is one line for the user.
+/// A call that the kernel refused or that did not reach it; what() is one line for the user, with
+/// the kernel's bytes as they are.
 class CallFailed : public std::runtime_error {
  public:
   explicit CallFailed(const std::string& what, std::string hint = "")
@@ -32,7 +33,7 @@ struct Failure {
   NamedAttribute attribute{};  // the one of the request that the kernel complained of
   std::string missing{};       // the name of the one that the kernel missed
 
-  /// One line for the user.
+  /// One line for the user, with the kernel's bytes as they are.
   [[nodiscard]] std::string reason() const;
 
   /// The likely cause in one line; empty where none is known. The emulator is the path of the one

@@ -1,6 +1,12 @@
 // datapathctl: a host process of the data-path library for a person at a terminal.
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <clocale>
 #include <csignal>
+#include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
@@ -22,11 +28,13 @@ constexpr int kDone = 0;
 constexpr int kUsage = 1;
 constexpr int kFailed = 2;
 
+constexpr std::string_view kBlanks = " \t\r";
+
 int complain(std::string_view what, int status, std::string_view hint = "") {
   std::cout.flush();
-  std::cerr << "datapathctl: " << what << "\n";
+  std::cerr << "datapathctl: " << printable(what) << "\n";
   if (!hint.empty()) {
-    std::cerr << "datapathctl: hint: " << hint << "\n";
+    std::cerr << "datapathctl: hint: " << printable(hint) << "\n";
   }
   return status;
 }
@@ -56,13 +64,46 @@ template <typename... Arguments>
 void parse(CLI::App& app, Arguments... arguments) {
   try {
     app.parse(arguments...);
-  } catch (const CLI::RequiredError& error) {
+  } catch (const CLI::Success&) {
+    throw;
+  } catch (const CLI::ParseError&) {
     const std::vector<std::string> strangers = app.remaining(true);
     if (strangers.empty()) {
       throw;
     }
-    throw UsageError("not understood: " + strangers.front());
+    throw UsageError("not understood: " + CLI::detail::join(strangers, " "));
   }
+}
+
+/// The words of a line: blanks part them, except between quotes, single or double.
+std::vector<std::string> words_of(std::string_view line) {
+  std::vector<std::string> words;
+  bool in_word = false;  // perhaps in one that is empty so far
+  char quote = '\0';
+  for (const char c : line) {
+    if (c == '\0') {
+      throw UsageError("a NUL byte is in the line");
+    }
+    if (quote == '\0' && kBlanks.find(c) != std::string_view::npos) {
+      in_word = false;
+      continue;
+    }
+    if (!in_word) {
+      words.emplace_back();
+      in_word = true;
+    }
+    if (quote == '\0' && (c == '"' || c == '\'')) {
+      quote = c;
+    } else if (c == quote) {
+      quote = '\0';
+    } else {
+      words.back() += c;
+    }
+  }
+  if (quote != '\0') {
+    throw UsageError("unclosed quote");
+  }
+  return words;
 }
 
 /// Runs commands, one a line, up to the first that fails; empty lines and those of '#' are skipped.
@@ -70,7 +111,7 @@ int run_batch(std::istream& input, const std::string& name, Session& session) {
   int number = 0;
   for (std::string line; std::getline(input, line);) {
     ++number;
-    const size_t start = line.find_first_not_of(" \t\r");
+    const size_t start = line.find_first_not_of(kBlanks);
     if (start == std::string::npos || line[start] == '#') {
       continue;
     }
@@ -80,10 +121,13 @@ int run_batch(std::istream& input, const std::string& name, Session& session) {
     define_commands(app, session);
     const Settings& settings = session.settings();
     if ((settings.trace || settings.dry_run) && !settings.json) {
-      std::cout << "# " << line.substr(start) << std::endl;
+      std::cout << "# " << printable(line.substr(start)) << std::endl;
     }
-    const int status = run(name + ":" + std::to_string(number) + ": ",
-                           [&] { parse(app, line.substr(start), false); });
+    const int status = run(name + ":" + std::to_string(number) + ": ", [&] {
+      std::vector<std::string> words = words_of(line);
+      std::ranges::reverse(words);  // as the parser wants them
+      parse(app, words);
+    });
     if (status != kDone) {
       return status;
     }
@@ -93,7 +137,11 @@ int run_batch(std::istream& input, const std::string& name, Session& session) {
 
 int run_batch_file(const std::string& path, Session& session) {
   if (path == "-") {
-    return run_batch(std::cin, "standard input", session);
+    const int status = run_batch(std::cin, "standard input", session);
+    if (std::ferror(stdin) != 0) {
+      throw UsageError("cannot read the batch from standard input");
+    }
+    return status;
   }
   std::ifstream file(path);
   const int status = run_batch(file, path, session);
@@ -112,42 +160,53 @@ void serve_emulator(const std::string& path, const Settings& settings) {
   sigaddset(&ends, SIGTERM);
   // Before the emulator's thread starts, so that it inherits the mask.
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-  tavik_wlan::Emulator emulator(path,
-                                [](std::string_view line) { std::cout << line << std::endl; });
+  tavik_wlan::Emulator emulator(
+      path, [](std::string_view line) { std::cout << printable(line) << std::endl; });
   emulator.misbehave(parse_misbehaviour(settings.misbehaviour));
-  std::cout << "serving TAVIK_WLAN at " << path << std::endl;
+  std::cout << "serving TAVIK_WLAN at " << printable(path) << std::endl;
   int signal = 0;
   sigwait(&ends, &signal);
 }
+
+/// Why a path can't be one; empty for others. The settings know an empty one as none at all.
+std::string empty_path(const std::string& path) { return path.empty() ? "the path is empty" : ""; }
 
 void define_options(CLI::App& app, Settings& settings) {
   app.set_version_flag("--version", "datapathctl " CORVIL_VERSION);
   app.add_option("--library", settings.library,
                  "the library to load; default: the one beside this program, or the installed one")
-      ->type_name("PATH");
+      ->type_name("PATH")
+      ->check(empty_path);
   auto* emulate = app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
   app.add_option("--socket", settings.socket, "talk to the emulator that is serving there")
       ->type_name("PATH")
+      ->check(empty_path)
       ->excludes(emulate);
   app.add_option(
          "--misbehave", settings.misbehaviour,
          "have the emulated kernel misbehave, repeatable; the command 'help' lists the words")
       ->type_name("WORD")
       ->allow_extra_args(false);
-  app.add_option("--timeout", settings.timeout_ms, "how long the kernel may take to answer")
-      ->type_name("MS")
-      ->check(CLI::Range(1, 3600000));
+  app.add_option_function<std::string>(
+         "--timeout",
+         [&settings](const std::string& text) {
+           settings.timeout_ms = parse_number(text, 3600000, "timeout", 1);
+         },
+         "how long the kernel may take to answer")
+      ->type_name("MS");
   app.add_flag("--trace", settings.trace, "print every netlink message, decoded");
   app.add_flag("--dry-run", settings.dry_run,
                "only print the netlink requests, decoded, as if each succeeded; family id and "
                "sequence number, not known then, stand as 65535 and 0");
   app.add_flag("--hex", settings.hex, "with --trace or --dry-run, print the bytes too");
   app.add_option("--pcap", settings.pcap, "capture every netlink message there, for Wireshark")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(empty_path);
   app.add_flag("--json", settings.json,
                "print results, state and trace as JSON, one object a line");
   app.add_option("--log-file", settings.log_file, "append the library's log there; -: print it")
-      ->type_name("PATH");
+      ->type_name("PATH")
+      ->check(empty_path);
   app.add_flag("--log-diag", settings.log_diagnostic, "print the diagnostic sink on stderr");
   app.add_flag("--log-android", settings.log_android, "switch the Android log on (here: stderr)");
 }
@@ -221,12 +280,24 @@ int run_command_line(int argc, char** argv) {
 
   try {
     const int run_status = run("", [&] { parse(app, argc, argv); });
-    if (!std::cout.flush()) {
-      return complain("cannot write the output", kFailed);
-    }
-    return run_status != kDone ? run_status : status;
+    status = run_status != kDone ? run_status : status;
   } catch (const CLI::Success& success) {
-    return app.exit(success);
+    status = app.exit(success);
+  }
+  // The library writes its log to stdout, beside std::cout.
+  if (!std::cout.flush() || std::ferror(stdout) != 0) {
+    return complain("cannot write the output", kFailed);
+  }
+  return status;
+}
+
+/// Keeps the numbers of closed standard descriptors from the sockets and files that are opened
+/// next, which would get the output as input; to use one still fails.
+void hold_closed_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1) {
+      open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
   }
 }
 
@@ -234,6 +305,8 @@ int run_command_line(int argc, char** argv) {
 }  // namespace datapathctl
 
 int main(int argc, char** argv) {
+  datapathctl::hold_closed_descriptors();
+  std::setlocale(LC_CTYPE, "");  // for printable()
   try {
     return datapathctl::run_command_line(argc, argv);
   } catch (...) {  // nothing but want of memory comes so far

@@ -7,7 +7,8 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <string_view>
+#include <cwchar>
+#include <cwctype>
 
 #include "kernel_interface/tavik_wlan.h"
 
@@ -112,16 +113,9 @@ Json number(std::span<const uint8_t> bytes) {
   return value;
 }
 
-/// Text up to its NUL, whatever bytes it has; JSON wants UTF-8, so others are shown as "?".
-std::string printable(std::span<const uint8_t> bytes) {
-  std::string text;
-  for (const uint8_t byte : bytes) {
-    if (byte == 0) {
-      break;
-    }
-    text += byte >= 0x20 && byte < 0x7f ? static_cast<char>(byte) : '?';
-  }
-  return text;
+/// Text up to its NUL, whatever bytes it has.
+std::string string_text(std::span<const uint8_t> bytes) {
+  return {bytes.begin(), std::ranges::find(bytes, 0)};
 }
 
 std::string tuple_text(std::span<const uint8_t> bytes) {
@@ -178,7 +172,7 @@ Json operations(std::span<const uint8_t> container) {
 Json value(Kind kind, std::span<const uint8_t> bytes) {
   switch (kind) {
     case Kind::kString:
-      return printable(bytes);
+      return string_text(bytes);
     case Kind::kU8:
       return number<uint8_t>(bytes);
     case Kind::kU16:
@@ -324,7 +318,8 @@ Json decode_acknowledgement(const nlmsghdr* message) {
   if (error.error == 0) {
     object["message"] = "ACK";
   } else {
-    const char* name = strerrorname_np(-error.error);
+    // In 64 bits, since the smallest int has no opposite.
+    const char* name = strerrorname_np(static_cast<int>(-int64_t{error.error}));
     object["message"] =
         std::string("ERROR ") + (name != nullptr ? name : std::to_string(error.error).c_str());
   }
@@ -338,18 +333,35 @@ Json decode_acknowledgement(const nlmsghdr* message) {
   return object;
 }
 
+std::string escaped(char byte) {
+  if (byte == '\n') {
+    return "\\n";
+  }
+  if (byte == '\t') {
+    return "\\t";
+  }
+  char text[8];
+  snprintf(text, sizeof(text), "\\x%02x", static_cast<uint8_t>(byte));
+  return text;
+}
+
 }  // namespace
 
 Json MessageDecoder::decode(std::span<const uint8_t> datagram) {
   Json messages = Json::array();
-  const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
-  int left = static_cast<int>(datagram.size());
-  while (mnl_nlmsg_ok(message, left)) {
+  while (datagram.size() >= sizeof(nlmsghdr)) {
+    const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
+    // Compared without a sign: to mnl_nlmsg_ok() a length of 2^31 and more is a negative one.
+    if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > datagram.size()) {
+      break;
+    }
     messages.push_back(decode_message(message));
-    message = mnl_nlmsg_next(message, &left);
+    // The last message may lack its padding.
+    datagram = datagram.subspan(
+        std::min<size_t>(NLMSG_ALIGN(size_t{message->nlmsg_len}), datagram.size()));
   }
-  if (left > 0) {
-    messages.push_back({{"message", "MALFORMED"}, {"length", left}});
+  if (!datagram.empty()) {
+    messages.push_back({{"message", "MALFORMED"}, {"length", datagram.size()}});
   }
   return messages;
 }
@@ -412,9 +424,31 @@ std::string to_text(const Json& message) {
   text += ", " + message["length"].dump() + " bytes\n";
   const Json attributes = message.value("attributes", Json::object());
   for (const auto& [name, value] : attributes.items()) {
-    text += "    " + name + " " + value.dump() + "\n";
+    text += "    " + name + " " + printable(value_text(value)) + "\n";
   }
   return text;
+}
+
+std::string value_text(const Json& value) {
+  return value.is_string() ? '"' + value.get<std::string>() + '"' : value.dump();
+}
+
+std::string printable(std::string_view text) {
+  std::string shown;
+  while (!text.empty()) {
+    mbstate_t state{};
+    wchar_t character = 0;
+    size_t length = mbrtowc(&character, text.data(), text.size(), &state);
+    // What is no whole character has a length beyond the text.
+    if (length <= text.size() && iswprint(static_cast<wint_t>(character)) != 0) {
+      shown += text.substr(0, length);
+    } else {
+      length = 1;
+      shown += escaped(text.front());
+    }
+    text.remove_prefix(length);
+  }
+  return shown;
 }
 
 std::string to_hex(std::span<const uint8_t> bytes) {

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace datapathctl {
 
@@ -26,8 +27,8 @@ class MessageDecoder {
 
   /// One object for each message of a datagram: "message" names it ("TAVIK_WLAN ADD_TUPLES", "ACK",
   /// "ERROR EEXIST", "DONE"), "seq" and "length" are those of its header, "attributes" maps names
-  /// to values, ports and SPIs in host byte order. What is no whole message becomes a "MALFORMED"
-  /// one. Reads nothing beyond the datagram, which is 4-byte aligned.
+  /// to values, ports and SPIs in host byte order; strings need not be UTF-8. What is no whole
+  /// message becomes a "MALFORMED" one. Reads nothing beyond the datagram, which is 4-byte aligned.
   nlohmann::ordered_json decode(std::span<const uint8_t> datagram);
 
   /// The innermost attribute that a request holds at an offset from its start; one without a name
@@ -47,8 +48,15 @@ class MessageDecoder {
   uint16_t family_id_;  // of TAVIK_WLAN; 0: not known yet
 };
 
-/// A decoded message as lines of text, each ended by a newline, the first one its head.
+/// A decoded message as printable lines, each ended by a newline, the first one its head.
 std::string to_text(const nlohmann::ordered_json& message);
+
+/// The value of a decoded attribute as text: a string with its bytes as they are, in quotes.
+std::string value_text(const nlohmann::ordered_json& value);
+
+/// One line that a terminal only prints: each byte that is no part of a printable character of the
+/// process's locale is escaped as \n, \t or, in hexadecimal, \x1b.
+std::string printable(std::string_view text);
 
 /// Bytes in hexadecimal, in groups of four.
 std::string to_hex(std::span<const uint8_t> bytes);

@@ -2,9 +2,11 @@
 
 #include <linux/genetlink.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "datapathctl/values.h"
 
@@ -17,13 +19,25 @@ namespace {
 /// A name such as EPERM, or a number.
 int parse_errno(std::string_view text) {
   constexpr int kMaxErrno = 4095;
+  // Second names of a number, which strerrorname_np() does not give.
+  constexpr std::pair<std::string_view, int> kAliases[] = {
+      {"EWOULDBLOCK", EWOULDBLOCK},
+      {"EDEADLOCK", EDEADLOCK},
+      {"ENOTSUP", ENOTSUP},
+      {"EOPNOTSUPP", EOPNOTSUPP},
+  };
+  for (const auto& [alias, error] : kAliases) {
+    if (alias == text) {
+      return error;
+    }
+  }
   for (int error = 1; error <= kMaxErrno; ++error) {
     const char* name = strerrorname_np(error);
     if (name != nullptr && name == text) {
       return error;
     }
   }
-  return static_cast<int>(parse_number(text, kMaxErrno, "errno"));
+  return static_cast<int>(parse_number(text, kMaxErrno, "errno", 1));
 }
 
 void set_refusal(Misbehaviour& misbehaviour, std::string_view value) {
@@ -31,7 +45,7 @@ void set_refusal(Misbehaviour& misbehaviour, std::string_view value) {
   if (colon == std::string_view::npos) {
     throw UsageError("bad misbehaviour: it reads refuse=N:ERRNO");
   }
-  misbehaviour.refuse_nth = parse_number(value.substr(0, colon), UINT32_MAX, "refuse");
+  misbehaviour.refuse_nth = parse_number(value.substr(0, colon), UINT32_MAX, "refuse", 1);
   misbehaviour.refuse_error = parse_errno(value.substr(colon + 1));
 }
 
@@ -55,7 +69,9 @@ constexpr struct Word {
     {"delay", "MS", "answer so many milliseconds late",
      [](Misbehaviour& m, std::string_view v) { m.delay_ms = parse_number(v, 3600000, "delay"); }},
     {"truncate", "BYTES", "cut each datagram to so many bytes",
-     [](Misbehaviour& m, std::string_view v) { m.truncate = parse_number(v, 65536, "truncate"); }},
+     [](Misbehaviour& m, std::string_view v) {
+       m.truncate = parse_number(v, 65536, "truncate", 1);
+     }},
     {"garbage", nullptr, "answer with random bytes",
      [](Misbehaviour& m, std::string_view) { m.garbage = true; }},
     {"stale", nullptr, "answer an earlier request first",

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,24 @@ constexpr char kTimeoutVariable[] = "CORVIL_NETLINK_TIMEOUT_MS";
 constexpr char kCaptureVariable[] = "CORVIL_NETLINK_PCAP";
 constexpr char kKernelState[] = "/proc/net/tavik_wlan";
 
+/// How long an answer may take, in milliseconds, as the netlink library reads it.
+int timeout_ms() {
+  constexpr int kDefault = 3000;
+  const char* setting = getenv(kTimeoutVariable);
+  const std::string_view text = setting != nullptr ? setting : "";
+  const char* end = text.data() + text.size();
+  int value = 0;
+  const auto [rest, error] = std::from_chars(text.data(), end, value);
+  return error == std::errc() && rest == end && value > 0 ? value : kDefault;
+}
+
+/// Limits each wait, that of connect() too; it ends with EAGAIN then.
+void limit_waits(int socket_fd, int milliseconds) {
+  const timeval limit{milliseconds / 1000, milliseconds % 1000 * 1000L};
+  setsockopt(socket_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  setsockopt(socket_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+}
+
 /// Reads the state of the emulator at a path to the end, as a file.
 std::string read_socket(const std::string& emulator) {
   const std::string path = emulator + ".state";
@@ -35,6 +54,8 @@ std::string read_socket(const std::string& emulator) {
   }
   path.copy(address.sun_path, path.size());
   const int socket_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int patience = timeout_ms();
+  limit_waits(socket_fd, patience);
   std::string text;
   ssize_t length = connect(socket_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
   if (length == 0) {
@@ -47,7 +68,8 @@ std::string read_socket(const std::string& emulator) {
   close(socket_fd);
   if (length < 0) {
     throw CallFailed("cannot read the emulator's state at " + path + ": " +
-                         std::generic_category().message(error),
+                         (error == EAGAIN ? "no answer within " + std::to_string(patience) + " ms"
+                                          : std::generic_category().message(error)),
                      emulator_hint(error, emulator));
   }
   return text;
@@ -78,8 +100,8 @@ std::string without_name(const char* text) {
 }  // namespace
 
 void print_json(const nlohmann::ordered_json& object) {
-  // Names need not be UTF-8.
-  std::cout << object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+  // Names need not be UTF-8, and may hold controls beyond ASCII.
+  std::cout << object.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) << std::endl;
 }
 
 Session::~Session() {
@@ -133,6 +155,9 @@ void Session::start_kernel() {
 }
 
 void Session::start_logging() {
+  if (settings_.json && settings_.log_file == "-") {
+    throw UsageError("--json excludes --log-file -");
+  }
   if (!settings_.log_file.empty()) {
     logging_fd = settings_.log_file == "-" ? stdout : fopen(settings_.log_file.c_str(), "ae");
     if (logging_fd == nullptr) {
@@ -164,7 +189,7 @@ void Session::on_log_message(const LogSiteDescriptor& site, const char* line, co
     failure_ = make_failure(without_name(text));
   }
   if (settings_.log_diagnostic) {
-    std::cerr << line << "\n";
+    std::cerr << printable(line) << "\n";
   }
 }
 
@@ -208,7 +233,6 @@ Failure Session::make_failure(std::string message) const {
 
 void Session::begin_call() {
   corvil_netlink_clear_last_error();
-  last_request_.clear();
   failure_.reset();
 }
 
@@ -218,6 +242,9 @@ void Session::report(const char* command, int result) {
   }
   if (!failure_ && corvil_netlink_check_capture() == -1) {
     failure_ = Failure{*corvil_netlink_last_error(), "", ""};
+  }
+  if (!failure_ && logging_fd != nullptr && ferror(logging_fd) != 0) {
+    failure_ = Failure{{}, "", "cannot write the log file " + settings_.log_file};
   }
   nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
   std::string hint;

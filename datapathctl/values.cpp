@@ -51,7 +51,7 @@ void append_ports(const std::string& text, std::vector<PortDescriptor>* ports) {
 
 }  // namespace
 
-uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what) {
+uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what, uint32_t min) {
   std::string_view digits = text;
   int base = 10;
   if (digits.starts_with("0x")) {
@@ -61,9 +61,10 @@ uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what
   uint32_t value = 0;
   const char* end = digits.data() + digits.size();
   const auto [stop, error] = std::from_chars(digits.data(), end, value, base);
-  if (error != std::errc() || stop != end || value > max) {
+  if (error != std::errc() || stop != end || value < min || value > max) {
     throw UsageError("bad " + std::string(what) + ": '" + std::string(text) +
-                     "' is not a number from 0 to " + std::to_string(max));
+                     "' is not a number from " + std::to_string(min) + " to " +
+                     std::to_string(max));
   }
   return value;
 }

@@ -18,8 +18,8 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// A number from 0 to max, decimal or, after "0x", hexadecimal. `what` names it in the error.
-uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what);
+/// A number from min to max, decimal or, after "0x", hexadecimal. `what` names it in the error.
+uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what, uint32_t min = 0);
 
 /// A UDP or TCP port number; the result is in network byte order, as the library takes it.
 uint16_t parse_network_port(std::string_view text);

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <clocale>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -49,6 +50,26 @@ class DatapathctlTest : public ::testing::Test {
     const int status = std::system(command.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(folder_ + "/out"),
             contents(folder_ + "/error")};
+  }
+
+  /// Starts an emulator in another process, with options before its command, at folder_/kernel.
+  void serve(const std::string& options = "") const {
+    const std::string command = "cd " + folder_ + " && { " DATAPATHCTL " " + options +
+                                " emulator kernel > served & echo $! > pid; }";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    for (int i = 0; i < 500 && !std::filesystem::exists(folder_ + "/kernel.state"); ++i) {
+      usleep(10000);
+    }
+  }
+  void signal_emulator(int signal) const {
+    EXPECT_EQ(kill(std::stoi(contents(folder_ + "/pid")), signal), 0);
+  }
+  void end_emulator() const {
+    signal_emulator(SIGTERM);
+    for (int i = 0; i < 500 && std::filesystem::exists(folder_ + "/kernel"); ++i) {
+      usleep(10000);
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder_ + "/kernel"));
   }
 
   std::string folder_;
@@ -118,8 +139,9 @@ TEST_F(DatapathctlTest, TakesAProxyThroughItsLife) {
 }
 
 TEST_F(DatapathctlTest, PrintsJson) {
-  const Outcome outcome =
-      run("--emulate --json batch -", "proxy update --new udp6/53\nports\nstate\nencap unset 1\n");
+  const Outcome outcome = run("--emulate --json batch -",
+                              "proxy update --new udp6/53\nports\nstate\n"
+                              "proxy update --old udp6/53\nports\nencap unset 1\n");
   EXPECT_EQ(outcome.status, 2);
   EXPECT_EQ(
       outcome.out,
@@ -127,6 +149,9 @@ TEST_F(DatapathctlTest, PrintsJson) {
       "{\"command\":\"ports\",\"result\":0}\n"
       "{\"ports\":[{\"protocol\":\"udp6\",\"port\":53}]}\n"
       "{\"state\":[\"tuple ipv6 udp 53\"]}\n"
+      "{\"command\":\"proxy update\",\"result\":0}\n"
+      "{\"command\":\"ports\",\"result\":0}\n"
+      "{\"ports\":[]}\n"
       "{\"command\":\"encap unset\",\"result\":-1,\"reason\":\"the kernel refused TAVIK_WLAN "
       "UNSET_ENCAP_PORT: No such file or directory (ENOENT): the encapsulation port is not "
       "set: ENCAP_PORT "
@@ -163,8 +188,69 @@ TEST_F(DatapathctlTest, TellsTheReasonOfThisFailureAndNotOfAnother) {
   EXPECT_EQ(went_on.error,
             "datapathctl: standard input:2: proxy down: the kernel refused TAVIK_WLAN DEL_TUPLES: "
             "No such file or directory (ENOENT): no such tuple: TUPLES[0].TUPLE \"ipv4 tcp 80\"\n");
-  EXPECT_EQ(run("--emulate --json reset >/dev/full 2>/dev/null; exit $?; :").status, 2)
-      << "lost output";
+}
+
+TEST_F(DatapathctlTest, FailsWhenOutputIsLostOrInputCannotBeRead) {
+  const struct {
+    const char* arguments;
+    int status;
+    const char* error;
+  } kCases[] = {
+      {"--help >/dev/full", 2, "cannot write the output"},
+      {"--version >/dev/full", 2, "cannot write the output"},
+      {"--emulate --json reset >/dev/full", 2, "cannot write the output"},
+      {"--emulate --trace reset >&-", 2, "cannot write the output"},
+      {"--emulate --log-file /dev/full reset", 2, "reset: cannot write the log file /dev/full"},
+      {"batch - <&-", 1, "cannot read the batch from standard input"},
+      {"batch - </", 1, "cannot read the batch from standard input"},
+  };
+  for (const auto& [arguments, status, error] : kCases) {
+    const Outcome outcome = run(arguments + std::string(" 2>error; exit $?; :"));
+    EXPECT_EQ(outcome.status, status) << arguments;
+    EXPECT_EQ(outcome.error, std::string("datapathctl: ") + error + "\n") << arguments;
+  }
+  EXPECT_EQ(run("--emulate --log-file - reset >/dev/full; exit $?; :").status, 2);
+}
+
+TEST_F(DatapathctlTest, ReadsTheWordsOfABatch) {
+  using std::string_literals::operator""s;
+  const Outcome quoted =
+      run("--emulate batch -", "encap \"set\" '45'00\r\nlowlat add '' 1 ::1 2\n");
+  EXPECT_TRUE(quoted.error.ends_with(": invalid address: LL_SRC_ADDR \"\"\n")) << quoted.error;
+  EXPECT_EQ(run("--emulate batch -", "encap set 45\00000\n"s).error,
+            "datapathctl: standard input:1: a NUL byte is in the line\n");
+  EXPECT_EQ(run("--emulate batch -", "proxy up \"wlan0 --from a --to b\n").error,
+            "datapathctl: standard input:1: unclosed quote\n");
+}
+
+TEST_F(DatapathctlTest, EscapesWhatIsNoText) {
+  const std::string up = "proxy up w\x1b\xff --from a --to b\n";
+  const Outcome text = run("--emulate --trace batch -", up + "state\n" + up);
+  EXPECT_NE(text.out.find("# proxy up w\\x1b\\xff --from a"), std::string::npos);
+  EXPECT_NE(text.out.find("    DEV \"w\\x1b\\xff\"\n"), std::string::npos);
+  EXPECT_NE(text.out.find("device 0 w\\x1b\\xff\n"), std::string::npos);
+  EXPECT_TRUE(text.error.ends_with("is set already: DEV \"w\\x1b\\xff\"\n")) << text.error;
+  const Outcome json = run("--emulate --json --trace batch -", up + "state\n" + up);
+  EXPECT_EQ(json.status, 2);
+  EXPECT_NE(json.out.find("\"state\":[\"device 0 w\\u001b\\ufffd\""), std::string::npos)
+      << json.out;
+  EXPECT_NE(json.out.find("\"value\":\"w\\u001b\\ufffd\"}"), std::string::npos) << json.out;
+
+  ASSERT_NE(setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+  EXPECT_EQ(datapathctl::printable("\n\t\x7f w\xc3\xa4 \xc2\x9b"),
+            "\\n\\t\\x7f w\xc3\xa4 \\xc2\\x9b");
+}
+
+TEST(MessageDecoderTest, TakesNoLengthForANegativeOne) {
+  alignas(4)
+      uint8_t datagram[] = {36, 0,  0, 0,    2,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // ERROR
+                            0,  0,  0, 0x80, 20,   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+                            0,  16, 0, 0,    0x80, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};  // too long
+  datapathctl::MessageDecoder decoder;
+  const auto messages = decoder.decode(datagram);
+  ASSERT_EQ(messages.size(), 2U);
+  EXPECT_EQ(messages[0]["message"], "ERROR -2147483648");
+  EXPECT_EQ(datapathctl::to_text(messages[1]), "MALFORMED, 16 bytes\n");
 }
 
 TEST(MessageDecoderTest, NamesTheAttributeAtAnOffset) {
@@ -193,8 +279,10 @@ TEST_F(DatapathctlTest, FindsTheFamilyUnderItsNewId) {
 }
 
 TEST_F(DatapathctlTest, WritesTheLogsThatAreAskedFor) {
+  std::ofstream(folder_ + "/log") << "kept\n";
   const Outcome outcome = run("--emulate --log-file log --log-diag --log-android reset");
   EXPECT_EQ(outcome.status, 0) << outcome.error;
+  EXPECT_TRUE(contents(folder_ + "/log").starts_with("kept\n"));
   EXPECT_NE(contents(folder_ + "/log").find("flush_config_info(): Resetting datapath state\n\n"),
             std::string::npos);
   EXPECT_NE(outcome.error.find("subsystem 65 HIGH datapath_proxy/src/corvil_datapath_proxy:"),
@@ -212,7 +300,7 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
       {"", 1, "A subcommand is required"},
       {"frob", 1, "not understood: frob"},
       {"proxy frob", 1, "not understood: frob"},
-      {"reset frob", 1, "The following argument was not expected: frob"},
+      {"reset frob --trace 1", 1, "not understood: frob --trace 1"},
       {"proxy up wlan0 --from a", 1, "--to is required"},
       {"--emulate proxy up wlan0 --from a --to b tcp/65536", 1,
        "bad port in 'tcp/65536': '65536' is not a number from 0 to 65535"},
@@ -233,6 +321,10 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
        "datapathctl: hint: it takes CAP_NET_ADMIN in the user namespace of the network namespace"},
       {"batch nonexistent", 1, "cannot read the batch nonexistent"},
       {"batch /", 1, "cannot read the batch /"},
+      {"--socket '' reset", 1, "--socket: the path is empty"},
+      {"--emulate --pcap '' reset", 1, "--pcap: the path is empty"},
+      {"--emulate --log-file '' reset", 1, "--log-file: the path is empty"},
+      {"--emulate --json --log-file - reset", 1, "--json excludes --log-file -"},
       {"--emulate --log-file /nonexistent/x reset", 1,
        "cannot write the log file /nonexistent/x: No such file or directory"},
       {"--emulate --pcap /nonexistent/x reset", 2,
@@ -253,13 +345,19 @@ TEST_F(DatapathctlTest, AnswersBadInputInOneLine) {
        "datapathctl: hint: is the module tavik_wlan loaded?"},
       {"--emulate --misbehave refuse=1:EIO reset", 2,
        "reset: the kernel refused TAVIK_WLAN RESET: Input/output error (EIO): refused on demand"},
+      {"--emulate --misbehave refuse=1:EWOULDBLOCK reset", 2,
+       "reset: the kernel refused TAVIK_WLAN RESET: Resource temporarily unavailable (EAGAIN): "
+       "refused on demand"},
+      {"--emulate --misbehave refuse=1:0 reset", 1,
+       "bad errno: '0' is not a number from 1 to 4095"},
       {"--emulate proxy unmap --from a --to sixteen_letters_", 2,
        "proxy unmap: the kernel refused TAVIK_WLAN DEL_FWD_INFO: Invalid argument (EINVAL): "
        "Attribute failed policy validation: FWD_TO \"sixteen_letters_\""},
       {"--dry-run proxy up wlan0 --from a --to b tcp/1-4096", 2, "proxy up: Too many ports: 4096"},
       {"--dry-run misbehave frob", 1, "bad misbehaviour 'frob'"},
       {"--dry-run emulator kernel", 1, "emulator excludes --dry-run"},
-      {"--emulate --misbehave silent --timeout 50 reset", 2, "reset: no answer within 50 ms"},
+      {"--emulate --misbehave silent --timeout 050 reset", 2, "reset: no answer within 50 ms"},
+      {"--timeout 0 reset", 1, "bad timeout: '0' is not a number from 1 to 3600000"},
   };
   for (const Case& bad : cases) {
     const Outcome outcome = run(bad.arguments);
@@ -285,24 +383,36 @@ TEST_F(DatapathctlTest, LeavesNoFileBehindWhenASignalEndsIt) {
 }
 
 TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
-  const std::string socket = folder_ + "/kernel";
-  ASSERT_EQ(std::system((DATAPATHCTL " emulator " + socket + " > " + folder_ +
-                         "/served & echo $! > " + folder_ + "/pid")
-                            .c_str()),
-            0);
-  for (int i = 0; i < 500 && !std::filesystem::exists(socket + ".state"); ++i) {
-    usleep(10000);
+  serve();
+  EXPECT_EQ(run("--socket kernel encap set 4500").status, 0);
+  EXPECT_EQ(run("--socket kernel state").out, "encap 4500\n");
+  EXPECT_EQ(run("emulator kernel").status, 2) << "a second one at the same place";
+  signal_emulator(SIGSTOP);
+  EXPECT_EQ(
+      run("--socket kernel --timeout 50 state").error,
+      "datapathctl: cannot read the emulator's state at kernel.state: no answer within 50 ms\n");
+  signal_emulator(SIGCONT);
+  end_emulator();
+  EXPECT_EQ(contents(folder_ + "/served"), "serving TAVIK_WLAN at kernel\nSET_ENCAP_PORT 4500\n");
+}
+
+TEST_F(DatapathctlTest, EndsInOrderWhateverTheKernelAnswers) {
+  const std::vector<std::string> commands = {"--trace --hex reset", "--json --trace ports", "state",
+                                             "--json --trace " + kUp, "--trace encap unset 4500"};
+  for (const char* misbehaviour :
+       {"silent", "delay=110", "truncate=9", "truncate=40", "garbage", "garbage --misbehave stale",
+        "refuse=3:EPERM", "interrupt=4", "family-id=99", "absent"}) {
+    serve("--misbehave " + std::string(misbehaviour));
+    for (size_t i = 0; i < 20; ++i) {
+      const std::string& command = commands[i % commands.size()];
+      const Outcome outcome = run("--socket kernel --timeout 100 " + command);
+      EXPECT_TRUE(outcome.status >= 0 && outcome.status <= 2)
+          << misbehaviour << ", " << command << ": " << outcome.status;
+      EXPECT_LE(std::ranges::count(outcome.error, '\n'), 2)
+          << misbehaviour << ", " << command << ": " << outcome.error;
+    }
+    end_emulator();
   }
-  EXPECT_EQ(run("--socket " + socket + " encap set 4500").status, 0);
-  EXPECT_EQ(run("--socket " + socket + " state").out, "encap 4500\n");
-  EXPECT_EQ(run("emulator " + socket).status, 2) << "a second one at the same place";
-  EXPECT_EQ(kill(std::stoi(contents(folder_ + "/pid")), SIGTERM), 0);
-  for (int i = 0; i < 500 && std::filesystem::exists(socket); ++i) {
-    usleep(10000);
-  }
-  EXPECT_FALSE(std::filesystem::exists(socket));
-  EXPECT_EQ(contents(folder_ + "/served"),
-            "serving TAVIK_WLAN at " + socket + "\nSET_ENCAP_PORT 4500\n");
 }
 
 }  // namespace
