@@ -116,6 +116,15 @@ void write_replies(const Traffic& traffic, Corpus corpus) {
   }
 }
 
+void write_messages(const Traffic& traffic, Corpus corpus) {
+  const Message tail = {24, 0, 0, 0, TAVIK_WLAN_ATTR_DEV, 0, 0, 0, 1};
+  for (const auto& messages : {traffic.requests, traffic.replies}) {
+    for (const Message& message : messages) {
+      corpus.add(message, tail);
+    }
+  }
+}
+
 void write_attributes(const Traffic& traffic, Corpus corpus) {
   for (const Message& request : traffic.requests) {
     corpus.add({request.begin() + NLMSG_HDRLEN + GENL_HDRLEN, request.end()},
@@ -136,6 +145,7 @@ int main(int argc, char** argv) {
   write_requests(traffic, Corpus(folder / "emulator_request_fuzz"));
   write_replies(traffic, Corpus(folder / "reply_callback_fuzz"));
   write_replies(traffic, Corpus(folder / "hostile_kernel_fuzz"));
+  write_messages(traffic, Corpus(folder / "decoder_fuzz"));
   write_attributes(traffic, Corpus(folder / "nla_parse_fuzz"));
   return EXIT_SUCCESS;
 }
