@@ -5,8 +5,8 @@
 #
 #   scripts/test.sh         what every change has to pass
 #   scripts/test.sh --all   the slow checks, too: clang++ without sanitizers, the VM with each kernel,
-#                           pairs of faults and faults before the module, packages, reproducibility,
-#                           the kernel's netlink tools, the device's build
+#                           faults before the module, packages, reproducibility, the kernel's
+#                           netlink tools, the device's build
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -74,10 +74,9 @@ echo "== coverage"
 scripts/coverage.sh
 
 if [ $purpose = all ]; then
-  echo "== torture"
-  scripts/torture.sh
   if scripts/vm.sh --check >/dev/null 2>&1; then
-    scripts/vm.sh 'torture --short --target=kernel /etc/datapath/demo.batch'
+    echo "== faults before the module"
+    scripts/vm.sh 'fault_test --target=kernel --gtest_brief=1'
   fi
   for slow in ynl_kernel android_bp package reproducible; do
     echo "== $slow"

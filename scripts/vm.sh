@@ -35,7 +35,7 @@ if ! reference_kernel/vm/kernel.sh fetch "$version" >&2; then
 fi
 [ "${1:-}" != --check ] || exit 0
 
-targets=(datapathctl corvil_datapath_proxy conformance_test libnl_peer torture)
+targets=(datapathctl corvil_datapath_proxy conformance_test libnl_peer fault_test)
 if ! {
   reference_kernel/vm/kernel.sh module "$version" &&
     cmake --preset release --log-level=WARNING &&

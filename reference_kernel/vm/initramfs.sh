@@ -57,9 +57,8 @@ rm -rf "$root"
 mkdir -p "$root"/{bin,dev,etc/datapath,proc,sbin,sys,tmp,usr/bin,usr/lib,usr/sbin}
 cp "$build/busybox/bin/busybox" "$root/bin"
 cp reference_kernel/vm/init "$root/init"
-cp scripts/demo.batch "$root/etc/datapath"
 printf '%s' "$command" >"$root/etc/datapath/command"
-put_programs "${tools[@]}" "$programs"/{datapathctl,conformance_test,libnl_peer,torture}
+put_programs "${tools[@]}" "$programs"/{datapathctl,conformance_test,libnl_peer,fault_test}
 put_programs "$programs/libcorvil_datapath_proxy.so"
 cp tests/kernel_test.sh "$root/usr/bin/kernel_test"
 put_modules
