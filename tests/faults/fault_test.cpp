@@ -63,7 +63,6 @@ const struct Way {
     {"malloc", {ENOMEM}, kSameInLookUp, kSameInLookUp},  // elsewhere it is for a port that came
     {"socket", {EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EAFNOSUPPORT}, kSame, kSame},
     {"bind", {ENOMEM, EADDRINUSE, EPERM, EBADF}, kSame, kSame},
-    {"getsockname", {ENOBUFS, EBADF}, kSame, kSame},
     {"setsockopt", {ENOMEM, ENOPROTOOPT, EPERM, EBADF}, kSurvives, kSurvives},
     {"connect", {EINTR}, kSurvives, ETIMEDOUT},
     {"connect", {EAGAIN}, ETIMEDOUT, ETIMEDOUT},

@@ -119,9 +119,6 @@ int close(int fd) {
 int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
   return counted("bind", SYS_bind, fd, address, size);
 }
-int getsockname(int fd, sockaddr* address, socklen_t* size) noexcept {
-  return counted("getsockname", SYS_getsockname, fd, address, size);
-}
 int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
   return counted("setsockopt", SYS_setsockopt, fd, level, name, value, size);
 }
