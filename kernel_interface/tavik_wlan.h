@@ -60,7 +60,7 @@ enum tavik_wlan_attr {
 #define TAVIK_WLAN_TUPLE_ELEMENT 1
 #define TAVIK_WLAN_TUPLE_ATTR 1
 #define TAVIK_WLAN_TUPLE_ATTR_MAX TAVIK_WLAN_TUPLE_ATTR
-#define TAVIK_WLAN_TUPLES_PER_MESSAGE ((0xffff - 4) / 16)
+#define TAVIK_WLAN_TUPLES_PER_MESSAGE 4095
 
 /* DatapathTuple.ip_proto: an IP version. */
 #define TAVIK_WLAN_IP_PROTO_IPV4 4

@@ -111,8 +111,9 @@ static int forgive_existing(int result, int kernel_error) {
 // ---------------------------------------------------------------
 
 constexpr uint32_t kTupleElementSize = kContainerSize + NLA_HDRLEN + sizeof(DatapathTuple);
-static_assert(CORVIL_DATAPATH_PROXY_MAX_PORTS == (UINT16_MAX - kContainerSize) / kTupleElementSize,
+static_assert(TAVIK_WLAN_TUPLES_PER_MESSAGE == (UINT16_MAX - kContainerSize) / kTupleElementSize,
               "the 16-bit length of the tuple container holds that many elements");
+static_assert(CORVIL_DATAPATH_PROXY_MAX_PORTS == TAVIK_WLAN_TUPLES_PER_MESSAGE);
 
 static uint32_t tuples_request_size(uint32_t tuple_count) {
   return request_size(kContainerSize, checked_multiply(kTupleElementSize, tuple_count));
