@@ -32,7 +32,7 @@ cross_packages=(
   g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest qemu-user
 )
 bench_packages=(
-  binutils gnuplot-nox libbenchmark-dev libnl-genl-3-dev python3 valgrind
+  gnuplot-nox libnl-genl-3-dev valgrind
 )
 # What builds the kernel module and boots a kernel with it, and witnesses there.
 vm_packages=(
