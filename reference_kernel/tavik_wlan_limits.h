@@ -2,8 +2,10 @@
 #ifndef REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
 #define REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
 
-/* Tuples held at the same time; adding more is refused with -ENOSPC. */
+/* How many are held at the same time; adding more is refused with -ENOSPC. */
 #define TAVIK_WLAN_MAX_TUPLES 65536
+#define TAVIK_WLAN_MAX_FORWARDINGS 4096
+#define TAVIK_WLAN_MAX_FLOWS 4096
 
 /* Longest device or forwarding name, without its NUL: that of a network interface. */
 #define TAVIK_WLAN_MAX_NAME 15

@@ -348,6 +348,7 @@ TEST_F(ConformanceTest, DealsWithDatagramsAndLookUpsAsNetlinkDoes) {
   const std::string silent = message(family_, 1, "\1\1\0\0"s + kBoth);
   const std::string no_request = message(family_, 4, "\2\1\0\0"s + kBoth);
   const std::string unpadded = message(family_, 5, "\7\1\0\0\6\0\5\0\x11\x94"s);
+  expect(message(family_, 0x0d, "\x09\1\0\0"s), 0);  // NLM_F_ECHO has no effect.
   // What follows a length that cannot be is passed over.
   send(silent + no_request + unpadded + "\0\0\x0f\0\0\0"s + request("\x09").substr(4));
   EXPECT_EQ(receive(2), acknowledgement(no_request) + acknowledgement(unpadded));
@@ -390,6 +391,36 @@ TEST_F(ConformanceTest, HoldsAndDumpsAsManyTuplesAsItMay) {
     elements.erase(0, part.size());
   }
   EXPECT_EQ(elements + dumped, kDone);
+}
+
+TEST_F(ConformanceTest, HoldsAsManyForwardingsAndFlowsAsItMay) {
+  const auto forwarding = [](uint16_t i) {
+    return attribute(6, {static_cast<char>(i / 16)}) + text(3, "wwan0") +
+           text(4, {static_cast<char>('a' + i % 16)});
+  };
+  const auto flow = [](uint16_t i) {
+    return text(7, "10.0.0.1") + text(8, "10.0.0.2") + attribute(9, raw(htons(i))) +
+           attribute(10, "\x13\x89");
+  };
+  std::string forwardings;
+  std::string flows;
+  for (uint16_t i = 0; i < 4096; ++i) {
+    send(message(family_, 1, "\5\1\0\0"s + forwarding(i)));
+    send(message(family_, 1, "\x0c\1\0\0"s + flow(i)));
+    forwardings +=
+        "forward " + std::to_string(i / 16) + " wwan0 " + "abcdefghijklmnop"[i % 16] + '\n';
+    flows += "lowlat 10.0.0.1 " + std::to_string(i) + " 10.0.0.2 5001\n";
+  }
+  state_ = forwardings + flows;
+  refuse(-ENOSPC, "too many forwardings",
+         Bad{"\5" + kSelector1 + text(3, "b") + text(4, "a"), at(36)});
+  refuse(-EEXIST, "the forwarding exists already", Bad{"\5" + forwarding(0), at(40)});
+  refuse(-ENOSPC, "too many flows", Bad{"\x0c" + flow(4096), at(36)});
+  refuse(-EEXIST, "the flow exists already", Bad{"\x0c" + flow(4095), at(36)});
+  accept("\6" + forwarding(0), forwardings.substr(forwardings.find('\n') + 1) + flows);
+  accept("\5" + forwarding(0), forwardings + flows);
+  accept("\x0d", forwardings);
+  accept("\x0c" + flow(0), forwardings + flows.substr(0, flows.find('\n') + 1));
 }
 
 TEST_F(ConformanceTest, IsConfiguredByTheLibrary) {

@@ -171,10 +171,29 @@ test_a_long_dump_stands_changes() {
   churn &
   eventually sees_interruption
   eventually asks_again
+  grep -v esp /proc/net/tavik_wlan | cmp stable -
   touch stop
   wait $!
   same 60000 "$(datapathctl --timeout 60000 ports | wc -l)"
   same 0 "$(status_of libnl_peer list)"
+}
+
+test_the_state_is_whole_whatever_size_it_is_read_in() {
+  datapathctl batch - <<'END'
+proxy up wlan0 --from wwan0 --to wlan0 tcp/1000-1999
+encap set 4500
+encap drop 4500
+lowlat add ::1 1 ::2 2
+END
+  {
+    seq 1000 1999 | sed 's/^/tuple ipv4 tcp /'
+    printf '%s\n' "device 0 wlan0" "forward 0 wwan0 wlan0" "encap 4500 drop" "lowlat ::1 1 ::2 2"
+  } >expected
+  for size in 1 77 4096 100000; do
+    dd bs=$size </proc/net/tavik_wlan 2>/dev/null | cmp expected -
+  done
+  dd bs=1 skip=15000 </proc/net/tavik_wlan >rest 2>/dev/null
+  cmp expected rest 15000
 }
 
 # configure NUMBER: comes and goes, and leaves something each time.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 
 #include "reference_kernel/tavik_wlan_limits.h"
 
@@ -18,6 +19,20 @@ const char* to_text(EncapsulationAction action) {
       return " drop";
   }
   return "";
+}
+
+/// -EEXIST when it is there already, -ENOSPC beyond the limit.
+template <typename Entry>
+Verdict add(std::set<Entry>& held, const Entry& entry, size_t limit, const char* is_there,
+            const char* is_full) {
+  if (held.contains(entry)) {
+    return Refusal{-EEXIST, is_there};
+  }
+  if (held.size() == limit) {
+    return Refusal{-ENOSPC, is_full};
+  }
+  held.insert(entry);
+  return kAccepted;
 }
 
 }  // namespace
@@ -62,8 +77,8 @@ Verdict State::unset_device(uint8_t selector, const std::string& name) {
 }
 
 Verdict State::add_forwarding(const Forwarding& forwarding) {
-  return forwardings_.insert(forwarding).second ? kAccepted
-                                                : Refusal{-EEXIST, "the forwarding exists already"};
+  return add(forwardings_, forwarding, TAVIK_WLAN_MAX_FORWARDINGS, "the forwarding exists already",
+             "too many forwardings");
 }
 
 Verdict State::delete_forwarding(const Forwarding& forwarding) {
@@ -92,7 +107,7 @@ Verdict State::set_encapsulation_action(uint16_t port, EncapsulationAction actio
 }
 
 Verdict State::add_flow(const Flow& flow) {
-  return flows_.insert(flow).second ? kAccepted : Refusal{-EEXIST, "the flow exists already"};
+  return add(flows_, flow, TAVIK_WLAN_MAX_FLOWS, "the flow exists already", "too many flows");
 }
 
 Verdict State::flush_flows() {

@@ -30,7 +30,8 @@ class State {
   /// -ENOENT when no device is set, or another one.
   Verdict unset_device(uint8_t selector, const std::string& name);
 
-  Verdict add_forwarding(const Forwarding& forwarding);     // -EEXIST
+  /// -EEXIST, -ENOSPC beyond TAVIK_WLAN_MAX_FORWARDINGS.
+  Verdict add_forwarding(const Forwarding& forwarding);
   Verdict delete_forwarding(const Forwarding& forwarding);  // -ENOENT
 
   /// Replaces the port, and its action by none. `port` in host byte order, here and below.
@@ -39,7 +40,8 @@ class State {
   Verdict unset_encapsulation_port(uint16_t port);
   Verdict set_encapsulation_action(uint16_t port, EncapsulationAction action);
 
-  Verdict add_flow(const Flow& flow);  // -EEXIST
+  /// -EEXIST, -ENOSPC beyond TAVIK_WLAN_MAX_FLOWS.
+  Verdict add_flow(const Flow& flow);
   Verdict flush_flows();
 
   /// Forgets everything.

@@ -12,7 +12,9 @@
 #include <linux/netdevice.h>
 #include <linux/proc_fs.h>
 #include <linux/rbtree.h>
+#include <linux/sched.h>
 #include <linux/seq_file.h>
+#include <linux/seq_file_net.h>
 #include <linux/slab.h>
 #include <linux/string.h>
 #include <net/genetlink.h>
@@ -57,11 +59,26 @@ struct tavik_wlan_flow {
 	__be16 destination_port;
 } __packed;
 
+enum tavik_wlan_encap_action {
+	TAVIK_WLAN_ENCAP_NONE,
+	TAVIK_WLAN_ENCAP_PASS_THROUGH,
+	TAVIK_WLAN_ENCAP_DROP,
+};
+
+struct tavik_wlan_encap {
+	__be16 port;
+	u8 action; /* enum tavik_wlan_encap_action */
+} __packed;
+
+/* What there is a set of, in the order of the text. */
+enum tavik_wlan_kind { TUPLES, DEVICES, FORWARDINGS, ENCAPS, FLOWS, KINDS };
+
 /* A set of keys of one size, ordered as memcmp() orders them. */
 struct tavik_wlan_set {
 	struct rb_root root;
 	size_t key_size;
 	u32 count;
+	u32 limit;
 };
 
 struct tavik_wlan_entry {
@@ -69,23 +86,11 @@ struct tavik_wlan_entry {
 	u8 key[];
 };
 
-enum tavik_wlan_encap_action {
-	TAVIK_WLAN_ENCAP_NONE,
-	TAVIK_WLAN_ENCAP_PASS_THROUGH,
-	TAVIK_WLAN_ENCAP_DROP,
-};
-
 /* What a network namespace holds. */
 struct tavik_wlan_net {
 	struct mutex lock; /* of all that follows */
-	struct tavik_wlan_set tuples;
+	struct tavik_wlan_set sets[KINDS];
 	u32 tuples_generation; /* changes with the tuples, is never 0 */
-	struct tavik_wlan_set devices;
-	struct tavik_wlan_set forwardings;
-	struct tavik_wlan_set flows;
-	bool encap_is_set;
-	__be16 encap_port;
-	enum tavik_wlan_encap_action encap_action;
 };
 
 static unsigned int tavik_wlan_net_id __read_mostly;
@@ -98,21 +103,16 @@ static struct tavik_wlan_net *tavik_wlan_net(struct net *net)
 
 /* Sets */
 
-static void set_init(struct tavik_wlan_set *set, size_t key_size)
-{
-	set->root = RB_ROOT;
-	set->key_size = key_size;
-	set->count = 0;
-}
-
 static struct tavik_wlan_entry *entry_of(struct rb_node *node)
 {
 	return rb_entry_safe(node, struct tavik_wlan_entry, node);
 }
 
-#define for_each_entry(entry, set)                                                                 \
-	for (entry = entry_of(rb_first(&(set)->root)); entry;                                      \
-	     entry = entry_of(rb_next(&entry->node)))
+/* The first entry, or NULL. */
+static struct tavik_wlan_entry *set_first(const struct tavik_wlan_set *set)
+{
+	return entry_of(rb_first(&set->root));
+}
 
 /* The first entry whose key is not below @key, or NULL. */
 static struct tavik_wlan_entry *set_lower_bound(const struct tavik_wlan_set *set, const void *key)
@@ -140,38 +140,37 @@ static struct tavik_wlan_entry *set_find(const struct tavik_wlan_set *set, const
 	return entry && !memcmp(entry->key, key, set->key_size) ? entry : NULL;
 }
 
-/* Takes @entry in, unless its key is there already. */
-static bool set_insert(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
+/* Takes @entry in, whose key is not there yet. */
+static void set_insert(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
 {
 	struct rb_node **link = &set->root.rb_node, *parent = NULL;
 
 	while (*link) {
-		int order = memcmp(entry->key, entry_of(*link)->key, set->key_size);
-
-		if (!order)
-			return false;
 		parent = *link;
-		link = order < 0 ? &parent->rb_left : &parent->rb_right;
+		link = memcmp(entry->key, entry_of(parent)->key, set->key_size) < 0
+			       ? &parent->rb_left
+			       : &parent->rb_right;
 	}
 	rb_link_node(&entry->node, parent, link);
 	rb_insert_color(&entry->node, &set->root);
 	set->count++;
-	return true;
 }
 
-/* Takes a copy of @key in. -EEXIST when it is there already, -ENOMEM. */
+/* Takes a copy of @key in. -EEXIST when it is there already, -ENOSPC beyond the limit, -ENOMEM. */
 static int set_add(struct tavik_wlan_set *set, const void *key)
 {
 	struct tavik_wlan_entry *entry;
 
+	if (set_find(set, key))
+		return -EEXIST;
+	if (set->count == set->limit)
+		return -ENOSPC;
 	entry = kmalloc(struct_size(entry, key, set->key_size), GFP_KERNEL_ACCOUNT);
 	if (!entry)
 		return -ENOMEM;
 	memcpy(entry->key, key, set->key_size);
-	if (set_insert(set, entry))
-		return 0;
-	kfree(entry);
-	return -EEXIST;
+	set_insert(set, entry);
+	return 0;
 }
 
 static void set_unlink(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
@@ -196,9 +195,20 @@ static void set_clear(struct tavik_wlan_set *set)
 {
 	struct tavik_wlan_entry *entry, *next;
 
-	rbtree_postorder_for_each_entry_safe(entry, next, &set->root, node)
+	rbtree_postorder_for_each_entry_safe(entry, next, &set->root, node) {
 		kfree(entry);
-	set_init(set, set->key_size);
+		cond_resched(); /* a full set takes long */
+	}
+	set->root = RB_ROOT;
+	set->count = 0;
+}
+
+static void clear_all(struct tavik_wlan_net *tn)
+{
+	int kind;
+
+	for (kind = 0; kind < KINDS; kind++)
+		set_clear(&tn->sets[kind]);
 }
 
 /* Moves the entries of @from, none of which is in @to yet. */
@@ -384,28 +394,31 @@ static void tuples_changed(struct tavik_wlan_net *tn)
 static int add_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct nlattr *element, *container = info->attrs[TAVIK_WLAN_ATTR_TUPLES];
+	struct tavik_wlan_set *tuples = &tn->sets[TUPLES];
+	struct tavik_wlan_set added = {
+		.key_size = tuples->key_size,
+		.limit = tuples->limit,
+	};
 	struct tavik_wlan_tuple tuple;
-	struct tavik_wlan_set added;
 	int left, err;
 
 	err = check_elements(container, info->extack);
 	if (err)
 		return err;
-	set_init(&added, tn->tuples.key_size);
 	nla_for_each_nested(element, container, left) {
 		tuple = tuple_from_wire(element_tuple(element));
-		if (set_find(&tn->tuples, &tuple))
+		if (set_find(tuples, &tuple))
 			continue;
 		err = set_add(&added, &tuple);
-		if (err == -ENOMEM)
+		if (err && err != -EEXIST)
 			goto out;
 	}
 	err = 0;
-	if (tn->tuples.count + added.count > TAVIK_WLAN_MAX_TUPLES) {
+	if (tuples->count + added.count > tuples->limit) {
 		NL_SET_ERR_MSG_ATTR(info->extack, container, "too many tuples");
 		err = -ENOSPC;
 	} else if (added.count) {
-		set_move_all(&tn->tuples, &added);
+		set_move_all(tuples, &added);
 		tuples_changed(tn);
 	}
 out:
@@ -424,7 +437,7 @@ static int delete_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 		return err;
 	nla_for_each_nested(element, container, left) {
 		tuple = tuple_from_wire(element_tuple(element));
-		if (!set_find(&tn->tuples, &tuple)) {
+		if (!set_find(&tn->sets[TUPLES], &tuple)) {
 			NL_SET_ERR_MSG_ATTR(info->extack, element_tuple(element), "no such tuple");
 			return -ENOENT;
 		}
@@ -432,7 +445,7 @@ static int delete_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 	nla_for_each_nested(element, container, left) {
 		tuple = tuple_from_wire(element_tuple(element));
 		/* A tuple told twice is gone the second time. */
-		if (set_delete(&tn->tuples, &tuple))
+		if (set_delete(&tn->sets[TUPLES], &tuple))
 			tuples_changed(tn);
 	}
 	return 0;
@@ -458,7 +471,7 @@ static struct tavik_wlan_device device_of(struct genl_info *info)
 static const struct tavik_wlan_device *find_device(struct tavik_wlan_net *tn, u8 selector)
 {
 	const struct tavik_wlan_device first = { .selector = selector };
-	const struct tavik_wlan_entry *entry = set_lower_bound(&tn->devices, &first);
+	const struct tavik_wlan_entry *entry = set_lower_bound(&tn->sets[DEVICES], &first);
 	const struct tavik_wlan_device *device = entry ? (const void *)entry->key : NULL;
 
 	return device && device->selector == selector ? device : NULL;
@@ -471,7 +484,7 @@ static int set_device(struct tavik_wlan_net *tn, struct genl_info *info)
 	const struct tavik_wlan_device *held = find_device(tn, device.selector);
 
 	if (!held)
-		return set_add(&tn->devices, &device);
+		return set_add(&tn->sets[DEVICES], &device);
 	if (!strcmp(held->name, device.name)) {
 		NL_SET_ERR_MSG_ATTR(info->extack, attr, "the device is set already");
 		return -EEXIST;
@@ -484,7 +497,7 @@ static int unset_device(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct tavik_wlan_device device = device_of(info);
 
-	if (set_delete(&tn->devices, &device))
+	if (set_delete(&tn->sets[DEVICES], &device))
 		return 0;
 	NL_SET_ERR_MSG_ATTR(info->extack, info->attrs[TAVIK_WLAN_ATTR_DEV],
 			    "the device is not set");
@@ -505,11 +518,13 @@ static struct tavik_wlan_forwarding forwarding_of(struct genl_info *info)
 static int add_forwarding(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct tavik_wlan_forwarding forwarding = forwarding_of(info);
-	int err = set_add(&tn->forwardings, &forwarding);
+	const struct nlattr *to = info->attrs[TAVIK_WLAN_ATTR_FWD_TO];
+	int err = set_add(&tn->sets[FORWARDINGS], &forwarding);
 
 	if (err == -EEXIST)
-		NL_SET_ERR_MSG_ATTR(info->extack, info->attrs[TAVIK_WLAN_ATTR_FWD_TO],
-				    "the forwarding exists already");
+		NL_SET_ERR_MSG_ATTR(info->extack, to, "the forwarding exists already");
+	else if (err == -ENOSPC)
+		NL_SET_ERR_MSG_ATTR(info->extack, to, "too many forwardings");
 	return err;
 }
 
@@ -517,7 +532,7 @@ static int delete_forwarding(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct tavik_wlan_forwarding forwarding = forwarding_of(info);
 
-	if (set_delete(&tn->forwardings, &forwarding))
+	if (set_delete(&tn->sets[FORWARDINGS], &forwarding))
 		return 0;
 	NL_SET_ERR_MSG_ATTR(info->extack, info->attrs[TAVIK_WLAN_ATTR_FWD_TO],
 			    "no such forwarding");
@@ -526,9 +541,14 @@ static int delete_forwarding(struct tavik_wlan_net *tn, struct genl_info *info)
 
 static int set_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	tn->encap_is_set = true;
-	tn->encap_port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT]);
-	tn->encap_action = TAVIK_WLAN_ENCAP_NONE;
+	const struct tavik_wlan_encap encap = {
+		.port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT]),
+	};
+	struct tavik_wlan_entry *held = set_first(&tn->sets[ENCAPS]);
+
+	if (!held)
+		return set_add(&tn->sets[ENCAPS], &encap);
+	memcpy(held->key, &encap, sizeof(encap)); /* the only one, so the order stays */
 	return 0;
 }
 
@@ -536,12 +556,14 @@ static int set_encap_action(struct tavik_wlan_net *tn, struct genl_info *info,
 			    enum tavik_wlan_encap_action action)
 {
 	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT];
+	struct tavik_wlan_entry *held = set_first(&tn->sets[ENCAPS]);
+	struct tavik_wlan_encap *encap = held ? (void *)held->key : NULL;
 
-	if (!tn->encap_is_set || tn->encap_port != nla_get_be16(attr)) {
+	if (!encap || encap->port != nla_get_be16(attr)) {
 		NL_SET_ERR_MSG_ATTR(info->extack, attr, "the encapsulation port is not set");
 		return -ENOENT;
 	}
-	tn->encap_action = action;
+	encap->action = action;
 	return 0;
 }
 
@@ -550,7 +572,7 @@ static int unset_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 	int err = set_encap_action(tn, info, TAVIK_WLAN_ENCAP_NONE);
 
 	if (!err)
-		tn->encap_is_set = false;
+		set_clear(&tn->sets[ENCAPS]);
 	return err;
 }
 
@@ -579,26 +601,24 @@ static int add_flow(struct tavik_wlan_net *tn, struct genl_info *info)
 		NL_SET_ERR_MSG_ATTR(info->extack, destination, "addresses of different families");
 		return -EINVAL;
 	}
-	err = set_add(&tn->flows, &flow);
+	err = set_add(&tn->sets[FLOWS], &flow);
 	if (err == -EEXIST)
 		NL_SET_ERR_MSG_ATTR(info->extack, destination, "the flow exists already");
+	else if (err == -ENOSPC)
+		NL_SET_ERR_MSG_ATTR(info->extack, destination, "too many flows");
 	return err;
 }
 
 static int flush_flows(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	set_clear(&tn->flows);
+	set_clear(&tn->sets[FLOWS]);
 	return 0;
 }
 
 static int reset(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	set_clear(&tn->tuples);
+	clear_all(tn);
 	tuples_changed(tn);
-	set_clear(&tn->devices);
-	set_clear(&tn->forwardings);
-	set_clear(&tn->flows);
-	tn->encap_is_set = false;
 	return 0;
 }
 
@@ -678,7 +698,7 @@ static int dump_tuples(struct sk_buff *skb, struct netlink_callback *cb)
 
 	mutex_lock(&tn->lock);
 	cb->seq = tn->tuples_generation;
-	first = set_lower_bound(&tn->tuples, &cursor->next);
+	first = set_lower_bound(&tn->sets[TUPLES], &cursor->next);
 	if (first)
 		err = put_message(skb, cb, first, &next);
 	if (next) {
@@ -778,57 +798,44 @@ static struct genl_family tavik_wlan_family __ro_after_init = {
 
 /* /proc/net/tavik_wlan */
 
-static void show_tuples(struct seq_file *seq, const struct tavik_wlan_set *tuples)
+static void show_tuple(struct seq_file *seq, const void *key)
 {
-	const struct tavik_wlan_entry *entry;
+	const struct tavik_wlan_tuple *tuple = key;
 
-	for_each_entry(entry, tuples) {
-		const struct tavik_wlan_tuple *tuple = (const void *)entry->key;
-
-		seq_printf(seq, "tuple ipv%u ", tuple->ip_version);
-		if (tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP)
-			seq_printf(seq, "esp 0x%08x\n", be32_to_cpu(tuple->key));
-		else
-			seq_printf(seq, "%s %u\n",
-				   tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP ? "tcp" : "udp",
-				   be32_to_cpu(tuple->key));
-	}
+	seq_printf(seq, "tuple ipv%u ", tuple->ip_version);
+	if (tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP)
+		seq_printf(seq, "esp 0x%08x\n", be32_to_cpu(tuple->key));
+	else
+		seq_printf(seq, "%s %u\n",
+			   tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP ? "tcp" : "udp",
+			   be32_to_cpu(tuple->key));
 }
 
-static void show_devices(struct seq_file *seq, const struct tavik_wlan_set *devices)
+static void show_device(struct seq_file *seq, const void *key)
 {
-	const struct tavik_wlan_entry *entry;
+	const struct tavik_wlan_device *device = key;
 
-	for_each_entry(entry, devices) {
-		const struct tavik_wlan_device *device = (const void *)entry->key;
-
-		seq_printf(seq, "device %u %s\n", device->selector, device->name);
-	}
+	seq_printf(seq, "device %u %s\n", device->selector, device->name);
 }
 
-static void show_forwardings(struct seq_file *seq, const struct tavik_wlan_set *forwardings)
+static void show_forwarding(struct seq_file *seq, const void *key)
 {
-	const struct tavik_wlan_entry *entry;
+	const struct tavik_wlan_forwarding *forwarding = key;
 
-	for_each_entry(entry, forwardings) {
-		const struct tavik_wlan_forwarding *forwarding = (const void *)entry->key;
-
-		seq_printf(seq, "forward %u %s %s\n", forwarding->selector, forwarding->from,
-			   forwarding->to);
-	}
+	seq_printf(seq, "forward %u %s %s\n", forwarding->selector, forwarding->from,
+		   forwarding->to);
 }
 
-static void show_encap_port(struct seq_file *seq, const struct tavik_wlan_net *tn)
+static void show_encap(struct seq_file *seq, const void *key)
 {
 	static const char *const actions[] = {
 		[TAVIK_WLAN_ENCAP_NONE] = "",
 		[TAVIK_WLAN_ENCAP_PASS_THROUGH] = " pass-through",
 		[TAVIK_WLAN_ENCAP_DROP] = " drop",
 	};
+	const struct tavik_wlan_encap *encap = key;
 
-	if (tn->encap_is_set)
-		seq_printf(seq, "encap %u%s\n", be16_to_cpu(tn->encap_port),
-			   actions[tn->encap_action]);
+	seq_printf(seq, "encap %u%s\n", be16_to_cpu(encap->port), actions[encap->action]);
 }
 
 static void show_address(struct seq_file *seq, const struct tavik_wlan_address *address, u16 port)
@@ -839,60 +846,119 @@ static void show_address(struct seq_file *seq, const struct tavik_wlan_address *
 		seq_printf(seq, " %pI6c %u", address->bytes, port);
 }
 
-static void show_flows(struct seq_file *seq, const struct tavik_wlan_set *flows)
+static void show_flow(struct seq_file *seq, const void *key)
 {
-	const struct tavik_wlan_entry *entry;
+	const struct tavik_wlan_flow *flow = key;
 
-	for_each_entry(entry, flows) {
-		const struct tavik_wlan_flow *flow = (const void *)entry->key;
-
-		seq_puts(seq, "lowlat");
-		show_address(seq, &flow->source, be16_to_cpu(flow->source_port));
-		show_address(seq, &flow->destination, be16_to_cpu(flow->destination_port));
-		seq_putc(seq, '\n');
-	}
+	seq_puts(seq, "lowlat");
+	show_address(seq, &flow->source, be16_to_cpu(flow->source_port));
+	show_address(seq, &flow->destination, be16_to_cpu(flow->destination_port));
+	seq_putc(seq, '\n');
 }
 
-static int show(struct seq_file *seq, void *unused)
+static const struct {
+	size_t key_size;
+	u32 limit;
+	void (*show)(struct seq_file *seq, const void *key);
+} kinds[KINDS] = {
+	[TUPLES] = { sizeof(struct tavik_wlan_tuple), TAVIK_WLAN_MAX_TUPLES, show_tuple },
+	[DEVICES] = { sizeof(struct tavik_wlan_device), U8_MAX + 1, show_device },
+	[FORWARDINGS] = { sizeof(struct tavik_wlan_forwarding), TAVIK_WLAN_MAX_FORWARDINGS,
+			  show_forwarding },
+	[ENCAPS] = { sizeof(struct tavik_wlan_encap), 1, show_encap },
+	[FLOWS] = { sizeof(struct tavik_wlan_flow), TAVIK_WLAN_MAX_FLOWS, show_flow },
+};
+
+/*
+ * A reader of the text, which holds the lock for one buffer at a time only. What stays meanwhile is
+ * read once, what comes or goes is read or not.
+ */
+struct tavik_wlan_reader {
+	struct seq_net_private net; /* the kernel wants it first */
+	unsigned int kind; /* of the entry that is next, which may be gone by now, and its key */
+	u8 key[sizeof(struct tavik_wlan_flow)];
+};
+static_assert(sizeof(struct tavik_wlan_flow) >= sizeof(struct tavik_wlan_forwarding));
+
+/* Has the reader go on at @entry, or at the next kind that has one. */
+static void *reader_move(struct seq_file *seq, struct tavik_wlan_entry *entry)
 {
-	struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_single_net(seq));
+	const struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_net(seq));
+	struct tavik_wlan_reader *reader = seq->private;
+
+	while (!entry && reader->kind < KINDS - 1)
+		entry = set_first(&tn->sets[++reader->kind]);
+	if (entry)
+		memcpy(reader->key, entry->key, kinds[reader->kind].key_size);
+	else
+		reader->kind = KINDS;
+	return entry;
+}
+
+static void *reader_start(struct seq_file *seq, loff_t *position)
+{
+	struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_net(seq));
+	struct tavik_wlan_reader *reader = seq->private;
 
 	mutex_lock(&tn->lock);
-	show_tuples(seq, &tn->tuples);
-	show_devices(seq, &tn->devices);
-	show_forwardings(seq, &tn->forwardings);
-	show_encap_port(seq, tn);
-	show_flows(seq, &tn->flows);
-	mutex_unlock(&tn->lock);
+	if (*position == 0) {
+		reader->kind = 0;
+		memset(reader->key, 0, sizeof(reader->key));
+	}
+	if (reader->kind == KINDS)
+		return NULL;
+	return reader_move(seq, set_lower_bound(&tn->sets[reader->kind], reader->key));
+}
+
+static void *reader_next(struct seq_file *seq, void *entry, loff_t *position)
+{
+	++*position;
+	return reader_move(seq, entry_of(rb_next(&((struct tavik_wlan_entry *)entry)->node)));
+}
+
+static void reader_stop(struct seq_file *seq, void *entry)
+{
+	mutex_unlock(&tavik_wlan_net(seq_file_net(seq))->lock);
+}
+
+static int reader_show(struct seq_file *seq, void *entry)
+{
+	const struct tavik_wlan_reader *reader = seq->private;
+
+	kinds[reader->kind].show(seq, ((struct tavik_wlan_entry *)entry)->key);
 	return 0;
 }
+
+static const struct seq_operations reader_operations = {
+	.start = reader_start,
+	.next = reader_next,
+	.stop = reader_stop,
+	.show = reader_show,
+};
 
 /* Network namespaces and the module */
 
 static int __net_init tavik_wlan_net_init(struct net *net)
 {
 	struct tavik_wlan_net *tn = tavik_wlan_net(net);
+	int kind;
 
 	mutex_init(&tn->lock);
 	tn->tuples_generation = 1;
-	set_init(&tn->tuples, sizeof(struct tavik_wlan_tuple));
-	set_init(&tn->devices, sizeof(struct tavik_wlan_device));
-	set_init(&tn->forwardings, sizeof(struct tavik_wlan_forwarding));
-	set_init(&tn->flows, sizeof(struct tavik_wlan_flow));
-	if (!proc_create_net_single("tavik_wlan", 0444, net->proc_net, show, NULL))
+	for (kind = 0; kind < KINDS; kind++) {
+		tn->sets[kind].key_size = kinds[kind].key_size;
+		tn->sets[kind].limit = kinds[kind].limit;
+	}
+	if (!proc_create_net("tavik_wlan", 0444, net->proc_net, &reader_operations,
+			     sizeof(struct tavik_wlan_reader)))
 		return -ENOMEM;
 	return 0;
 }
 
 static void __net_exit tavik_wlan_net_exit(struct net *net)
 {
-	struct tavik_wlan_net *tn = tavik_wlan_net(net);
-
 	remove_proc_entry("tavik_wlan", net->proc_net);
-	set_clear(&tn->tuples);
-	set_clear(&tn->devices);
-	set_clear(&tn->forwardings);
-	set_clear(&tn->flows);
+	clear_all(tavik_wlan_net(net));
 }
 
 static struct pernet_operations tavik_wlan_net_ops = {
