@@ -17,10 +17,12 @@ namespace {
 char folder[PATH_MAX];
 char socket_file[PATH_MAX + 16];
 char state_file[PATH_MAX + 16];
+char lock_file[PATH_MAX + 16];
 
 void remove_folder() {
   unlink(socket_file);
   unlink(state_file);
+  unlink(lock_file);
   rmdir(folder);
 }
 
@@ -54,6 +56,7 @@ EmulatorFolder::EmulatorFolder() {
   }
   snprintf(socket_file, sizeof(socket_file), "%s/kernel", folder);
   snprintf(state_file, sizeof(state_file), "%s/kernel.state", folder);
+  snprintf(lock_file, sizeof(lock_file), "%s/kernel.lock", folder);
 }
 
 EmulatorFolder::~EmulatorFolder() { remove_folder(); }

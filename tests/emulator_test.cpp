@@ -1,21 +1,42 @@
 // What no other kernel can be told to do: the library survives an emulated one that goes away and
-// one that misbehaves.
+// one that misbehaves. And it has files.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_kernel/emulator/emulator.h"
+#include "reference_kernel/emulator/unix_socket.h"
 
 namespace {
+
+using tavik_wlan::FileDescriptor;
+
+/// A socket after `use`, which is bind() or connect(), to a path.
+template <typename Use>
+FileDescriptor make_socket(Use use, const std::string& path) {
+  FileDescriptor made(socket(AF_UNIX, SOCK_SEQPACKET, 0));
+  sockaddr_un address{AF_UNIX, {}};
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  EXPECT_EQ(use(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0) << path;
+  return made;
+}
 
 class EmulatorTest : public ::testing::Test {
  protected:
@@ -25,8 +46,40 @@ class EmulatorTest : public ::testing::Test {
   }
 
   const std::string path_ = ::testing::TempDir() + "emulator_test." + std::to_string(getpid());
+  const std::array<std::string, 3> files_{path_, path_ + ".state", path_ + ".lock"};
   std::optional<tavik_wlan::Emulator> emulator_{path_};
 };
+
+TEST_F(EmulatorTest, RemovesNoFilesButItsOwn) {
+  for (const std::string& file : files_) {
+    struct stat status {};
+    EXPECT_EQ(lstat(file.c_str(), &status), 0) << file;
+    EXPECT_EQ(status.st_mode & 0777, 0600U) << file;
+    std::filesystem::remove(file);
+  }
+  const auto exists = [](const std::string& file) { return std::filesystem::exists(file); };
+  std::optional<tavik_wlan::Emulator> successor(path_);
+  emulator_.reset();
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+  EXPECT_TRUE(std::ranges::all_of(files_, exists));
+  successor.reset();
+  EXPECT_TRUE(std::ranges::none_of(files_, exists));
+  std::ofstream(files_[2]) << "of another program";
+  EXPECT_THROW(tavik_wlan::Emulator{path_}, std::system_error);
+  EXPECT_TRUE(std::filesystem::remove(files_[2]));
+}
+
+TEST_F(EmulatorTest, IsReplacedByOneAtATimeWhenItIsDead) {
+  emulator_.reset();
+  make_socket(bind, files_[0]);
+  make_socket(bind, files_[1]);
+  {
+    const tavik_wlan::PathLock of_a_rival(path_);
+    EXPECT_THROW(tavik_wlan::Emulator{path_}, std::system_error);
+  }
+  emulator_.emplace(path_);
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+}
 
 TEST_F(EmulatorTest, IsFoundAgainWhenItComesBack) {
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);

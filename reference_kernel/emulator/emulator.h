@@ -16,7 +16,8 @@ namespace tavik_wlan {
 /// of up to 128 KiB are taken; a longer one ends its connection.
 ///
 /// Next to it, at its path with ".state" added, a SOCK_STREAM socket gives whoever connects the
-/// state as text and closes, as a file under /proc would.
+/// state as text and closes, as a file under /proc would. Both are for the emulator's user alone.
+/// While it serves, its path with ".lock" added is a file that keeps another from serving there.
 class Emulator {
  public:
   /// Gets one line for each accepted command, such as "ADD_TUPLES ipv4 tcp 443, ipv6 udp 4500" or
@@ -29,7 +30,7 @@ class Emulator {
   explicit Emulator(std::string path, Observer observer = {});
   Emulator(const Emulator&) = delete;
   Emulator& operator=(const Emulator&) = delete;
-  /// Hangs up on its clients, unsent answers or not, and removes the sockets.
+  /// Hangs up on its clients, unsent answers or not, and removes its files.
   ~Emulator();
 
   [[nodiscard]] const std::string& path() const { return path_; }

@@ -55,6 +55,7 @@ void Server::Client::flush() {
 
 Server::Server(const std::string& path, Kernel& kernel)
     : kernel_(kernel),
+      lock_(path),
       requests_(path, SOCK_SEQPACKET),
       state_(path + ".state", SOCK_STREAM),
       stopped_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),

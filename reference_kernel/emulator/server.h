@@ -61,6 +61,7 @@ class Server {
   bool receive(Client& client);
 
   Kernel& kernel_;
+  PathLock lock_;
   Listener requests_;
   Listener state_;
   FileDescriptor stopped_;  // an eventfd

@@ -1,5 +1,7 @@
 #include "reference_kernel/emulator/unix_socket.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -7,6 +9,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 namespace tavik_wlan {
 namespace {
@@ -55,9 +58,41 @@ FileDescriptor::~FileDescriptor() {
   }
 }
 
-Listener::Listener(const std::string& path, int type) : path_(path), socket_(open_socket(type)) {
+OwnFile::OwnFile(std::string path) : path_(std::move(path)) {
+  struct stat file {};
+  if (lstat(path_.c_str(), &file) == -1) {
+    fail(errno, path_);
+  }
+  device_ = file.st_dev;
+  inode_ = file.st_ino;
+}
+
+OwnFile::~OwnFile() {
+  struct stat file {};
+  if (lstat(path_.c_str(), &file) == 0 && file.st_dev == device_ && file.st_ino == inode_) {
+    unlink(path_.c_str());
+  }
+}
+
+PathLock::PathLock(const std::string& path)
+    : lock_(open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+                 S_IRUSR | S_IWUSR)) {
+  if (!lock_.is_open()) {
+    fail(errno, path);
+  }
+  struct stat file {};
+  // Whoever had the lock until now has removed the file.
+  if (flock(lock_.get(), LOCK_EX | LOCK_NB) == -1 || fstat(lock_.get(), &file) == -1 ||
+      file.st_nlink == 0 || file.st_size > 0) {
+    fail(EADDRINUSE, path);
+  }
+  file_.emplace(path + ".lock");
+}
+
+Listener::Listener(const std::string& path, int type) : socket_(open_socket(type)) {
   const sockaddr_un address = make_address(path);
-  if (!socket_.is_open()) {
+  // The file gets the socket's mode.
+  if (!socket_.is_open() || fchmod(fd(), S_IRUSR | S_IWUSR) == -1) {
     fail(errno, path);
   }
   const auto bind_socket = [&] {
@@ -71,14 +106,11 @@ Listener::Listener(const std::string& path, int type) : path_(path), socket_(ope
   if (error != 0) {
     fail(error, path);
   }
+  file_.emplace(path);
   if (listen(fd(), SOMAXCONN) == -1) {
-    error = errno;
-    unlink(path.c_str());
-    fail(error, path);
+    fail(errno, path);
   }
 }
-
-Listener::~Listener() { unlink(path_.c_str()); }
 
 FileDescriptor Listener::accept() const {
   return FileDescriptor(accept4(fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));

@@ -1,7 +1,10 @@
-// Sockets of AF_UNIX.
+// Listening sockets of AF_UNIX, and who may have them.
 #ifndef REFERENCE_KERNEL_EMULATOR_UNIX_SOCKET_H_
 #define REFERENCE_KERNEL_EMULATOR_UNIX_SOCKET_H_
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -28,16 +31,43 @@ class FileDescriptor {
   int fd_;
 };
 
-/// A listening socket, non-blocking and close-on-exec, and its file.
+/// A file that this process made at a path. It is removed in the end, unless another has taken its
+/// place.
+class OwnFile {
+ public:
+  /// Throws std::system_error when there is no file.
+  explicit OwnFile(std::string path);
+  OwnFile(const OwnFile&) = delete;
+  OwnFile& operator=(const OwnFile&) = delete;
+  ~OwnFile();
+
+ private:
+  std::string path_;
+  dev_t device_;
+  ino_t inode_;
+};
+
+/// The right to listen at a path, which one at a time has: a lock on the file at the path with
+/// ".lock" added. A process that dies leaves the file, but not the lock.
+class PathLock {
+ public:
+  /// Throws std::system_error, with EADDRINUSE when another has the right or when the file isn't
+  /// one of these.
+  explicit PathLock(const std::string& path);
+
+ private:
+  FileDescriptor lock_;
+  std::optional<OwnFile> file_;
+};
+
+/// A listening socket, non-blocking and close-on-exec, and its file, which only its user may
+/// connect to.
 class Listener {
  public:
-  /// Listens at `path`; `type` is SOCK_SEQPACKET or SOCK_STREAM. Replaces the file of a socket
-  /// nobody listens at. Throws std::system_error, with EADDRINUSE when there is another file.
+  /// Listens at `path`, to which the caller has the right; `type` is SOCK_SEQPACKET or SOCK_STREAM.
+  /// Replaces the file of a socket nobody listens at. Throws std::system_error, with EADDRINUSE
+  /// when there is another file.
   Listener(const std::string& path, int type);
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-  /// Removes the file.
-  ~Listener();
 
   /// The next waiting connection, non-blocking and close-on-exec; not open, with errno, when none
   /// can be had.
@@ -46,8 +76,8 @@ class Listener {
   [[nodiscard]] int fd() const { return socket_.get(); }
 
  private:
-  std::string path_;
   FileDescriptor socket_;
+  std::optional<OwnFile> file_;
 };
 
 }  // namespace tavik_wlan
