@@ -1,7 +1,9 @@
 // What no other kernel can be told to do: the library survives an emulated one that goes away and
-// one that misbehaves. And it has files.
+// one that misbehaves. And what no other kernel has: files, and memory that clients may exhaust.
 
 #include <gtest/gtest.h>
+#include <linux/genetlink.h>
+#include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -36,6 +39,20 @@ FileDescriptor make_socket(Use use, const std::string& path) {
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   EXPECT_EQ(use(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0) << path;
   return made;
+}
+
+/// Whether a dump is read to its end before the connection ends.
+bool reads_whole_dump(const FileDescriptor& client) {
+  for (std::array<char, 65536> buffer;;) {
+    const ssize_t size = recv(client.get(), buffer.data(), buffer.size(), 0);
+    if (size <= 0) {
+      return false;
+    }
+    // NLMSG_DONE is the last 20 bytes.
+    if (size >= 20 && buffer.at(static_cast<size_t>(size) - 16) == NLMSG_DONE) {
+      return true;
+    }
+  }
 }
 
 class EmulatorTest : public ::testing::Test {
@@ -81,6 +98,30 @@ TEST_F(EmulatorTest, IsReplacedByOneAtATimeWhenItIsDead) {
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
 }
 
+TEST_F(EmulatorTest, HangsUpOnThoseWhoHaveNotReadForLongest) {
+  setenv("CORVIL_NETLINK_TIMEOUT_MS", "20000", 1);
+  constexpr struct {
+    nlmsghdr netlink{20, 28, NLM_F_REQUEST | NLM_F_DUMP, 0, 0};
+    genlmsghdr generic{14, 1, 0};
+  } kDump;
+  for (uint16_t i = 0; i < 15; ++i) {
+    std::vector<PortDescriptor> ports;
+    for (uint16_t j = 0; j < 4000; ++j) {
+      ports.push_back({4, 6, static_cast<uint16_t>(i * 4000 + j)});
+    }
+    ASSERT_EQ(corvil_datapath_proxy_update_config_info(ports.data(), 4000, nullptr, 0), 0);
+  }
+  std::vector<FileDescriptor> clients;  // who ask for 1 MB each
+  for (int i = 0; i < 100; ++i) {
+    clients.push_back(make_socket(connect, path_));
+    EXPECT_EQ(send(clients.back().get(), &kDump, sizeof(kDump), 0), sizeof(kDump));
+  }
+  EXPECT_TRUE(reads_whole_dump(clients.back()));
+  EXPECT_FALSE(reads_whole_dump(clients.front()));
+  EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
+  EXPECT_EQ(corvil_netlink_last_error()->error, 0);
+}
+
 TEST_F(EmulatorTest, IsFoundAgainWhenItComesBack) {
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
   emulator_.reset();
@@ -118,6 +159,10 @@ TEST_F(EmulatorTest, MisbehavesWithoutHarm) {
     EXPECT_EQ(corvil_netlink_last_error()->error, error);
     emulator_->misbehave({});
     EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0) << "the next call is well again";
+  }
+  emulator_->misbehave({.refuse_nth = 2, .refuse_error = EPERM});
+  for (const int result : {0, -1, 0}) {
+    EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), result) << "the second alone is refused";
   }
   emulator_->misbehave({.interrupted_dumps = 2});
   EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);

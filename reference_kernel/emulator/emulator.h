@@ -12,8 +12,10 @@
 namespace tavik_wlan {
 
 /// Answers generic netlink over AF_UNIX sockets of type SOCK_SEQPACKET, one packet for what is one
-/// datagram of AF_NETLINK, to any number of clients. It holds one state for all of them. Requests
-/// of up to 128 KiB are taken; a longer one ends its connection.
+/// datagram of AF_NETLINK, to many clients. It holds one state for all of them. Requests of up to
+/// 128 KiB are taken; a longer one ends its connection. Of more than 1024 clients, or of more than
+/// the descriptors suffice for, those who have been quiet for longest are hung up on; so are those
+/// who have not read for longest when more than 64 MiB of answers wait to be read.
 ///
 /// Next to it, at its path with ".state" added, a SOCK_STREAM socket gives whoever connects the
 /// state as text and closes, as a file under /proc would. Both are for the emulator's user alone.

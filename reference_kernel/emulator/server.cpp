@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <span>
 #include <system_error>
 #include <utility>
@@ -18,7 +17,16 @@ namespace {
 /// Longest datagram of requests; who sends a longer one is hung up on.
 constexpr size_t kMaxRequest = 131072;
 
-/// How long nobody is let in after descriptors ran out.
+/// Most clients at a time; descriptors may set a lower bound.
+constexpr size_t kMaxClients = 1024;
+
+/// Most bytes that wait for all clients together; the longest answer takes less than 4 MiB.
+constexpr size_t kMaxQueued = size_t{64} << 20;
+
+/// How long a client may be quiet before it has to make room for another.
+constexpr std::chrono::seconds kPatience{1};
+
+/// How long nobody is let in when there is no room.
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
 /// In what poll() is given, before the clients.
@@ -46,11 +54,17 @@ void Server::Client::flush() {
       }
       return;
     }
+    active = now;
     next.sent += static_cast<size_t>(sent);
     if (next.sent == next.bytes.size()) {
       unsent.pop_front();
     }
   }
+}
+
+void Server::Client::hang_up() {
+  unsent.clear();
+  socket = FileDescriptor(-1);
 }
 
 Server::Server(const std::string& path, Kernel& kernel)
@@ -75,8 +89,8 @@ void Server::run() {
       return;
     }
     auto events = polled.begin() + kFirstClient;
-    for (auto client = clients_.begin(); client != clients_.end(); ++events) {
-      client = serve(*client, events->revents) ? std::next(client) : clients_.erase(client);
+    for (Client& client : clients_) {
+      serve(client, (events++)->revents);
     }
     if (polled[kRequests].revents != 0) {
       accept_client(requests_, false);
@@ -84,6 +98,7 @@ void Server::run() {
     if (polled[kState].revents != 0) {
       accept_client(state_, true);
     }
+    clients_.remove_if([](const Client& client) { return !client.socket.is_open(); });
   }
 }
 
@@ -120,10 +135,14 @@ int Server::poll_timeout() const {
 }
 
 void Server::accept_client(const Listener& listener, bool reads_state) {
+  if (clients_.size() >= kMaxClients) {
+    make_room_for_client();
+    return;
+  }
   FileDescriptor socket = listener.accept();
   if (!socket.is_open()) {
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      accept_again_ = Clock::now() + kAcceptPause;
+      make_room_for_client();
     }
     return;
   }
@@ -134,37 +153,79 @@ void Server::accept_client(const Listener& listener, bool reads_state) {
     client.unsent.push_back({.bytes = {bytes.begin(), bytes.end()}, .sent = 0, .due = {}});
   }
   clients_.push_back(std::move(client));
+  make_room_for_answers();
 }
 
-/// Returns whether the client stays.
-bool Server::serve(Client& client, short events) {
+/// Whoever is waiting is let in next time, or tried again after a pause.
+void Server::make_room_for_client() {
+  const Clock::time_point now = Clock::now();
+  const auto quietest = std::ranges::min_element(clients_, {}, &Client::active);
+  if (quietest != clients_.end() && quietest->active + kPatience <= now) {
+    quietest->hang_up();
+  } else {
+    accept_again_ = now + kAcceptPause;
+  }
+}
+
+/// Bytes that wait for all clients.
+size_t Server::queued() const {
+  size_t bytes = 0;
+  for (const Client& client : clients_) {
+    for (const Outgoing& outgoing : client.unsent) {
+      bytes += outgoing.bytes.size();
+    }
+  }
+  return bytes;
+}
+
+void Server::make_room_for_answers() {
+  const auto last_took = [](const Client& client) {
+    return client.unsent.empty() ? Clock::time_point::max() : client.active;
+  };
+  while (queued() > kMaxQueued) {
+    std::ranges::min_element(clients_, {}, last_took)->hang_up();
+  }
+}
+
+void Server::serve(Client& client, short events) {
+  if (events == 0) {
+    return;
+  }
   if ((events & (POLLHUP | POLLERR)) != 0) {
     client.unsent.clear();
   }
-  if (events != 0 && client.unsent.empty() && !client.reads_state && !receive(client)) {
-    return false;
+  if (client.unsent.empty() && !client.reads_state) {
+    receive(client);
   }
   client.flush();
-  return !client.reads_state || !client.unsent.empty();
+  if (!client.unsent.empty()) {
+    make_room_for_answers();
+  } else if (client.reads_state) {
+    client.hang_up();
+  }
 }
 
-/// Receives one datagram and queues its answer. Returns false at the end of the connection.
-bool Server::receive(Client& client) {
+/// Receives one datagram and queues its answer, or hangs up at the end of the connection.
+void Server::receive(Client& client) {
   const ssize_t received = recv(client.socket.get(), buffer_.data(), buffer_.size(), MSG_TRUNC);
   if (received == -1) {
     // ECONNRESET comes before what the client sent in time.
-    return errno == EAGAIN || errno == EINTR || errno == ECONNRESET;
+    if (errno != EAGAIN && errno != EINTR && errno != ECONNRESET) {
+      client.hang_up();
+    }
+    return;
   }
   const auto size = static_cast<size_t>(received);
   if (size == 0 || size > buffer_.size()) {
-    return false;
+    client.hang_up();
+    return;
   }
   Answer answer = kernel_.receive(Bytes(buffer_).first(size));
-  const Clock::time_point due = Clock::now() + answer.delay;
+  client.active = Clock::now();
+  const Clock::time_point due = client.active + answer.delay;
   for (Datagram& datagram : answer.datagrams) {
     client.unsent.push_back({.bytes = std::move(datagram), .sent = 0, .due = due});
   }
-  return true;
 }
 
 }  // namespace tavik_wlan

@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <chrono>
+#include <cstddef>
 #include <deque>
 #include <list>
 #include <memory>
@@ -18,7 +19,8 @@
 namespace tavik_wlan {
 
 /// Serves a kernel's clients at a path, and readers of its state at the path with ".state" added.
-/// All but stop() is for one thread.
+/// Hangs up on those who have been quiet for longest when there are too many, or when more is
+/// waiting for them to be read than may be. All but stop() is for one thread.
 class Server {
  public:
   /// Listens; nothing is served before run(). Throws std::system_error.
@@ -46,19 +48,25 @@ class Server {
   struct Client {
     FileDescriptor socket;
     bool reads_state;  // sends nothing, and is closed once everything is sent
+    Clock::time_point active = Clock::now();  // when it last came, sent or took something
     std::deque<Outgoing> unsent{};
 
     /// What to poll for.
     [[nodiscard]] short awaited(Clock::time_point now) const;
     /// Sends what is due, as far as it is taken.
     void flush();
+    /// Forgets what is unsent. The client is gone when the others are through.
+    void hang_up();
   };
 
   [[nodiscard]] std::vector<pollfd> watched() const;
   [[nodiscard]] int poll_timeout() const;
+  [[nodiscard]] size_t queued() const;
   void accept_client(const Listener& listener, bool reads_state);
-  bool serve(Client& client, short events);
-  bool receive(Client& client);
+  void make_room_for_client();
+  void make_room_for_answers();
+  void serve(Client& client, short events);
+  void receive(Client& client);
 
   Kernel& kernel_;
   PathLock lock_;
