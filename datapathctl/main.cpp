@@ -16,6 +16,7 @@
 
 #include "datapathctl/commands.h"
 #include "datapathctl/completion.h"
+#include "datapathctl/line_printer.h"
 #include "datapathctl/misbehaviour.h"
 #include "datapathctl/session.h"
 #include "datapathctl/usage.h"
@@ -158,14 +159,20 @@ void serve_emulator(const std::string& path, const Settings& settings) {
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);
   sigaddset(&ends, SIGTERM);
-  // Before the emulator's thread starts, so that it inherits the mask.
+  // Before other threads start, so that they inherit the mask.
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-  tavik_wlan::Emulator emulator(
-      path, [](std::string_view line) { std::cout << printable(line) << std::endl; });
-  emulator.misbehave(parse_misbehaviour(settings.misbehaviour));
-  std::cout << "serving TAVIK_WLAN at " << printable(path) << std::endl;
-  int signal = 0;
-  sigwait(&ends, &signal);
+  LinePrinter printer;
+  {
+    tavik_wlan::Emulator emulator(path,
+                                  [&](std::string_view line) { printer.print(printable(line)); });
+    emulator.misbehave(parse_misbehaviour(settings.misbehaviour));
+    printer.print("serving TAVIK_WLAN at " + printable(path));
+    int signal = 0;
+    sigwait(&ends, &signal);
+  }
+  if (!printer.finish()) {
+    throw CallFailed("cannot write the output");
+  }
 }
 
 /// Why a path can't be one; empty for others. The settings know an empty one as none at all.

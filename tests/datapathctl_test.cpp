@@ -1,10 +1,15 @@
 // datapathctl as a person runs it: arguments and input in; output, errors and exit status out.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <clocale>
 #include <csignal>
 #include <cstdint>
@@ -52,24 +57,34 @@ class DatapathctlTest : public ::testing::Test {
             contents(folder_ + "/error")};
   }
 
-  /// Starts an emulator in another process, with options before its command, at folder_/kernel.
-  void serve(const std::string& options = "") const {
-    const std::string command = "cd " + folder_ + " && { " DATAPATHCTL " " + options +
-                                " emulator kernel > served & echo $! > pid; }";
-    ASSERT_EQ(std::system(command.c_str()), 0);
+  /// Starts an emulator at "kernel" in the folder, with options before its command, that has 64
+  /// descriptors and prints to "served".
+  [[nodiscard]] pid_t serve(const std::string& options = "") const {
+    const std::string command = "cd " + folder_ + " && ulimit -n 64 && exec " DATAPATHCTL " " +
+                                options + " emulator kernel >served";
+    const pid_t emulator = fork();
+    if (emulator == 0) {
+      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+      _exit(EXIT_FAILURE);
+    }
     for (int i = 0; i < 500 && !std::filesystem::exists(folder_ + "/kernel.state"); ++i) {
       usleep(10000);
     }
+    return emulator;
   }
-  void signal_emulator(int signal) const {
-    EXPECT_EQ(kill(std::stoi(contents(folder_ + "/pid")), signal), 0);
-  }
-  void end_emulator() const {
-    signal_emulator(SIGTERM);
-    for (int i = 0; i < 500 && std::filesystem::exists(folder_ + "/kernel"); ++i) {
+
+  /// Ends it by SIGTERM; its exit status, or -1 when it didn't end.
+  static int end(pid_t emulator) {
+    int status = 0;
+    kill(emulator, SIGTERM);
+    for (int i = 0; i < 500; ++i) {
+      if (waitpid(emulator, &status, WNOHANG) == emulator) {
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      }
       usleep(10000);
     }
-    EXPECT_FALSE(std::filesystem::exists(folder_ + "/kernel"));
+    kill(emulator, SIGKILL);
+    return -1;
   }
 
   std::string folder_;
@@ -383,17 +398,26 @@ TEST_F(DatapathctlTest, LeavesNoFileBehindWhenASignalEndsIt) {
 }
 
 TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
-  serve();
+  const pid_t emulator = serve();
+  sockaddr_un address{AF_UNIX, {}};
+  (folder_ + "/kernel").copy(address.sun_path, sizeof(address.sun_path) - 1);
+  std::array<int, 100> idle{};  // more than the emulator has descriptors for
+  for (int& client : idle) {
+    client = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(connect(client, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  }
   EXPECT_EQ(run("--socket kernel encap set 4500").status, 0);
   EXPECT_EQ(run("--socket kernel state").out, "encap 4500\n");
   EXPECT_EQ(run("emulator kernel").status, 2) << "a second one at the same place";
-  signal_emulator(SIGSTOP);
+  kill(emulator, SIGSTOP);
   EXPECT_EQ(
       run("--socket kernel --timeout 50 state").error,
       "datapathctl: cannot read the emulator's state at kernel.state: no answer within 50 ms\n");
-  signal_emulator(SIGCONT);
-  end_emulator();
+  kill(emulator, SIGCONT);
+  EXPECT_EQ(end(emulator), 0);
+  EXPECT_FALSE(std::filesystem::exists(folder_ + "/kernel"));
   EXPECT_EQ(contents(folder_ + "/served"), "serving TAVIK_WLAN at kernel\nSET_ENCAP_PORT 4500\n");
+  std::ranges::for_each(idle, close);
 }
 
 TEST_F(DatapathctlTest, EndsInOrderWhateverTheKernelAnswers) {
@@ -402,7 +426,7 @@ TEST_F(DatapathctlTest, EndsInOrderWhateverTheKernelAnswers) {
   for (const char* misbehaviour :
        {"silent", "delay=110", "truncate=9", "truncate=40", "garbage", "garbage --misbehave stale",
         "refuse=3:EPERM", "interrupt=4", "family-id=99", "absent"}) {
-    serve("--misbehave " + std::string(misbehaviour));
+    const pid_t emulator = serve("--misbehave " + std::string(misbehaviour));
     for (size_t i = 0; i < 20; ++i) {
       const std::string& command = commands[i % commands.size()];
       const Outcome outcome = run("--socket kernel --timeout 100 " + command);
@@ -411,8 +435,36 @@ TEST_F(DatapathctlTest, EndsInOrderWhateverTheKernelAnswers) {
       EXPECT_LE(std::ranges::count(outcome.error, '\n'), 2)
           << misbehaviour << ", " << command << ": " << outcome.error;
     }
-    end_emulator();
+    EXPECT_EQ(end(emulator), 0);
   }
+}
+
+TEST_F(DatapathctlTest, ServesOnWhenNobodyReadsItsOutput) {
+  std::string many;
+  for (int i = 0; i < 40; ++i) {
+    many += "proxy update --new tcp/1-4000\n";  // a line of 57 kB each
+  }
+  ASSERT_EQ(mkfifo((folder_ + "/served").c_str(), S_IRUSR | S_IWUSR), 0);
+  const int output = open((folder_ + "/served").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  const pid_t emulator = serve();
+  EXPECT_EQ(run("--socket kernel batch -", many).status, 0);
+  std::string text;
+  for (int i = 0; i < 500 && !text.ends_with(" lines were lost: nobody read them)\n"); ++i) {
+    std::array<char, 65536> buffer{};
+    const ssize_t size = read(output, buffer.data(), buffer.size());
+    if (size > 0) {
+      text.append(buffer.data(), static_cast<size_t>(size));
+    } else {
+      usleep(10000);
+    }
+  }
+  const auto lines = std::ranges::count(text, '\n');
+  EXPECT_TRUE(
+      text.ends_with("\n(" + std::to_string(42 - lines) + " lines were lost: nobody read them)\n"))
+      << lines;
+  EXPECT_EQ(run("--socket kernel batch -", many).status, 0);
+  EXPECT_EQ(end(emulator), 2) << "for the lines that nobody read";
+  close(output);
 }
 
 }  // namespace
