@@ -14,7 +14,7 @@ if ! [[ $seconds =~ ^[1-9][0-9]*$ ]]; then
   exit 1
 fi
 
-scripts/setup.sh test
+scripts/setup.sh fuzz
 cmake --preset fuzz --log-level=WARNING
 cmake --build --preset fuzz
 

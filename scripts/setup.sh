@@ -1,140 +1,70 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing, as root or through sudo.
 #
-#   scripts/setup.sh demo   what scripts/demo.sh builds with
-#   scripts/setup.sh vm     that, and what scripts/vm.sh boots a kernel with
-#   scripts/setup.sh test   all that, and what scripts/test.sh checks with
-#   scripts/setup.sh all    all that, and what scripts/test.sh --all checks with
-#   scripts/setup.sh bench  what scripts/bench.sh builds, measures and draws with
+#   scripts/setup.sh PURPOSE...
 #
-# The packages for the VM and those for ARM are left out, with a line that says why, where they
-# can't be had.
+# A purpose is demo, test, vm, bench, or a stage of scripts/test.sh. Fails with one line that says why
+# where packages cannot be had.
 set -euo pipefail
 
-demo_packages=(
-  android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build nlohmann-json3-dev pkg-config
-)
-test_packages=(
-  abigail-tools binutils clang clang-19 clang-format clang-tidy cppcheck dpkg-dev git
-  libclang-rt-19-dev libclang-rt-dev llvm-19 man-db mandoc python3 python3-yaml shellcheck tshark
-  valgrind zsh
-)
-slow_test_packages=(
-  blueprint-tools debootstrap file golang-android-soong-dev golang-github-google-blueprint-dev golang-go
-  golang-goprotobuf-dev lintian python3-jsonschema
-)
-# What the tests are built with, in the VM too.
-unit_test_packages=(
-  libgtest-dev libnl-genl-3-dev
-)
-# What builds the library for ARM and runs its tests.
-cross_packages=(
-  g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest qemu-user
-)
-bench_packages=(
-  gnuplot-nox libnl-genl-3-dev valgrind
-)
+declare -A packages_for
+packages_for[demo]="android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build
+  nlohmann-json3-dev pkg-config"
+packages_for[test]="${packages_for[demo]} libgtest-dev"
+packages_for[release]=${packages_for[test]}
+packages_for[asan]=${packages_for[test]}
+packages_for[tsan]=${packages_for[test]}
+packages_for[style]="clang-format git shellcheck"
+packages_for[tools]="${packages_for[test]} abigail-tools man-db mandoc python3 python3-yaml tshark zsh"
+packages_for[clang]="${packages_for[test]} clang clang-tidy libclang-rt-dev"
+packages_for[arm]="${packages_for[demo]} g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest
+  qemu-user"
 # What builds the kernel module and boots a kernel with it, and witnesses there.
-vm_packages=(
-  cpio kmod libelf1 libnl-utils make qemu-system-x86 sparse strace xz-utils
-)
+packages_for[vm]="${packages_for[test]} cpio kmod libelf1 libnl-genl-3-dev libnl-utils make
+  qemu-system-x86 sparse strace xz-utils"
+packages_for[vm_6.1]=${packages_for[vm]}
+packages_for[analyzers]="${packages_for[test]} cppcheck valgrind"
+packages_for[fuzz]="${packages_for[test]} clang libclang-rt-dev"
+packages_for[coverage]="${packages_for[test]} clang-19 libclang-rt-19-dev llvm-19 python3"
+packages_for[package]="${packages_for[test]} debootstrap dpkg-dev file lintian"
+packages_for[reproducible]="${packages_for[package]} git"
+packages_for[ynl_kernel]="${packages_for[vm]} python3 python3-jsonschema python3-yaml"
+packages_for[android_bp]="blueprint-tools golang-android-soong-dev
+  golang-github-google-blueprint-dev golang-go golang-goprotobuf-dev"
+packages_for[bench]="${packages_for[demo]} gnuplot-nox libnl-genl-3-dev valgrind"
 
-if ! command -v dpkg-query >/dev/null; then
-  echo "setup: this is no Debian system; install the equivalents of the packages in $0" >&2
+fail() {
+  echo "setup: $1" >&2
   exit 1
-fi
-
-as_root=()
-[ "$(id -u)" -eq 0 ] || as_root=(sudo)
-updated=no
-obstacle= # why packages could not be installed
+}
 
 installed() {
   [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
-# Prints those of the packages that are not installed.
-missing_of() {
-  local package
-  for package in "$@"; do
-    installed "$package" || echo "$package"
+command -v dpkg-query >/dev/null ||
+  fail "this is no Debian system; install the equivalents of the packages in $0"
+missing=()
+for purpose in "$@"; do
+  [ -n "${packages_for[$purpose]:-}" ] ||
+    fail "unknown purpose $purpose; one of: ${!packages_for[*]}"
+  for package in ${packages_for[$purpose]}; do
+    installed "$package" || [[ " ${missing[*]} " == *" $package "* ]] || missing+=("$package")
   done
-}
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
 
-update_once() {
-  [ $updated = yes ] || "${as_root[@]}" apt-get update -qq || return 1
-  updated=yes
-}
-
-# Prints the first of the packages that Debian does not have.
-unknown_of() {
-  local package
-  for package in "$@"; do
-    apt-cache show "$package" >/dev/null 2>&1 || { echo "$package"; return; }
-  done
-}
-
-# Installs packages, or fails and says in `obstacle` why. Never removes a package to make room.
-install_packages() {
-  local unknown
-  if installed gcc-multilib && [[ " $* " == *" g++-a"* ]]; then
-    obstacle="gcc-multilib is installed, which the ARM compilers conflict with"
-    return 1
-  fi
-  if [ ${#as_root[@]} -gt 0 ] && ! command -v sudo >/dev/null; then
-    obstacle="neither root nor sudo"
-    return 1
-  fi
-  obstacle="Debian's packages cannot be reached"
-  update_once || return 1
-  unknown=$(unknown_of "$@")
-  obstacle="Debian has no $unknown here"
-  [ -z "$unknown" ] || return 1
-  echo "setup: installing $*"
-  obstacle="installing them failed"
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -y -qq --no-install-recommends --no-remove "$@" >/dev/null
-}
-
-require() {
-  local missing
-  mapfile -t missing < <(missing_of "$@")
-  if [ ${#missing[@]} -gt 0 ] && ! install_packages "${missing[@]}"; then
-    echo "setup: $obstacle; missing: ${missing[*]}" >&2
-    exit 1
-  fi
-}
-
-# want PURPOSE PACKAGES...: as require, but goes on without them.
-want() {
-  local purpose=$1 missing
-  shift
-  mapfile -t missing < <(missing_of "$@")
-  if [ ${#missing[@]} -gt 0 ] && ! install_packages "${missing[@]}"; then
-    echo "setup: $obstacle; left out, for $purpose only: ${missing[*]}"
-  fi
-}
-
-purpose=${1:-test}
-case $purpose in
-  demo)
-    require "${demo_packages[@]}"
-    ;;
-  bench)
-    require "${demo_packages[@]}" "${bench_packages[@]}"
-    ;;
-  vm)
-    require "${demo_packages[@]}" "${unit_test_packages[@]}"
-    want "the VM" "${vm_packages[@]}"
-    ;;
-  test | all)
-    require "${demo_packages[@]}" "${unit_test_packages[@]}" "${test_packages[@]}"
-    want ARM "${cross_packages[@]}"
-    want "the VM" "${vm_packages[@]}"
-    [ "$purpose" != all ] || require "${slow_test_packages[@]}"
-    ;;
-  *)
-    echo "usage: scripts/setup.sh [demo|vm|test|all|bench]" >&2
-    exit 1
-    ;;
-esac
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || fail "neither root nor sudo; missing: ${missing[*]}"
+  as_root=(sudo)
+fi
+if installed gcc-multilib && [[ " ${missing[*]} " == *" g++-a"* ]]; then
+  fail "gcc-multilib is installed, which the ARM compilers conflict with"
+fi
+"${as_root[@]}" apt-get update -qq || fail "Debian's packages cannot be reached; missing: ${missing[*]}"
+echo "setup: installing ${missing[*]}"
+# Removes no package to make room.
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  apt-get install -y -qq --no-install-recommends --no-remove "${missing[@]}" >/dev/null ||
+  fail "installing failed; missing: ${missing[*]}"

@@ -25,11 +25,11 @@ case $version in
 esac
 
 scripts/setup.sh vm >&2
-if ! obstacle=$(reference_kernel/vm/kernel.sh check "$version"); then
+if ! obstacle=$(tests/vm/kernel.sh check "$version"); then
   echo "vm: no VM with kernel $version: $obstacle" >&2
   exit 1
 fi
-if ! reference_kernel/vm/kernel.sh fetch "$version" >&2; then
+if ! tests/vm/kernel.sh fetch "$version" >&2; then
   echo "vm: no VM with kernel $version: Debian's packages of it cannot be downloaded" >&2
   exit 1
 fi
@@ -37,10 +37,10 @@ fi
 
 targets=(datapathctl corvil_datapath_proxy conformance_test libnl_peer fault_test)
 if ! {
-  reference_kernel/vm/kernel.sh module "$version" &&
+  tests/vm/kernel.sh module "$version" &&
     cmake --preset release --log-level=WARNING &&
     cmake --build --preset release --target "${targets[@]}" &&
-    reference_kernel/vm/initramfs.sh "$version" "$*"
+    tests/vm/initramfs.sh "$version" "$*"
 } >"$build/build.log" 2>&1; then
   cat "$build/build.log" >&2
   exit 125

@@ -3,7 +3,7 @@
 # and a compiler on what the code generator makes of it. The tools are those of Debian's kernel
 # sources, unpacked to build/ynl alone.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 
 package=linux-source-6.12
 build=$PWD/build/ynl

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
-#include "tests/fake_host.h"
+#include "tests/support/fake_host.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // A host process made for tests: it records in one list, in order, everything that the data-path
 // library does to it, and fails on demand.
-#ifndef TESTS_FAKE_HOST_H_
-#define TESTS_FAKE_HOST_H_
+#ifndef TESTS_SUPPORT_FAKE_HOST_H_
+#define TESTS_SUPPORT_FAKE_HOST_H_
 
 #include <linux/netlink.h>
 
@@ -76,4 +76,4 @@ std::string hex(const void* bytes, size_t length);
 
 }  // namespace fake_host
 
-#endif  // TESTS_FAKE_HOST_H_
+#endif  // TESTS_SUPPORT_FAKE_HOST_H_

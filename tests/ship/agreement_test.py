@@ -7,9 +7,13 @@ import subprocess
 import sys
 import unittest
 
-import yaml
+try:
+    import yaml
+except ImportError:
+    print("python3-yaml is not here")
+    sys.exit(77)
 
-FOLDER = pathlib.Path(__file__).parents[1] / "kernel_interface"
+FOLDER = pathlib.Path(__file__).parents[2] / "kernel_interface"
 HEADER = (FOLDER / "tavik_wlan.h").read_text()
 SPEC = yaml.safe_load((FOLDER / "tavik_wlan.yaml").read_text())
 CONSTANTS = dict(re.findall(r'TAVIK_WLAN_(\w+)(?: =)? "?([0-9]+|TAVIK_WLAN)\b', HEADER))

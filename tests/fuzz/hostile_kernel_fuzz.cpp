@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
-#include "fuzz/require.h"
+#include "tests/fuzz/require.h"
 #include "host_interfaces/corvil_log_services.h"
 #include "kernel_interface/tavik_wlan.h"
 #include "reference_host/log/corvil_log_control.h"

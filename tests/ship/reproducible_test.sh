@@ -2,7 +2,7 @@
 # Makes the Debian packages here and in a copy of the tree elsewhere, which must give the same bits:
 # of the libraries, of datapathctl and of the packages. Takes about as long as a build.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT

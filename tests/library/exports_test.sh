@@ -2,7 +2,7 @@
 # What the library offers to its host, what it needs from it, and its size, read from the ELF file of
 # any processor.
 #
-#   tests/exports_test.sh LIBRARY STRIP NEEDED...
+#   tests/library/exports_test.sh LIBRARY STRIP NEEDED...
 #
 # STRIP is the strip command for the library's processor, NEEDED the names that it has to need.
 set -euo pipefail

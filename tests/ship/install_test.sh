@@ -2,7 +2,7 @@
 # Builds and runs a program of someone else's with what is installed: once by the CMake package and
 # once by pkg-config.
 #
-#   tests/install_test.sh FOLDER CC
+#   tests/ship/install_test.sh FOLDER CC
 #
 # FOLDER is where everything was installed, or built: then it is installed first.
 set -euo pipefail
@@ -29,7 +29,7 @@ read -ra options < <(pkg-config --cflags --libs "${packages[@]}")
 "$cc" "$tests/consumer/consumer.c" -o "$scratch/by_pkg_config" "${options[@]}" \
   -Wl,-rpath,"$(pkg-config --variable=libdir corvil_datapath_proxy)"
 # Every public header is there, seen from a folder that has none of its own.
-sed 's|datapath_proxy/include/||' "$tests/c_headers.c" >"$scratch/c_headers.c"
+sed 's|datapath_proxy/include/||' "$tests/../library/c_headers.c" >"$scratch/c_headers.c"
 "$cc" -fsyntax-only "$scratch/c_headers.c" "${options[@]}"
 
 socket=$scratch/socket

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "datapathctl/message_decoder.h"
-#include "fuzz/require.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 

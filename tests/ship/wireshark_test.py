@@ -12,7 +12,7 @@ import tempfile
 import time
 import unittest
 
-SCRIPT = pathlib.Path(__file__).resolve().parents[1] / "kernel_interface/wireshark/tavik_wlan.lua"
+SCRIPT = pathlib.Path(__file__).resolve().parents[2] / "kernel_interface/wireshark/tavik_wlan.lua"
 SENT, RECEIVED = 4, 0
 FIELDS = """command selector device forward_from forward_to encap_port ll_src_addr ll_dst_addr
     ll_src_port ll_dst_port tuple.ip_version tuple.protocol tuple.port tuple.spi""".split()

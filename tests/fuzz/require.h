@@ -1,6 +1,6 @@
 // How a fuzz target reports a finding of its own.
-#ifndef FUZZ_REQUIRE_H_
-#define FUZZ_REQUIRE_H_
+#ifndef TESTS_FUZZ_REQUIRE_H_
+#define TESTS_FUZZ_REQUIRE_H_
 
 #include <cstdlib>
 
@@ -15,4 +15,4 @@ inline void require(bool condition) {
 
 }  // namespace fuzz
 
-#endif  // FUZZ_REQUIRE_H_
+#endif  // TESTS_FUZZ_REQUIRE_H_

@@ -2,7 +2,7 @@
 # Packs build/vm/VERSION/initramfs.cpio: busybox, tools, the project's programs and libraries, the
 # module and, as a stock family to load beside it, the kernel's own fou.
 #
-#   reference_kernel/vm/initramfs.sh VERSION COMMAND
+#   tests/vm/initramfs.sh VERSION COMMAND
 #
 # The VM runs COMMAND, or a shell when that is empty. A folder EXTRA of the environment is laid over
 # it all.
@@ -56,11 +56,11 @@ put_modules() {
 rm -rf "$root"
 mkdir -p "$root"/{bin,dev,etc/datapath,proc,sbin,sys,tmp,usr/bin,usr/lib,usr/sbin}
 cp "$build/busybox/bin/busybox" "$root/bin"
-cp reference_kernel/vm/init "$root/init"
+cp tests/vm/init "$root/init"
 printf '%s' "$command" >"$root/etc/datapath/command"
 put_programs "${tools[@]}" "$programs"/{datapathctl,conformance_test,libnl_peer,fault_test}
 put_programs "$programs/libcorvil_datapath_proxy.so"
-cp tests/kernel_test.sh "$root/usr/bin/kernel_test"
+cp tests/vm/kernel_test.sh "$root/usr/bin/kernel_test"
 put_modules
 [ -z "${EXTRA:-}" ] || cp --archive "$EXTRA/." "$root"
 (cd "$root" && find . -print0 | cpio --null --create --format=newc --quiet) >"$build/initramfs.cpio"

@@ -3,7 +3,7 @@
 # installs them in a fresh Debian and removes them again. Takes minutes, the network, and root or
 # sudo.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
@@ -31,7 +31,7 @@ version=$(dpkg-deb --field "$library" Version)
 dpkg-deb --control "$library" "$scratch/control"
 diff <(echo "(>= $version)") <(cut -d ' ' -f 4- "$scratch/control/shlibs" | uniq)
 LD_LIBRARY_PATH=$(dirname "$(find "$scratch/files" -name libcorvil_datapath_proxy.so.1)") \
-  tests/install_test.sh "$scratch/files/usr" cc
+  tests/ship/install_test.sh "$scratch/files/usr" cc
 
 # shellcheck source=/dev/null
 source /etc/os-release

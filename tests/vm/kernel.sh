@@ -2,9 +2,9 @@
 # Gets a stock Debian kernel and builds the module for it, in build/vm/VERSION alone: nothing is
 # installed.
 #
-#   reference_kernel/vm/kernel.sh check VERSION    says what is missing, if so, and fails
-#   reference_kernel/vm/kernel.sh fetch VERSION    unpacks image and headers (once)
-#   reference_kernel/vm/kernel.sh module VERSION   builds tavik_wlan.ko, checked by sparse
+#   tests/vm/kernel.sh check VERSION    says what is missing, if so, and fails
+#   tests/vm/kernel.sh fetch VERSION    unpacks image and headers (once)
+#   tests/vm/kernel.sh module VERSION   builds tavik_wlan.ko, checked by sparse
 #
 # VERSION is 6.1 or 6.12; the newest cloud kernel of it that Debian offers is taken.
 set -euo pipefail

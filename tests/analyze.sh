@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh test
+scripts/setup.sh analyzers
 cmake --preset release --log-level=WARNING
 cmake --build --preset release
 

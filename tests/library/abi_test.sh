@@ -2,11 +2,15 @@
 # Compares the library's binary interface (its exports, their prototypes, the types in them) with the
 # one that its users were built against. After a change on purpose, --update writes it down anew.
 #
-#   tests/abi_test.sh LIBRARY [--update]
+#   tests/library/abi_test.sh LIBRARY [--update]
 set -euo pipefail
 library=$1
-baseline=$(dirname "$0")/../datapath_proxy/abi/corvil_datapath_proxy.abi.xml
+baseline=$(dirname "$0")/../../datapath_proxy/abi/corvil_datapath_proxy.abi.xml
 
+if ! command -v abidiff >/dev/null; then
+  echo "abidiff is not here"
+  exit 77
+fi
 # Without types only the names would be compared.
 if ! readelf -S "$library" | grep '\.debug_info' >/dev/null; then
   echo "$library has no debug information" >&2

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "fuzz/require.h"
+#include "tests/fuzz/require.h"
 #include "reference_kernel/emulator/kernel.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/fake_host.h"
+#include "tests/support/fake_host.h"
 
 #include <android/log.h>
 #include <gtest/gtest.h>

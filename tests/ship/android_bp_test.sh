@@ -2,7 +2,7 @@
 # Has Soong, a device's build, read Android.bp: what it does not understand or find fails. Debian's
 # soong_build lacks the C++ modules, so one that has them is built from Debian's source of Soong.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "fuzz/require.h"
+#include "tests/fuzz/require.h"
 #include "host_interfaces/corvil_netlink.h"
 
 namespace {

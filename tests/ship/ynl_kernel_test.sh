@@ -2,9 +2,9 @@
 # Drives the module in the VM of scripts/vm.sh with the kernel's generic client, which knows of the
 # family only what kernel_interface/tavik_wlan.yaml says.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 
-tests/ynl_check.sh # brings the client
+tests/ship/ynl_check.sh # brings the client
 if ! obstacle=$(scripts/vm.sh --check 2>&1 >/dev/null); then
   echo "skipped: $obstacle"
   exit 77

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/fake_host.h"
+#include "tests/support/fake_host.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ void log_each_level() {
 #line 7000
   DATAPATH_LOG_AS(ERR, "a_name", "%s(): err 0x%x", uint32_t{255});
 }
-#line 75 "tests/log_test.cpp"
+#line 75 "tests/library/log_test.cpp"
 
 TEST_F(LogTest, SwitchedOffItReadsTheSettingsAndNothingElse) {
   int evaluated = 0;
