@@ -55,14 +55,13 @@ constexpr android_LogPriority android_priority(uint32_t level_mask) {
   }
 }
 
-// What a statement does while every sink is off is inlined, so that it makes no call even where the
-// library is built for size.
-
 /// Reads one of the host's settings, which another thread of the host may be changing.
 template <typename Setting>
-[[gnu::always_inline]] inline Setting read_setting(const Setting& setting) {
+Setting read_setting(const Setting& setting) {
   return __atomic_load_n(&setting, __ATOMIC_RELAXED);
 }
+
+// With every sink off a statement makes no call. GCC would not inline the next two everywhere.
 
 [[gnu::always_inline]] inline bool file_sink_on() {
   return read_setting(log_to_file) != 0 && read_setting(logging_fd) != nullptr;
