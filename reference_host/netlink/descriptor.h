@@ -6,16 +6,16 @@
 
 namespace corvil::netlink {
 
-/// A daemon may close all descriptors, those that it doesn't know among them, and then open files
-/// of its own under the same numbers. So what was opened is recognised by its device and inode, and
-/// whatever else has the number is left alone. Its destruction closes nothing.
+/// A daemon may close every descriptor of its process, this one included, and then open files of
+/// its own that get the same number. Device and inode tell what was opened here from such a file,
+/// which is left alone. The destructor closes nothing.
 class Descriptor {
  public:
-  /// Takes over what a system call has just opened, in place of the one before, which is closed.
-  /// Returns 0, or errno when that call failed.
+  /// Closes the descriptor held so far and holds `fd`, the result of a system call that opens one.
+  /// Returns 0, or that call's errno when it failed.
   [[nodiscard]] int adopt(int fd);
 
-  /// Whether the number still stands for what was adopted.
+  /// Whether the number still refers to what was adopted.
   [[nodiscard]] bool is_open() const;
 
   void close();

@@ -1,6 +1,6 @@
-#include "reference_host/netlink/exchange.h"
-
+// Exchanges: a request and the whole answer to it, on a connection that each thread keeps.
 #include <libmnl/libmnl.h>
+#include <linux/netlink.h>
 #include <pthread.h>
 
 #include <cerrno>
@@ -14,22 +14,29 @@
 #include <optional>
 #include <span>
 
-#include "reference_host/netlink/deadline.h"
-#include "reference_host/netlink/dry_run.h"
+#include "host_interfaces/corvil_netlink.h"
+#include "reference_host/corvil_export.h"
 #include "reference_host/netlink/last_error.h"
 #include "reference_host/netlink/netlink_socket.h"
-#include "reference_host/netlink/trace.h"
+#include "reference_host/netlink/observers.h"
 
 namespace corvil::netlink {
 namespace {
 
-/// An interrupted dump is asked for once more, this many times.
-constexpr int kDumpRetries = 3;
+/// How often a dump is asked for while changes interrupt it.
+constexpr int kDumpAttempts = 4;
 
-/// The kernel's errors end here.
+/// The largest errno of the kernel.
 constexpr int kMaxErrno = 4095;
 
-/// A host sets its environment before it starts threads.
+struct Request {
+  const nlmsghdr* message;
+  int protocol;
+  corvil_netlink_reply_callback callback;  // null: only the acknowledgement counts
+  void* context;
+  bool dump;
+};
+
 const char* emulator_setting() {
   const char* value = secure_getenv("CORVIL_NETLINK_EMULATOR");
   return value != nullptr ? value : "";
@@ -43,7 +50,8 @@ uint32_t sequence_seed() {
 /// What a thread keeps from one exchange to the next.
 struct Connection {
   NetlinkSocket socket;
-  /// Outlives the sockets, so that a late reply finds its number used for nothing else.
+  /// Goes on counting when the socket is replaced, so that a late reply never bears the number of a
+  /// later request.
   uint32_t sequence = sequence_seed();
   bool busy = false;
 };
@@ -54,8 +62,8 @@ std::optional<pthread_key_t> create_connection_key() {
   return pthread_key_create(&key, destroy) == 0 ? std::optional(key) : std::nullopt;
 }
 
-/// Null with no memory. The C++ runtime would end the process where it has none to note that a
-/// thread_local object is to be destroyed.
+/// The calling thread's connection, or null without memory. It is no thread_local object, because
+/// the C++ runtime ends the process when it has no memory to register the destructor of one.
 Connection* thread_connection() {
   static const std::optional<pthread_key_t> kKey = create_connection_key();
   if (!kKey) {
@@ -68,25 +76,21 @@ Connection* thread_connection() {
   return pthread_setspecific(*kKey, created.get()) == 0 ? created.release() : nullptr;
 }
 
-/// Whether the lengths in a datagram hold together, to its last byte.
+/// Whether a datagram consists of whole messages, and its errors are long enough to be read.
 bool is_well_formed(std::span<const std::byte> datagram) {
   const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
   int left = static_cast<int>(datagram.size());
   while (mnl_nlmsg_ok(message, left)) {
-    // mnl_nlmsg_ok() takes a length of 2^31 and more for a negative one.
-    if (message->nlmsg_len > datagram.size()) {
-      return false;
-    }
-    if (message->nlmsg_type == NLMSG_ERROR &&
-        mnl_nlmsg_get_payload_len(message) < sizeof(nlmsgerr)) {
+    // mnl_nlmsg_ok() lets lengths from 2^31 on pass, which it takes for negative ones.
+    if (message->nlmsg_len > datagram.size() ||
+        (message->nlmsg_type == NLMSG_ERROR &&
+         mnl_nlmsg_get_payload_len(message) < sizeof(nlmsgerr))) {
       return false;
     }
     message = mnl_nlmsg_next(message, &left);
   }
   return left <= 0;
 }
-
-enum class Progress { kPending, kDone, kInterrupted, kFailed };
 
 /// The header of a request as it is sent.
 nlmsghdr header_of(const Request& request, uint32_t sequence) {
@@ -98,28 +102,34 @@ nlmsghdr header_of(const Request& request, uint32_t sequence) {
   return header;
 }
 
-/// Shows the request in one piece, as the peer will see it.
-int trace_request(const nlmsghdr& header, const Request& request) {
-  if (!tracing()) {
-    return 0;
+/// How far the answer has come. A dump that is interrupted can be asked for again.
+enum class Progress { kPending, kDone, kInterrupted, kFailed };
+
+/// Records why no whole answer was received. Returns -1.
+int fail_to_receive(int error, std::chrono::milliseconds timeout) {
+  switch (error) {
+    case ETIMEDOUT:
+      return fail(error, "no answer within %lld ms", static_cast<long long>(timeout.count()));
+    case ENOBUFS:
+      return fail(error, "an answer was lost: the socket's receive buffer overflowed");
+    case EMSGSIZE:
+      return fail(error, "the answer is longer than the receive buffer");
+    case EBADMSG:
+      return fail(error, "the answer is malformed");
+    case ECONNRESET:
+      return fail(error, "the peer closed the connection before its answer");
+    default:
+      return fail(error, "cannot receive the answer: %m");
   }
-  const std::unique_ptr<std::byte[]> copy(new (std::nothrow) std::byte[header.nlmsg_len]);
-  if (copy == nullptr) {
-    return fail(ENOMEM, "no memory to trace the request");
-  }
-  memcpy(copy.get(), request.message, header.nlmsg_len);
-  memcpy(copy.get(), &header, sizeof(header));
-  trace(CORVIL_NETLINK_SENT, request.protocol, copy.get(), header.nlmsg_len);
-  return 0;
 }
 
 class Exchange {
  public:
-  Exchange(const Request& request, Connection& connection, int* refusal)
+  Exchange(const Request& request, Connection& connection, int* kernel_error)
       : request_(request),
         socket_(connection.socket),
         connection_(connection),
-        refusal_(refusal),
+        kernel_error_(kernel_error),
         endpoint_{request.protocol, emulator_setting()} {
     connection_.busy = true;
   }
@@ -127,7 +137,7 @@ class Exchange {
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
 
-  /// Asks once and takes the answer; never returns kPending.
+  /// Sends the request once and takes its answer; never returns kPending.
   Progress ask();
 
  private:
@@ -141,7 +151,7 @@ class Exchange {
   const Request& request_;
   NetlinkSocket& socket_;
   Connection& connection_;
-  int* refusal_;
+  int* kernel_error_;
   Endpoint endpoint_;
   Deadline deadline_;
   uint32_t sequence_ = 0;
@@ -157,7 +167,8 @@ Progress Exchange::ask() {
     return Progress::kFailed;
   }
   deadline_ = {};
-  // What comes without being waited for may never end.
+  // receive() looks at the clock only when it has to wait. A peer that keeps sending messages that
+  // are no answer never lets it wait, so the clock is looked at here, too.
   do {
     std::span<const std::byte> datagram;
     const int error = socket_.receive(deadline_, &datagram);
@@ -176,12 +187,12 @@ Progress Exchange::ask() {
 int Exchange::send() {
   const nlmsghdr header = header_of(request_, sequence_);
   const bool kept = socket_.is_open_to(endpoint_);
-  if ((!kept && open() == -1) || trace_request(header, request_) == -1) {
+  if ((!kept && open() == -1) || show_request(request_.protocol, header, request_.message) == -1) {
     return -1;
   }
   int error = socket_.send(header, request_.message);
   if (kept && (error == EPIPE || error == ECONNRESET)) {
-    // The peer has gone since the last exchange, and perhaps come back.
+    // The peer has closed the kept connection since the last exchange. It may have been restarted.
     if (open() == -1) {
       return -1;
     }
@@ -236,23 +247,22 @@ Progress Exchange::take(const nlmsghdr* message) {
   }
   if (message->nlmsg_type == request_.message->nlmsg_type && request_.callback != nullptr) {
     request_.callback(message, request_.context);
-    // The rest of the answer has all the time again, and the callback has cost it none.
-    deadline_ = {};
+    deadline_ = {};  // Waiting for the rest starts here, after the time that the callback took.
     const bool more = request_.dump || (request_.message->nlmsg_flags & NLM_F_ACK) != 0;
     return more ? Progress::kPending : finish(0, message);
   }
   return Progress::kPending;
 }
 
-/// The answer is complete: 0 or the kernel's negative errno.
+/// Judges a complete answer by its result: 0 or the kernel's negative errno.
 Progress Exchange::finish(int result, const nlmsghdr* answer) {
   if (result > 0 || result < -kMaxErrno) {
     return give_up(EBADMSG);
   }
   if (result != 0) {
-    record_refusal(-result, answer);
-    if (refusal_ != nullptr) {
-      *refusal_ = result;
+    record_kernel_error(-result, answer);
+    if (kernel_error_ != nullptr) {
+      *kernel_error_ = result;
     }
     return Progress::kFailed;
   }
@@ -265,40 +275,23 @@ Progress Exchange::finish(int result, const nlmsghdr* answer) {
   return Progress::kDone;
 }
 
+/// Ends the exchange without a whole answer.
 Progress Exchange::give_up(int error) {
   if (error == ETIMEDOUT && lost_) {
     error = ENOBUFS;
   }
-  // Sequence numbers tell late answers apart, but nothing ends a dump that the kernel still feeds.
+  // After these two errors the socket can be kept: a late answer is recognised by its number. A
+  // dump is no such case, because the kernel has more of it to send and starts no other meanwhile.
   if (request_.dump || (error != ETIMEDOUT && error != ENOBUFS)) {
     socket_.close();
   }
-  switch (error) {
-    case ETIMEDOUT:
-      fail(error, "no answer within %lld ms", static_cast<long long>(deadline_.timeout().count()));
-      break;
-    case ENOBUFS:
-      fail(error, "an answer was lost: the socket's receive buffer overflowed");
-      break;
-    case EMSGSIZE:
-      fail(error, "the answer is longer than the receive buffer");
-      break;
-    case EBADMSG:
-      fail(error, "the answer is malformed");
-      break;
-    case ECONNRESET:
-      fail(error, "the peer closed the connection before its answer");
-      break;
-    default:
-      fail(error, "cannot receive the answer: %m");
-      break;
-  }
+  fail_to_receive(error, deadline_.timeout());
   return Progress::kFailed;
 }
 
-}  // namespace
-
-int exchange(const Request& request, int* refusal) {
+/// Sends a request and takes its answer. Returns 0, or -1 with the thread's last error recorded; an
+/// error of the kernel is also stored at `kernel_error`, unless null, as a negative errno.
+int exchange(const Request& request, int* kernel_error) {
   Connection* connection = thread_connection();
   if (connection == nullptr) {
     return fail(ENOMEM, "no memory for a connection");
@@ -309,12 +302,12 @@ int exchange(const Request& request, int* refusal) {
   if (request.message->nlmsg_len < sizeof(nlmsghdr)) {
     return fail(EINVAL, "the request is shorter than its header");
   }
-  if (is_dry_run()) {
+  if (dry_run_family_id() != 0) {
     clear_last_error();
-    return trace_request(header_of(request, 0), request);
+    return show_request(request.protocol, header_of(request, 0), request.message);
   }
-  Exchange current(request, *connection, refusal);
-  for (int attempt = 0; attempt <= kDumpRetries; ++attempt) {
+  Exchange current(request, *connection, kernel_error);
+  for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
     const Progress progress = current.ask();
     if (progress == Progress::kDone) {
       clear_last_error();
@@ -324,7 +317,19 @@ int exchange(const Request& request, int* refusal) {
       return -1;
     }
   }
-  return fail(EINTR, "the dump was interrupted by changes %d times in a row", kDumpRetries + 1);
+  return fail(EINTR, "the dump was interrupted by changes %d times in a row", kDumpAttempts);
 }
 
+}  // namespace
 }  // namespace corvil::netlink
+
+CORVIL_EXPORT int corvil_netlink_transact(const struct nlmsghdr* request, int protocol,
+                                          int* error) {
+  return corvil::netlink::exchange({request, protocol, nullptr, nullptr, false}, error);
+}
+
+CORVIL_EXPORT int corvil_netlink_query(const struct nlmsghdr* request, int protocol,
+                                       corvil_netlink_reply_callback callback, void* context,
+                                       int dump) {
+  return corvil::netlink::exchange({request, protocol, callback, context, dump != 0}, nullptr);
+}

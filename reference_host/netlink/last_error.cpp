@@ -18,17 +18,17 @@ namespace {
 
 constinit thread_local CorvilNetlinkError last_error{};
 
-/// Offset of the extended acknowledgement's attributes in the payload of an answer that has them.
-/// May lie beyond the payload: an uncapped answer tells itself how much of the request it repeats.
-uint64_t extended_ack_offset(const nlmsghdr* answer) {
+/// Where the extack's attributes begin in the payload of an answer that has them. May lie beyond
+/// the payload: an uncapped answer repeats the request, whose length is the peer's word.
+uint64_t extack_offset(const nlmsghdr* answer) {
   if (answer->nlmsg_type == NLMSG_DONE) {
     return sizeof(int);
   }
   if ((answer->nlmsg_flags & NLM_F_CAPPED) != 0) {
     return sizeof(nlmsgerr);
   }
-  const auto* refusal = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(answer));
-  return offsetof(nlmsgerr, msg) + MNL_ALIGN(uint64_t{refusal->msg.nlmsg_len});
+  const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(answer));
+  return offsetof(nlmsgerr, msg) + MNL_ALIGN(uint64_t{error->msg.nlmsg_len});
 }
 
 uint32_t u32_or_zero(const nlattr* attribute) {
@@ -40,6 +40,7 @@ uint32_t u32_or_zero(const nlattr* attribute) {
 }  // namespace
 
 void clear_last_error() {
+  // Every success comes here, so the rest of the message's bytes stay as they are.
   last_error.error = 0;
   last_error.from_kernel = 0;
   last_error.attribute_offset = 0;
@@ -59,12 +60,11 @@ int fail(int error, const char* format, ...) {
   return -1;
 }
 
-void record_refusal(int error, const nlmsghdr* answer) {
+void record_kernel_error(int error, const nlmsghdr* answer) {
   clear_last_error();
   last_error.error = error;
   last_error.from_kernel = 1;
-
-  const uint64_t offset = extended_ack_offset(answer);
+  const uint64_t offset = extack_offset(answer);
   const uint64_t size = mnl_nlmsg_get_payload_len(answer);
   if ((answer->nlmsg_flags & NLM_F_ACK_TLVS) == 0 || offset > size) {
     return;
@@ -82,7 +82,7 @@ void record_refusal(int error, const nlmsghdr* answer) {
   }
 }
 
-void explain_refusal(const char* format, ...) {
+void explain_kernel_error(const char* format, ...) {
   if (last_error.from_kernel == 0 || last_error.message[0] != '\0') {
     return;
   }

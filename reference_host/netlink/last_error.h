@@ -8,16 +8,17 @@ namespace corvil::netlink {
 
 void clear_last_error();
 
-/// Records a failure of the exchange itself: a positive errno and a printf text, in which %m is
-/// that errno's. Returns -1.
+/// Records that the exchange itself failed: a positive errno, and a printf text in which %m stands
+/// for that errno's text. Returns -1.
 int fail(int error, const char* format, ...) __attribute__((__format__(__printf__, 2, 3)));
 
-/// Records the kernel's refusal, a positive errno, with what the answer's extended acknowledgement
-/// says. The answer is a well-formed NLMSG_ERROR, or an NLMSG_DONE that holds its int.
-void record_refusal(int error, const nlmsghdr* answer);
+/// Records an error of the kernel, a positive errno, with what the extended acknowledgement
+/// (extack) of its answer says. The answer is a well-formed NLMSG_ERROR, or an NLMSG_DONE that has
+/// room for the errno.
+void record_kernel_error(int error, const nlmsghdr* answer);
 
-/// Replaces the recorded refusal's text if the kernel gave none.
-void explain_refusal(const char* format, ...) __attribute__((__format__(__printf__, 1, 2)));
+/// Sets the message of a recorded kernel's error, if the kernel gave none.
+void explain_kernel_error(const char* format, ...) __attribute__((__format__(__printf__, 1, 2)));
 
 }  // namespace corvil::netlink
 

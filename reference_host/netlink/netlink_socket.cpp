@@ -11,12 +11,13 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
+#include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <new>
 
-#include "reference_host/netlink/trace.h"
+#include "reference_host/netlink/observers.h"
 
 namespace corvil::netlink {
 namespace {
@@ -24,12 +25,26 @@ namespace {
 /// Holds several times the largest datagram that the kernel sends in a dump.
 constexpr size_t kBufferSize = size_t{128} * 1024;
 
-/// Counts the forks between this process and the one that loaded the library. A handler keeps it,
-/// so that no request has to ask for the process id.
+constexpr std::chrono::milliseconds kDefaultTimeout{3000};
+
+std::chrono::milliseconds timeout_setting() {
+  const char* text = secure_getenv("CORVIL_NETLINK_TIMEOUT_MS");
+  if (text == nullptr) {
+    return kDefaultTimeout;
+  }
+  const char* end = text + strlen(text);
+  int milliseconds = 0;
+  const auto [rest, error] = std::from_chars(text, end, milliseconds);
+  const bool valid = error == std::errc{} && rest == end && milliseconds > 0;
+  return valid ? std::chrono::milliseconds{milliseconds} : kDefaultTimeout;
+}
+
+/// How many forks lie between this process and the one that loaded the library. A fork handler
+/// counts them, which spares every request the system call for the process id.
 std::atomic<uint32_t> fork_generation{0};
 
 void count_forks() {
-  // Refused with no memory only: then as if the process never forked.
+  // It fails only without memory. Then a fork goes unnoticed.
   [[maybe_unused]] static const int kRefused = pthread_atfork(
       nullptr, nullptr, [] { fork_generation.fetch_add(1, std::memory_order_relaxed); });
 }
@@ -40,6 +55,15 @@ timespec as_timespec(std::chrono::nanoseconds time) {
 }
 
 }  // namespace
+
+std::chrono::nanoseconds Deadline::remaining() {
+  const auto now = std::chrono::steady_clock::now();
+  if (timeout_.count() == 0) {
+    timeout_ = timeout_setting();
+    end_ = now + timeout_;
+  }
+  return std::max(std::chrono::nanoseconds{end_ - now}, std::chrono::nanoseconds::zero());
+}
 
 bool NetlinkSocket::is_open_to(const Endpoint& endpoint) const {
   return protocol_ == endpoint.protocol &&
@@ -79,7 +103,7 @@ int NetlinkSocket::open_kernel() {
   if (bind(fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
     return errno;
   }
-  // Kernels without them answer all the same, only with less said.
+  // Old kernels lack these options. They still answer, with less detail.
   const int on = 1;
   setsockopt(fd(), SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof(on));
   setsockopt(fd(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof(on));
@@ -90,7 +114,7 @@ int NetlinkSocket::open_emulator() {
   if (const int error = socket_.adopt(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))) {
     return error;
   }
-  // connect() waits for room in the peer's backlog, as long as the send time-out says.
+  // The send time-out limits how long connect() waits for room in the peer's backlog.
   Deadline deadline;
   for (;;) {
     const timespec left = as_timespec(deadline.remaining());
@@ -109,7 +133,7 @@ int NetlinkSocket::open_emulator() {
 }
 
 int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message) {
-  // An iovec is not const, sendmsg() only reads.
+  // sendmsg() only reads, but an iovec's pointer is not const.
   std::array<iovec, 2> parts{{
       {const_cast<nlmsghdr*>(&header), sizeof(header)},
       {const_cast<nlmsghdr*>(message) + 1, header.nlmsg_len - sizeof(header)},
@@ -130,11 +154,11 @@ int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message) {
 }
 
 int NetlinkSocket::receive(Deadline& deadline, std::span<const std::byte>* datagram) {
-  // Few answers have to be waited for, so the clock is read only where one has.
+  // The deadline reads the clock, so it is not asked before there is nothing to receive.
   do {
     sockaddr_nl sender{};
     socklen_t sender_size = sizeof(sender);
-    // With MSG_TRUNC a datagram that didn't fit tells its whole size.
+    // With MSG_TRUNC the result is the size of the whole datagram, even where it did not fit.
     const ssize_t size = recvfrom(fd(), buffer_.get(), kBufferSize, MSG_DONTWAIT | MSG_TRUNC,
                                   is_emulated() ? nullptr : reinterpret_cast<sockaddr*>(&sender),
                                   is_emulated() ? nullptr : &sender_size);
@@ -151,9 +175,7 @@ int NetlinkSocket::receive(Deadline& deadline, std::span<const std::byte>* datag
       return ECONNRESET;
     }
     *datagram = {buffer_.get(), std::min(static_cast<size_t>(size), kBufferSize)};
-    if (tracing()) {
-      trace(CORVIL_NETLINK_RECEIVED, protocol_, datagram->data(), datagram->size());
-    }
+    show_received(protocol_, *datagram);
     if (sender.nl_pid == 0) {
       return static_cast<size_t>(size) > kBufferSize ? EMSGSIZE : 0;
     }

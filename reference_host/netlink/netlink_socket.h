@@ -5,15 +5,31 @@
 #include <linux/netlink.h>
 #include <sys/un.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
 
-#include "reference_host/netlink/deadline.h"
 #include "reference_host/netlink/descriptor.h"
 
 namespace corvil::netlink {
+
+/// The time at which a wait is given up: CORVIL_NETLINK_TIMEOUT_MS after remaining() was first
+/// called. An exchange that never waits therefore reads neither the clock nor that variable.
+/// Interrupted waits and foreign messages do not move it.
+class Deadline {
+ public:
+  /// Zero once it has passed.
+  [[nodiscard]] std::chrono::nanoseconds remaining();
+
+  /// Zero before the first call of remaining().
+  [[nodiscard]] std::chrono::milliseconds timeout() const { return timeout_; }
+
+ private:
+  std::chrono::milliseconds timeout_{};
+  std::chrono::steady_clock::time_point end_;
+};
 
 /// Where requests go.
 struct Endpoint {
@@ -21,8 +37,8 @@ struct Endpoint {
   const char* emulator;  // path of the emulator's socket; empty: the kernel
 };
 
-/// Everything that can fail returns 0 or a positive errno; what has to wait longer than the
-/// time-out returns ETIMEDOUT. For one thread only.
+/// What returns an int returns 0 or a positive errno, which is ETIMEDOUT when it would have had to
+/// wait longer than the time-out. For one thread only.
 class NetlinkSocket {
  public:
   NetlinkSocket() = default;
@@ -30,22 +46,23 @@ class NetlinkSocket {
   NetlinkSocket(const NetlinkSocket&) = delete;
   NetlinkSocket& operator=(const NetlinkSocket&) = delete;
 
-  /// False as well once the process has forked: the parent goes on using the connection; and once
-  /// the host has closed the descriptor.
+  /// Whether requests to the endpoint can go through this socket. Not in a forked child, because
+  /// the parent still uses the connection, and not once the host has closed the descriptor.
   [[nodiscard]] bool is_open_to(const Endpoint& endpoint) const;
 
-  /// Opens the socket, in place of the one before, and allocates the receive buffer if need be.
+  /// Closes the socket and opens one to the endpoint.
   [[nodiscard]] int open(const Endpoint& endpoint);
 
   void close() { socket_.close(); }
 
-  /// Sends `header`, then the message's bytes behind its own header. EPIPE or ECONNRESET: the peer
-  /// has closed the connection.
+  /// Sends one datagram: `header`, then the message's bytes behind its own header. EPIPE or
+  /// ECONNRESET when the peer has closed the connection.
   [[nodiscard]] int send(const nlmsghdr& header, const nlmsghdr* message);
 
-  /// Receives the peer's next whole datagram, 4-byte aligned and valid until the next call; those
-  /// of other senders are dropped. ETIMEDOUT: none came in time; ENOBUFS: some were lost, the
-  /// socket goes on; EMSGSIZE: one came truncated; ECONNRESET: the peer has closed the connection.
+  /// Receives the peer's next datagram, 4-byte aligned and valid until the next call; datagrams of
+  /// other senders are dropped. ENOBUFS when some were lost, after which the socket can still be
+  /// used; EMSGSIZE when one did not fit the buffer; ECONNRESET when the peer has closed the
+  /// connection.
   [[nodiscard]] int receive(Deadline& deadline, std::span<const std::byte>* datagram);
 
  private:

@@ -1,5 +1,4 @@
-#include "host_interfaces/corvil_netlink.h"
-
+// The look-up of a generic netlink family by its name.
 #include <libmnl/libmnl.h>
 #include <linux/genetlink.h>
 
@@ -9,15 +8,14 @@
 #include <cstdint>
 #include <cstring>
 
+#include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
-#include "reference_host/netlink/dry_run.h"
-#include "reference_host/netlink/exchange.h"
 #include "reference_host/netlink/last_error.h"
+#include "reference_host/netlink/observers.h"
 
 namespace {
 
-using corvil::netlink::exchange;
-using corvil::netlink::explain_refusal;
+using corvil::netlink::dry_run_family_id;
 using corvil::netlink::fail;
 
 struct Family {
@@ -26,7 +24,7 @@ struct Family {
   uint32_t version;
 };
 
-/// Fills the Family that is the context from the controller's reply.
+/// Reads the controller's reply into the Family that `context` points at.
 int take_family(const nlmsghdr* reply, void* context) {
   const size_t size = mnl_nlmsg_get_payload_len(reply);
   if (size < GENL_HDRLEN) {
@@ -45,7 +43,7 @@ int take_family(const nlmsghdr* reply, void* context) {
   return 1;
 }
 
-/// Asks the controller; the name fits.
+/// Asks the controller for a family, whose name is shorter than GENL_NAMSIZ.
 int query_family(const char* name, Family* family) {
   constexpr size_t kSize = NLMSG_HDRLEN + GENL_HDRLEN + NLA_HDRLEN + GENL_NAMSIZ;
   alignas(nlmsghdr) std::array<char, kSize> buffer{};
@@ -68,11 +66,11 @@ CORVIL_EXPORT int corvil_netlink_query_genl(const char* family_name, uint32_t ve
   }
   Family family{};
   if (query_family(family_name, &family) == -1) {
-    explain_refusal("netlink family %s is not available", family_name);
+    corvil::netlink::explain_kernel_error("netlink family %s is not available", family_name);
     return -1;
   }
-  if (corvil::netlink::is_dry_run()) {
-    *family_id = corvil::netlink::dry_run_family_id;
+  if (dry_run_family_id() != 0) {
+    *family_id = dry_run_family_id();
     return 0;
   }
   if (!family.known) {
@@ -85,15 +83,4 @@ CORVIL_EXPORT int corvil_netlink_query_genl(const char* family_name, uint32_t ve
   }
   *family_id = family.id;
   return 0;
-}
-
-CORVIL_EXPORT int corvil_netlink_transact(const struct nlmsghdr* request, int protocol,
-                                          int* error) {
-  return exchange({request, protocol, nullptr, nullptr, false}, error);
-}
-
-CORVIL_EXPORT int corvil_netlink_query(const struct nlmsghdr* request, int protocol,
-                                       corvil_netlink_reply_callback callback, void* context,
-                                       int dump) {
-  return exchange({request, protocol, callback, context, dump != 0}, nullptr);
 }

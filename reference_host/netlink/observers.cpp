@@ -1,0 +1,244 @@
+#include "reference_host/netlink/observers.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/if_arp.h>
+#include <linux/if_packet.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+
+#include "reference_host/corvil_export.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_host/netlink/descriptor.h"
+#include "reference_host/netlink/last_error.h"
+
+namespace corvil::netlink {
+namespace {
+
+struct Trace {
+  corvil_netlink_trace_callback callback;
+  void* context;
+};
+constinit Trace trace{};
+constinit uint16_t dry_run_id = 0;
+
+/// A pcap file is in the byte order of the machine that wrote it; the magic number tells which.
+struct FileHeader {
+  uint32_t magic = 0xa1b23c4d;  // times are in nanoseconds
+  uint16_t major_version = 2;
+  uint16_t minor_version = 4;
+  uint32_t zone = 0;
+  uint32_t accuracy = 0;
+  uint32_t longest_packet = 262144;
+  uint32_t link_type = 253;  // NETLINK
+};
+
+struct PacketHeader {
+  uint32_t seconds;
+  uint32_t nanoseconds;
+  uint32_t captured_length;  // of the link layer's header below and the bytes that follow it
+  uint32_t length;           // the same, since nothing is cut
+  // The link layer's header, in network byte order.
+  uint16_t packet_type;
+  uint16_t hardware_type;
+  uint8_t unused[10];
+  uint16_t protocol;
+};
+constexpr size_t kLinkLayerSize = 16;
+static_assert(sizeof(FileHeader) == 24 && sizeof(PacketHeader) == 16 + kLinkLayerSize);
+
+/// Empties the capture's file and locks it until the process ends; a character device needs
+/// neither. Returns 0 or a positive errno, EBUSY where another process has the lock.
+int claim(int fd) {
+  struct stat status {};
+  fstat(fd, &status);
+  if (S_ISCHR(status.st_mode)) {
+    return 0;
+  }
+  if (flock(fd, LOCK_EX | LOCK_NB) == -1) {
+    return errno == EWOULDBLOCK ? EBUSY : errno;
+  }
+  return S_ISREG(status.st_mode) && ftruncate(fd, 0) == -1 ? errno : 0;
+}
+
+/// Like writev(), but without the signals that would end the process: SIGPIPE when nobody reads the
+/// pipe, SIGXFSZ at the limit of a file's size.
+ssize_t write_without_signals(int fd, std::span<const iovec> parts) {
+  sigset_t pending;
+  sigset_t raised;
+  sigset_t mask;
+  sigpending(&pending);
+  sigemptyset(&raised);
+  for (const int signal : {SIGPIPE, SIGXFSZ}) {
+    // A signal that is pending already is not this write's, and must not be taken away below.
+    if (sigismember(&pending, signal) == 0) {
+      sigaddset(&raised, signal);
+    }
+  }
+  pthread_sigmask(SIG_BLOCK, &raised, &mask);
+  ssize_t written = 0;
+  do {
+    written = writev(fd, parts.data(), static_cast<int>(parts.size()));
+  } while (written == -1 && errno == EINTR);
+  const int error = errno;
+  const timespec no_time{};
+  sigtimedwait(&raised, nullptr, &no_time);
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  errno = error;
+  return written;
+}
+
+/// A pcap file of link type NETLINK. Every packet is written by one system call, so the file can be
+/// read while it grows and packets of several threads do not mix. Whatever fails, or would have to
+/// wait, ends the capture and nothing else. Open and locked until the process ends. Thread-safe.
+class Capture {
+ public:
+  /// Creates the file that CORVIL_NETLINK_PCAP names, if any.
+  Capture();
+
+  [[nodiscard]] bool is_on() const { return file_.number() != -1 && error() == 0; }
+
+  /// The positive errno that has ended the capture; 0 when none has.
+  [[nodiscard]] int error() const { return error_.load(std::memory_order_relaxed); }
+
+  [[nodiscard]] const char* path() const { return path_; }
+
+  /// Writes one packet. Only while is_on().
+  void write(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> datagram);
+
+ private:
+  /// Writes a header and what belongs to it.
+  void write(std::span<const std::byte> header, std::span<const std::byte> bytes);
+
+  char path_[PATH_MAX] = "";
+  Descriptor file_;
+  std::atomic<int> error_{0};
+};
+
+/// The process's capture, created when it is first asked for.
+Capture& capture() {
+  static Capture process_capture;
+  return process_capture;
+}
+
+Capture::Capture() {
+  const char* path = secure_getenv("CORVIL_NETLINK_PCAP");
+  if (path == nullptr || path[0] == '\0') {
+    return;
+  }
+  snprintf(path_, sizeof(path_), "%s", path);
+  // O_NONBLOCK: neither opening nor writing waits for the reader of a FIFO.
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  error_ = file_.adopt(open(path, kFlags, S_IRUSR | S_IWUSR));
+  if (is_on()) {
+    error_ = claim(file_.number());
+  }
+  if (is_on()) {
+    const FileHeader header;
+    write(std::as_bytes(std::span(&header, 1)), {});
+  } else {
+    file_.close();
+  }
+}
+
+void Capture::write(CorvilNetlinkDirection direction, int protocol,
+                    std::span<const std::byte> datagram) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const auto length = static_cast<uint32_t>(kLinkLayerSize + datagram.size());
+  const PacketHeader header{
+      .seconds = static_cast<uint32_t>(now.tv_sec),
+      .nanoseconds = static_cast<uint32_t>(now.tv_nsec),
+      .captured_length = length,
+      .length = length,
+      .packet_type = htons(direction == CORVIL_NETLINK_SENT ? PACKET_OUTGOING : PACKET_HOST),
+      .hardware_type = htons(ARPHRD_NETLINK),
+      .unused = {},
+      .protocol = htons(static_cast<uint16_t>(protocol)),
+  };
+  write(std::as_bytes(std::span(&header, 1)), datagram);
+}
+
+void Capture::write(std::span<const std::byte> header, std::span<const std::byte> bytes) {
+  if (!file_.is_open()) {
+    error_ = EBADF;
+    return;
+  }
+  // writev() only reads, but an iovec's pointer is not const.
+  const std::array<iovec, 2> parts{{
+      {const_cast<std::byte*>(header.data()), header.size()},
+      {const_cast<std::byte*>(bytes.data()), bytes.size()},
+  }};
+  const ssize_t written = write_without_signals(file_.number(), parts);
+  if (written == -1) {
+    error_ = errno;
+  } else if (static_cast<size_t>(written) != header.size() + bytes.size()) {
+    // Only a write that fails tells why there was no room for all: one byte more is tried. It
+    // succeeds where the reader of a FIFO has made room meanwhile.
+    const std::array<iovec, 1> more{{{const_cast<std::byte*>(header.data()), 1}}};
+    error_ = write_without_signals(file_.number(), more) == -1 ? errno : EAGAIN;
+  }
+}
+
+void show(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> bytes) {
+  if (capture().is_on()) {
+    capture().write(direction, protocol, bytes);
+  }
+  if (trace.callback != nullptr) {
+    trace.callback(direction, bytes.data(), bytes.size(), trace.context);
+  }
+}
+
+}  // namespace
+
+uint16_t dry_run_family_id() { return dry_run_id; }
+
+int show_request(int protocol, const nlmsghdr& header, const nlmsghdr* message) {
+  if (trace.callback == nullptr && !capture().is_on()) {
+    return 0;
+  }
+  const std::unique_ptr<std::byte[]> copy(new (std::nothrow) std::byte[header.nlmsg_len]);
+  if (copy == nullptr) {
+    return fail(ENOMEM, "no memory to trace the request");
+  }
+  memcpy(copy.get(), message, header.nlmsg_len);
+  memcpy(copy.get(), &header, sizeof(header));
+  show(CORVIL_NETLINK_SENT, protocol, {copy.get(), header.nlmsg_len});
+  return 0;
+}
+
+void show_received(int protocol, std::span<const std::byte> datagram) {
+  show(CORVIL_NETLINK_RECEIVED, protocol, datagram);
+}
+
+}  // namespace corvil::netlink
+
+CORVIL_EXPORT void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* context) {
+  corvil::netlink::trace = {callback, context};
+}
+
+CORVIL_EXPORT void corvil_netlink_set_dry_run(uint16_t family_id) {
+  corvil::netlink::dry_run_id = family_id;
+}
+
+CORVIL_EXPORT int corvil_netlink_check_capture() {
+  const corvil::netlink::Capture& capture = corvil::netlink::capture();
+  return capture.error() == 0
+             ? 0
+             : corvil::netlink::fail(capture.error(), "cannot write the capture %s: %m",
+                                     capture.path());
+}
