@@ -7,10 +7,10 @@
  * writes them, so a change takes effect at the next statement. A host that closes the log file
  * first sets log_to_file to 0 and makes sure that no call of the library is in progress.
  *
- * Thread-safety: statements of several threads may run at the same time. The file sink is the one
- * part that is not free of shared data: it converts the time by localtime(), which has one result
- * for the whole process, and writes header, message and newline of a line one after the other
- * without a lock, so the lines of several threads may interleave.
+ * Thread-safety: statements of several threads may run at the same time. Only the file sink shares
+ * data between them: it converts the time by localtime(), which has one result for the whole
+ * process, and writes header, message and newline of a line one after the other without a lock, so
+ * the lines of several threads may interleave.
  */
 #ifndef HOST_INTERFACES_CORVIL_LOG_SERVICES_H_
 #define HOST_INTERFACES_CORVIL_LOG_SERVICES_H_
@@ -29,8 +29,8 @@ extern uint8_t log_to_file;
 /* File sink: the stream of the open log file; null when there is none, which keeps the sink off. */
 extern FILE* logging_fd;
 
-/* Bit mask of the other two sinks: the diagnostic sink and the Android log. The library looks at no
- * other bit. */
+/* Switches the other two sinks on: the diagnostic sink and the Android log. Other bits have no
+ * effect. */
 extern uint32_t zu_log_mask;
 #define ZU_LOG_MASK_DIAGNOSTIC UINT32_C(1)
 #define ZU_LOG_MASK_ANDROID UINT32_C(2)
@@ -42,8 +42,8 @@ extern uint32_t zu_log_mask;
 #define LOG_LEVEL_MASK_ERR UINT32_C(8)
 
 /*
- * What a log statement tells the diagnostic service about itself. One constant of its own for every
- * statement, in read-only memory. 16 bytes where pointers have 32 bits.
+ * What a log statement tells the diagnostic service about itself. Every statement has one constant
+ * of its own, in read-only memory. 16 bytes where pointers have 32 bits.
  */
 typedef struct LogSiteDescriptor {
   uint16_t line;       /* source line of the statement */

@@ -46,10 +46,11 @@ int corvil_nla_put(struct nlmsghdr* message, uint16_t type, uint32_t length, con
 /*
  * Sends a request, nlmsg_len bytes of it, and waits for the kernel's acknowledgement.
  *
- * request   a complete message with NLM_F_ACK set; read only, the operation numbers it itself
+ * request   a complete message with NLM_F_ACK set, which is not changed; what is sent has a
+ *           sequence number of the operation's own
  * protocol  netlink protocol, such as NETLINK_GENERIC
- * error     null, or a slot that receives the acknowledgement's error as the kernel gave it (a
- *           negative errno); untouched when no acknowledgement with an error came
+ * error     receives the acknowledgement's error as the kernel gave it, a negative errno; untouched
+ *           when no acknowledgement with an error came; may be null
  *
  * Returns -1 when the kernel refused the request or the exchange failed.
  */
@@ -70,8 +71,8 @@ typedef int (*corvil_netlink_reply_callback)(const struct nlmsghdr* reply, void*
  * Sends a request and runs a callback once for every reply message, in the order of arrival, on the
  * calling thread; returns after the last one.
  *
- * request   a complete message; read only. Without a dump, the acknowledgement ends the replies if
- *           it has NLM_F_ACK set, and the first reply does if not
+ * request   a complete message, treated as corvil_netlink_transact() does. Without a dump, the
+ *           acknowledgement ends the replies if NLM_F_ACK is set, otherwise the first reply does
  * protocol  netlink protocol, such as NETLINK_GENERIC
  * callback  receives the replies, which are the messages of the request's own nlmsg_type; its
  *           result does not end the query
@@ -81,8 +82,8 @@ typedef int (*corvil_netlink_reply_callback)(const struct nlmsghdr* reply, void*
  * A dump that the kernel reports as interrupted by a change is asked for again, so the callback
  * may see an entry more than once.
  *
- * Returns -1 when the kernel refused the request or the exchange failed; replies that came before
- * have then been delivered.
+ * Returns -1 when the kernel refused the request or the exchange failed; the callback has then run
+ * for the replies that came before.
  */
 int corvil_netlink_query(const struct nlmsghdr* request, int protocol,
                          corvil_netlink_reply_callback callback, void* context, int dump);
@@ -97,8 +98,8 @@ int corvil_netlink_query(const struct nlmsghdr* request, int protocol,
  * max_type  highest type looked at; NLA_F_NESTED and NLA_F_NET_BYTEORDER are masked out before
  *
  * Reads nothing beyond the run: parsing ends at the first attribute whose length is below 4 or
- * exceeds what is left, or at bytes too few for a header. Returns -1 when it ended so, the
- * attributes before indexed. The last attribute may lack its padding.
+ * exceeds what is left, or at bytes too few for a header. Returns -1 when it ended so; the
+ * attributes before that are indexed. The last attribute may lack its padding.
  */
 int corvil_nla_parse(const struct nlattr* first, const struct nlattr** table, uint32_t length,
                      uint16_t max_type);

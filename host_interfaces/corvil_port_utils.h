@@ -9,7 +9,7 @@ extern "C" {
 #endif
 
 /*
- * Records one port that the kernel holds in the host's port tree.
+ * Adds one port, which the kernel holds, to the host's port tree.
  *
  * port         host byte order
  * ip_proto     IP version: 4 or 6

@@ -1,4 +1,4 @@
-// Marks the functions and data that a library of the reference host offers; all else stays hidden.
+// Marks the functions and data that a library of the reference host exports. All else is hidden.
 #ifndef REFERENCE_HOST_CORVIL_EXPORT_H_
 #define REFERENCE_HOST_CORVIL_EXPORT_H_
 

@@ -14,7 +14,7 @@ CORVIL_EXPORT constinit uint32_t zu_log_mask = 0;
 
 namespace {
 
-/// The most that a pipe takes in one piece.
+/// The most that a pipe takes in one piece, so that lines of several threads do not mix.
 constexpr size_t kMaxLine = 4096;
 
 void print_line(const LogSiteDescriptor* /*descriptor*/, const char* line, const char* /*text*/,
@@ -40,7 +40,7 @@ const char* level_name(uint32_t level_mask) {
   }
 }
 
-/// The number of bytes that snprintf() has put into a buffer of a size, its NUL not counted.
+/// How many bytes, without the NUL, snprintf() has written to a buffer of `size` bytes.
 size_t bytes_written(int result, size_t size) {
   return result < 0 ? 0 : std::min(static_cast<size_t>(result), size - 1);
 }
@@ -65,7 +65,7 @@ CORVIL_EXPORT void msg_sprintf(const LogSiteDescriptor* descriptor, ...) {
   va_list arguments;
   va_start(arguments, descriptor);
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // The descriptor's contract.
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // Callers answer for the format.
   const int text = vsnprintf(line + head, sizeof(line) - head, descriptor->format, arguments);
 #pragma GCC diagnostic pop
   va_end(arguments);

@@ -9,23 +9,23 @@ extern "C" {
 #endif
 
 /*
- * Gets one diagnostic message, on the thread that logs it. Everything is valid during the call
- * only.
+ * Receives one diagnostic message, on the thread that logs it. All arguments but the context are
+ * valid during the call only.
  *
- * descriptor  of the statement
+ * descriptor  the descriptor of the log statement
  * line        the whole message as one line without a newline, cut to 4095 bytes:
  *             "subsystem 65 ERR path/of/source:120: text"
- * text        where the text begins in it
+ * text        the part of that line that begins after the source's name and line
  * context     what the caller of corvil_log_set_diagnostic_handler() passed
  */
 typedef void (*corvil_log_diagnostic_handler)(const LogSiteDescriptor* descriptor, const char* line,
                                               const char* text, void* context);
 
 /*
- * Has msg_sprintf() hand its messages to a handler; null: print each as one line on stderr, in one
- * piece, as it does from the start.
+ * Has msg_sprintf() pass its messages to a handler. Null restores the default, which prints each
+ * message as one line on stderr, in one piece.
  *
- * Not thread-safe: no message may be on its way.
+ * Not thread-safe: no other thread may be in msg_sprintf().
  */
 void corvil_log_set_diagnostic_handler(corvil_log_diagnostic_handler handler, void* context);
 

@@ -1,37 +1,37 @@
 /*
  * What tools ask of the netlink library beyond the operations of host_interfaces/corvil_netlink.h:
- * the reason of a failure and a look at every message.
+ * the reason of a failure, a look at every message, and a dry run.
  *
- * Environment variables steer the library, unless the process runs with privileges that its caller
- * lacks (secure_getenv(3)): then they count as unset. Two are read afresh by every exchange:
+ * Environment variables steer the library. They count as unset in a process that runs with
+ * privileges that its caller lacks (secure_getenv(3)). Every exchange reads two of them afresh:
  *
  *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
  *                              which all requests go instead; one packet is one netlink datagram
  *   CORVIL_NETLINK_TIMEOUT_MS  how long an exchange waits for the connection, for room to send, for
- *                              the first message of the answer and for each further reply, in
- *                              milliseconds; a positive integer, anything else counts as unset:
- *                              3000. Messages that are no answer do not extend it, and the time
+ *                              the first message of the answer and for each further reply: a
+ *                              positive number of milliseconds; 3000 when it is unset or anything
+ *                              else. Messages that are no answer do not extend it, and the time
  *                              that a callback takes does not count
  *
- * One is read once, by the first exchange of the process:
+ * The first exchange of the process, or corvil_netlink_check_capture(), reads another one:
  *
- *   CORVIL_NETLINK_PCAP        path of a capture file that is made anew and gets every message sent
- *                              and received: a pcap file of link type NETLINK (253) whose packets
- *                              are of type 4 when sent and 0 when received. A new file is its
- *                              owner's alone (mode 0600), one that exists is cut and keeps its
- *                              mode; a symbolic link is followed, so name no path in a folder in
- *                              which others can write. One process at a time, with the children
- *                              that it forks, has the file: another one gets no capture (EBUSY).
- *                              A FIFO must have its reader, and ends the capture when it is full
- *                              (EAGAIN). Exchanges go on as without it where it can't be written,
- *                              nor does it raise SIGPIPE or SIGXFSZ; see
+ *   CORVIL_NETLINK_PCAP        path of a capture file, to which every message sent and received is
+ *                              written: a pcap file of link type NETLINK (253) whose packets are of
+ *                              type 4 when sent and 0 when received. A new file is readable by its
+ *                              owner alone (mode 0600); one that exists is emptied and keeps its
+ *                              mode. A symbolic link is followed, so name no path in a folder in
+ *                              which others can write. One process, with the children that it
+ *                              forks, has the file at a time; another one gets no capture (EBUSY).
+ *                              A FIFO needs a reader from the start, and ends the capture when it
+ *                              is full (EAGAIN). A capture that fails ends, without SIGPIPE or
+ *                              SIGXFSZ, and the exchanges go on without it; see
  *                              corvil_netlink_check_capture().
  *
  * The environment must not be changed while any thread is in an operation.
  *
- * A host may close the library's descriptors between its calls, as a daemon does that closes all:
- * the next exchange connects anew, the capture ends (EBADF), and what has their numbers by then is
- * left alone.
+ * A host may close all its descriptors between its calls, the library's included, as daemons do.
+ * The next exchange then connects anew, the capture ends (EBADF), and files of the host that have
+ * got the same numbers are left alone.
  */
 #ifndef REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_
 #define REFERENCE_HOST_NETLINK_CORVIL_NETLINK_CONTROL_H_
@@ -91,10 +91,11 @@ typedef void (*corvil_netlink_trace_callback)(CorvilNetlinkDirection direction, 
 void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* context);
 
 /*
- * Has every request of the process shown to the trace callback, with sequence number 0, instead of
- * sent: it succeeds without a reply, and nothing is opened.
+ * Starts or ends a dry run of the whole process. In a dry run no request is sent and no socket is
+ * opened: each request is shown to the trace callback and the capture, with sequence number 0, and
+ * succeeds without a reply.
  *
- * family_id  what corvil_netlink_query_genl() finds for any family then; 0 ends the dry run
+ * family_id  the id that corvil_netlink_query_genl() finds for any family; 0 ends the dry run
  *
  * Not thread-safe: no other thread may be in a netlink operation.
  */
@@ -102,8 +103,8 @@ void corvil_netlink_set_dry_run(uint16_t family_id);
 
 /*
  * Starts the capture that CORVIL_NETLINK_PCAP asks for, unless an exchange has done so already.
- * Returns 0, also when none is asked for; -1 with the last error recorded when the file can't be
- * written: it misses messages then, and gets no more. Thread-safe.
+ * Returns 0, also when none is asked for, or -1 with the last error recorded when the capture has
+ * failed: it then lacks messages and gets no more. Thread-safe.
  */
 int corvil_netlink_check_capture(void);
 

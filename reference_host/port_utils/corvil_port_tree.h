@@ -18,15 +18,18 @@ typedef struct CorvilPort {
 /* The number of ports held. Thread-safe. */
 size_t corvil_port_tree_count(void);
 
-/* Forgets every port. Thread-safe. */
+/* Removes every port. Thread-safe. */
 void corvil_port_tree_clear(void);
 
-/* Receives one port, valid during the call only. It may call any function of the tree. */
+/*
+ * Receives one port, which is valid during the call only, and what the caller of
+ * corvil_port_tree_visit() passed. It may call any function of the tree.
+ */
 typedef void (*corvil_port_visitor)(const CorvilPort* port, void* context);
 
 /*
- * Visits every port, in the order of ip_proto, trans_proto and port. A port that comes or goes
- * meanwhile is visited or not, all others are visited once. Thread-safe.
+ * Calls the visitor once for every port, in the order of ip_proto, trans_proto and port. A port
+ * that is added or removed meanwhile may be visited or not. Thread-safe.
  */
 void corvil_port_tree_visit(corvil_port_visitor visitor, void* context);
 

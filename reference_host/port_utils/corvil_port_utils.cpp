@@ -44,7 +44,7 @@ class PortTree {
     ports_.clear();
   }
 
-  /// The first port, or the first one behind `port`.
+  /// The first port behind `port`, or the very first one without it.
   std::optional<CorvilPort> next(const std::optional<CorvilPort>& port) {
     const std::lock_guard lock(mutex_);
     const auto found = port ? ports_.upper_bound(*port) : ports_.begin();

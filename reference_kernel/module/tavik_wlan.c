@@ -2,8 +2,8 @@
 /*
  * The generic netlink family TAVIK_WLAN for any Linux kernel, to develop and test against.
  *
- * It keeps what it is told, for each network namespace by itself, and tells it again: as a dump of
- * the tuples, and all of it as text in /proc/net/tavik_wlan. It steers no traffic.
+ * It keeps the configuration of each network namespace and reports it: the tuples as a dump, and
+ * everything as text in /proc/net/tavik_wlan. It steers no traffic.
  */
 
 #include <linux/inet.h>
@@ -26,8 +26,8 @@
 #include "reference_kernel/tavik_wlan_limits.h"
 
 /*
- * The keys of what is held. Their bytes, padding of names included, compare with memcmp() in the
- * order in which they are listed.
+ * The keys of what is held. memcmp() of their bytes, with the padding of names, orders them as they
+ * are listed.
  */
 
 struct tavik_wlan_tuple {
@@ -70,7 +70,7 @@ struct tavik_wlan_encap {
 	u8 action; /* enum tavik_wlan_encap_action */
 } __packed;
 
-/* What there is a set of, in the order of the text. */
+/* The sets, in the order in which the text lists them. */
 enum tavik_wlan_kind { TUPLES, DEVICES, FORWARDINGS, ENCAPS, FLOWS, KINDS };
 
 /* A set of keys of one size, ordered as memcmp() orders them. */
@@ -140,7 +140,7 @@ static struct tavik_wlan_entry *set_find(const struct tavik_wlan_set *set, const
 	return entry && !memcmp(entry->key, key, set->key_size) ? entry : NULL;
 }
 
-/* Takes @entry in, whose key is not there yet. */
+/* Inserts @entry, whose key is not in the set yet. */
 static void set_insert(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
 {
 	struct rb_node **link = &set->root.rb_node, *parent = NULL;
@@ -156,7 +156,7 @@ static void set_insert(struct tavik_wlan_set *set, struct tavik_wlan_entry *entr
 	set->count++;
 }
 
-/* Takes a copy of @key in. -EEXIST when it is there already, -ENOSPC beyond the limit, -ENOMEM. */
+/* Adds a copy of @key. -EEXIST when the set has it, -ENOSPC when the set is full, or -ENOMEM. */
 static int set_add(struct tavik_wlan_set *set, const void *key)
 {
 	struct tavik_wlan_entry *entry;
@@ -179,7 +179,7 @@ static void set_unlink(struct tavik_wlan_set *set, struct tavik_wlan_entry *entr
 	set->count--;
 }
 
-/* Whether @key was there. */
+/* Returns whether the set had @key. */
 static bool set_delete(struct tavik_wlan_set *set, const void *key)
 {
 	struct tavik_wlan_entry *entry = set_find(set, key);
@@ -355,7 +355,7 @@ static DatapathTuple tuple_to_wire(const struct tavik_wlan_tuple *tuple)
 	return wire;
 }
 
-/* What the policies cannot say: each element holds one tuple attribute. */
+/* What the policies cannot check: each element holds exactly one tuple attribute. */
 static int check_elements(const struct nlattr *container, struct netlink_ext_ack *extack)
 {
 	const struct nlattr *element, *attr, *tuple;
@@ -379,7 +379,7 @@ static int check_elements(const struct nlattr *container, struct netlink_ext_ack
 	return 0;
 }
 
-/* The tuple attribute of a checked element. */
+/* The tuple attribute of an element that check_elements() has passed. */
 static const struct nlattr *element_tuple(const struct nlattr *element)
 {
 	return nla_data(element);
@@ -444,7 +444,7 @@ static int delete_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 	}
 	nla_for_each_nested(element, container, left) {
 		tuple = tuple_from_wire(element_tuple(element));
-		/* A tuple told twice is gone the second time. */
+		/* A tuple that the request lists twice is gone the second time. */
 		if (set_delete(&tn->sets[TUPLES], &tuple))
 			tuples_changed(tn);
 	}
@@ -624,9 +624,9 @@ static int reset(struct tavik_wlan_net *tn, struct genl_info *info)
 
 /* The dump of the tuples */
 
-/* Where a dump goes on; lives in the callback's context from one part to the next. */
+/* Where a dump continues. Kept in the callback's context from one part to the next. */
 struct tavik_wlan_cursor {
-	struct tavik_wlan_tuple next; /* a tuple not below this one, which may be gone by now */
+	struct tavik_wlan_tuple next; /* may be gone by then: the first one not below it is meant */
 };
 static_assert(sizeof(struct tavik_wlan_cursor) <= sizeof_field(struct netlink_callback, ctx));
 
@@ -645,7 +645,7 @@ static int put_element(struct sk_buff *skb, const struct tavik_wlan_tuple *tuple
 	return 0;
 }
 
-/* Puts tuples from @entry on, as many as fit. The first that does not, or NULL. */
+/* Puts as many tuples, from @entry on, as fit. Returns the first that does not fit, or NULL. */
 static const struct tavik_wlan_entry *put_elements(struct sk_buff *skb,
 						   const struct tavik_wlan_entry *entry)
 {
@@ -659,7 +659,7 @@ static const struct tavik_wlan_entry *put_elements(struct sk_buff *skb,
 	return entry;
 }
 
-/* Puts one message with tuples from @first on; *@next is the first that did not fit, or NULL. */
+/* Puts one message with tuples from @first on. *@next is the first that did not fit, or NULL. */
 static int put_message(struct sk_buff *skb, struct netlink_callback *cb,
 		       const struct tavik_wlan_entry *first, const struct tavik_wlan_entry **next)
 {
@@ -686,8 +686,8 @@ cancel:
 }
 
 /*
- * Called for one part of the dump after the other. A tuple that stays is in the dump once, one that
- * comes or goes meanwhile is in it or not, and the generation marks such a dump as interrupted.
+ * Puts one part of the dump. A tuple that stays is in the dump once. One that is added or removed
+ * meanwhile may be in it or not; the generation then marks the dump as interrupted.
  */
 static int dump_tuples(struct sk_buff *skb, struct netlink_callback *cb)
 {
@@ -870,17 +870,17 @@ static const struct {
 };
 
 /*
- * A reader of the text, which holds the lock for one buffer at a time only. What stays meanwhile is
- * read once, what comes or goes is read or not.
+ * A reader of the text. It holds the lock only while it fills one buffer. An entry that stays is
+ * read once, one that is added or removed meanwhile may be read or not.
  */
 struct tavik_wlan_reader {
-	struct seq_net_private net; /* the kernel wants it first */
-	unsigned int kind; /* of the entry that is next, which may be gone by now, and its key */
-	u8 key[sizeof(struct tavik_wlan_flow)];
+	struct seq_net_private net;		/* seq_file_net() expects it first */
+	unsigned int kind;			/* of the next entry */
+	u8 key[sizeof(struct tavik_wlan_flow)]; /* of the next entry, which may be gone by then */
 };
 static_assert(sizeof(struct tavik_wlan_flow) >= sizeof(struct tavik_wlan_forwarding));
 
-/* Has the reader go on at @entry, or at the next kind that has one. */
+/* Moves the reader to @entry, or without one to the first entry of the kinds that follow. */
 static void *reader_move(struct seq_file *seq, struct tavik_wlan_entry *entry)
 {
 	const struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_net(seq));
