@@ -568,7 +568,8 @@ TEST(Log, DiagnosticMessageIsOneLine) {
 }
 
 TEST(PortTree, HoldsKnownPortsOnceAndInOrder) {
-  EXPECT_EQ(0, corvil_port_utils_add_port_from_kernel(443, 6, 17));
+  EXPECT_EQ(0, corvil_port_utils_add_port_from_kernel(443, 6, 6));
+  EXPECT_EQ(0, corvil_port_utils_add_port_from_kernel(53, 4, 17));
   for (const uint16_t port : std::array<uint16_t, 3>{65535, 80, 80}) {
     EXPECT_EQ(0, corvil_port_utils_add_port_from_kernel(port, 4, 6));
   }
@@ -578,7 +579,7 @@ TEST(PortTree, HoldsKnownPortsOnceAndInOrder) {
     *static_cast<std::string*>(context) += std::to_string(port->port) + " ";
   };
   corvil_port_tree_visit(list, &listed);
-  EXPECT_EQ("80 65535 443 ", listed);
+  EXPECT_EQ("80 65535 53 443 ", listed);
 }
 
 }  // namespace
