@@ -165,7 +165,7 @@ void serve_emulator(const std::string& path, const Settings& settings) {
   {
     tavik_wlan::Emulator emulator(path,
                                   [&](std::string_view line) { printer.print(printable(line)); });
-    emulator.misbehave(parse_misbehaviour(settings.misbehaviour));
+    emulator.inject(parse_misbehaviour(settings.misbehaviour));
     printer.print("serving TAVIK_WLAN at " + printable(path));
     int signal = 0;
     sigwait(&ends, &signal);

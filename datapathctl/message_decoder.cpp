@@ -1,334 +1,153 @@
 #include "datapathctl/message_decoder.h"
 
 #include <arpa/inet.h>
-#include <libmnl/libmnl.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
 #include <cwctype>
+#include <optional>
 
-#include "kernel_interface/tavik_wlan.h"
+#include "kernel_interface/protocol.h"
 
 namespace datapathctl {
 namespace {
 
 using Json = nlohmann::ordered_json;
+using tavik_wlan::Attribute;
+using tavik_wlan::AttributeInfo;
+using tavik_wlan::AttributeReader;
+using tavik_wlan::Bytes;
+using tavik_wlan::CommandInfo;
+using tavik_wlan::FoundAttribute;
+using tavik_wlan::Kind;
+using tavik_wlan::load;
 
-enum class Kind {
-  kBytes,
-  kString,
-  kU8,
-  kU16,
-  kU32,
-  kPort,
-  kTuples,
-  kTupleElement,
-  kTuple,
-  kOperations
+constexpr CommandInfo kControllerCommands[] = {
+    {CTRL_CMD_NEWFAMILY, "NEWFAMILY"},
+    {CTRL_CMD_DELFAMILY, "DELFAMILY"},
+    {CTRL_CMD_GETFAMILY, "GETFAMILY"},
 };
 
-struct AttributeName {
-  const char* name = nullptr;
-  Kind kind = Kind::kBytes;
+constexpr AttributeInfo kControllerAttributes[] = {
+    {CTRL_ATTR_FAMILY_ID, "FAMILY_ID", Kind::kU16},
+    {CTRL_ATTR_FAMILY_NAME, "FAMILY_NAME", Kind::kString},
+    {CTRL_ATTR_VERSION, "VERSION", Kind::kU32},
+    {CTRL_ATTR_HDRSIZE, "HDRSIZE", Kind::kU32},
+    {CTRL_ATTR_MAXATTR, "MAXATTR", Kind::kU32},
+    {CTRL_ATTR_OPS, "OPS", Kind::kOperations},
 };
 
-// All tables are indexed by the number that the protocol gives.
-
-constexpr std::array<const char*, TAVIK_WLAN_CMD_MAX + 1> kCommands = {
-    nullptr,
-    "ADD_TUPLES",
-    "DEL_TUPLES",
-    "SET_DEV",
-    "UNSET_DEV",
-    "ADD_FWD_INFO",
-    "DEL_FWD_INFO",
-    "SET_ENCAP_PORT",
-    "UNSET_ENCAP_PORT",
-    "RESET",
-    "ENCAP_PORT_ACT_PASS_THROUGH",
-    "ENCAP_PORT_ACT_DROP",
-    "LL_ADDR_ADD",
-    "LL_ADDR_FLUSH",
-    "GET_TUPLES",
+constexpr AttributeInfo kExtackAttributes[] = {
+    {NLMSGERR_ATTR_MSG, "MSG", Kind::kString},
+    {NLMSGERR_ATTR_OFFS, "OFFS", Kind::kU32},
+    {NLMSGERR_ATTR_MISS_TYPE, "MISS_TYPE", Kind::kU32},
+    {NLMSGERR_ATTR_MISS_NEST, "MISS_NEST", Kind::kU32},
 };
-
-constexpr std::array<AttributeName, TAVIK_WLAN_ATTR_MAX + 1> kAttributes = {{
-    {},
-    {"TUPLES", Kind::kTuples},
-    {"DEV", Kind::kString},
-    {"FWD_FROM", Kind::kString},
-    {"FWD_TO", Kind::kString},
-    {"ENCAP_PORT", Kind::kPort},
-    {"SELECTOR", Kind::kU8},
-    {"LL_SRC_ADDR", Kind::kString},
-    {"LL_DST_ADDR", Kind::kString},
-    {"LL_SRC_PORT", Kind::kPort},
-    {"LL_DST_PORT", Kind::kPort},
-}};
-
-constexpr std::array<AttributeName, TAVIK_WLAN_TUPLE_ELEMENT + 1> kTupleElements = {
-    {{}, {"ELEMENT", Kind::kTupleElement}}};
-
-constexpr std::array<AttributeName, TAVIK_WLAN_TUPLE_ATTR_MAX + 1> kTupleAttributes = {
-    {{}, {"TUPLE", Kind::kTuple}}};
-
-constexpr std::array<const char*, CTRL_CMD_GETFAMILY + 1> kControllerCommands = {
-    nullptr, "NEWFAMILY", "DELFAMILY", "GETFAMILY"};
-
-constexpr std::array<AttributeName, CTRL_ATTR_OPS + 1> kControllerAttributes = {{
-    {},
-    {"FAMILY_ID", Kind::kU16},
-    {"FAMILY_NAME", Kind::kString},
-    {"VERSION", Kind::kU32},
-    {"HDRSIZE", Kind::kU32},
-    {"MAXATTR", Kind::kU32},
-    {"OPS", Kind::kOperations},
-}};
-
-constexpr std::array<AttributeName, NLMSGERR_ATTR_MISS_NEST + 1> kErrorAttributes = {{
-    {},
-    {"MSG", Kind::kString},
-    {"OFFS", Kind::kU32},
-    {},
-    {},
-    {"MISS_TYPE", Kind::kU32},
-    {"MISS_NEST", Kind::kU32},
-}};
-
-std::span<const uint8_t> payload(const nlattr* attribute) {
-  return {static_cast<const uint8_t*>(mnl_attr_get_payload(attribute)),
-          mnl_attr_get_payload_len(attribute)};
-}
 
 template <typename Number>
-Json number(std::span<const uint8_t> bytes) {
-  Number value{};
-  if (bytes.size() != sizeof(value)) {
-    return to_hex(bytes);
-  }
-  memcpy(&value, bytes.data(), sizeof(value));
-  return value;
+Json number(Bytes payload) {
+  return payload.size() == sizeof(Number) ? Json(load<Number>(payload)) : Json(to_hex(payload));
 }
 
-/// Text up to its NUL, whatever bytes it has.
-std::string string_text(std::span<const uint8_t> bytes) {
-  return {bytes.begin(), std::ranges::find(bytes, 0)};
-}
+Json value(Kind kind, Bytes payload);
 
-std::string tuple_text(std::span<const uint8_t> bytes) {
-  DatapathTuple tuple;
-  if (bytes.size() != sizeof(tuple)) {
-    return to_hex(bytes);
-  }
-  memcpy(&tuple, bytes.data(), sizeof(tuple));
-  const std::string version = tuple.ip_proto == TAVIK_WLAN_IP_PROTO_IPV4   ? "ipv4 "
-                              : tuple.ip_proto == TAVIK_WLAN_IP_PROTO_IPV6 ? "ipv6 "
-                                                                           : "ip? ";
-  if (tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP) {
-    char spi[16];
-    snprintf(spi, sizeof(spi), "0x%08x", ntohl(tuple.key.spi));
-    return version + "esp " + spi;
-  }
-  const std::string transport = tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP   ? "tcp "
-                                : tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_UDP ? "udp "
-                                                                                  : "protocol? ";
-  return version + transport + std::to_string(ntohs(tuple.key.port));
-}
-
-template <typename Each>
-void for_each_attribute(std::span<const uint8_t> run, Each each) {
-  const auto* attribute = reinterpret_cast<const nlattr*>(run.data());
-  const auto* end = reinterpret_cast<const char*>(run.data() + run.size());
-  while (mnl_attr_ok(attribute, static_cast<int>(end - reinterpret_cast<const char*>(attribute)))) {
-    each(attribute);
-    attribute = mnl_attr_next(attribute);
-  }
-}
-
-Json tuples(std::span<const uint8_t> container) {
+/// The values of one type and kind that the elements of a container hold.
+Json values_inside(Bytes container, uint16_t type, Kind kind) {
   Json list = Json::array();
-  for_each_attribute(container, [&](const nlattr* element) {
-    for_each_attribute(payload(element),
-                       [&](const nlattr* tuple) { list.push_back(tuple_text(payload(tuple))); });
-  });
-  return list;
-}
-
-Json operations(std::span<const uint8_t> container) {
-  Json list = Json::array();
-  for_each_attribute(container, [&](const nlattr* operation) {
-    for_each_attribute(payload(operation), [&](const nlattr* field) {
-      if (mnl_attr_get_type(field) == CTRL_ATTR_OP_ID) {
-        list.push_back(number<uint32_t>(payload(field)));
+  AttributeReader elements(container, 0);
+  while (const std::optional<Attribute> element = elements.next()) {
+    AttributeReader inside(*element);
+    while (const std::optional<Attribute> attribute = inside.next()) {
+      if (attribute->type == type) {
+        list.push_back(value(kind, attribute->payload));
       }
-    });
-  });
+    }
+  }
   return list;
 }
 
-Json value(Kind kind, std::span<const uint8_t> bytes) {
+Json value(Kind kind, Bytes payload) {
   switch (kind) {
-    case Kind::kString:
-      return string_text(bytes);
     case Kind::kU8:
-      return number<uint8_t>(bytes);
+      return number<uint8_t>(payload);
     case Kind::kU16:
-      return number<uint16_t>(bytes);
+      return number<uint16_t>(payload);
     case Kind::kU32:
-      return number<uint32_t>(bytes);
+      return number<uint32_t>(payload);
     case Kind::kPort: {
-      const Json port = number<uint16_t>(bytes);
+      const Json port = number<uint16_t>(payload);
       return port.is_number() ? Json(ntohs(port.get<uint16_t>())) : port;
     }
+    case Kind::kString:
+    case Kind::kName:
+    case Kind::kAddress:
+      // Up to its NUL, whatever bytes it has.
+      return std::string(payload.begin(), std::ranges::find(payload, 0));
     case Kind::kTuples:
-      return tuples(bytes);
+      return values_inside(payload, TAVIK_WLAN_TUPLE_ATTR, Kind::kTuple);
     case Kind::kTuple:
-      return tuple_text(bytes);
+      return payload.size() == sizeof(DatapathTuple)
+                 ? tavik_wlan::tuple_text(load<DatapathTuple>(payload))
+                 : to_hex(payload);
     case Kind::kOperations:
-      return operations(bytes);
+      return values_inside(payload, CTRL_ATTR_OP_ID, Kind::kU32);
     case Kind::kTupleElement:
-    case Kind::kBytes:
       break;
   }
-  return to_hex(bytes);
+  return to_hex(payload);
 }
 
-AttributeName known_attribute(std::span<const AttributeName> names, uint32_t type) {
-  return type < names.size() ? names[type] : AttributeName{};
+Json value(const AttributeInfo* info, Bytes payload) {
+  return info != nullptr ? value(info->kind, payload) : Json(to_hex(payload));
 }
 
-std::string attribute_name(std::span<const AttributeName> names, uint32_t type) {
-  const char* name = known_attribute(names, type).name;
-  return name != nullptr ? name : "type " + std::to_string(type);
-}
-
-Json attributes(std::span<const AttributeName> names, std::span<const uint8_t> run) {
+Json values(std::span<const AttributeInfo> attributes, AttributeReader run) {
   Json object = Json::object();
-  for_each_attribute(run, [&](const nlattr* attribute) {
-    const uint16_t type = mnl_attr_get_type(attribute);
-    object[attribute_name(names, type)] =
-        value(known_attribute(names, type).kind, payload(attribute));
-  });
+  while (const std::optional<Attribute> attribute = run.next()) {
+    object[attribute_name(attributes, attribute->type)] =
+        value(find_attribute(attributes, attribute->type), attribute->payload);
+  }
   return object;
 }
 
-/// The attributes that one of a kind contains; empty where it contains none.
-std::span<const AttributeName> attributes_inside(Kind kind) {
-  switch (kind) {
-    case Kind::kTuples:
-      return kTupleElements;
-    case Kind::kTupleElement:
-      return kTupleAttributes;
-    default:
-      return {};
-  }
+std::string command_name(std::span<const CommandInfo> commands, uint8_t command) {
+  const CommandInfo* info = find_command(commands, command);
+  return info != nullptr ? info->name : "command " + std::to_string(command);
 }
 
-std::span<const AttributeName> attributes_of_family(uint16_t type, uint16_t family_id) {
+FoundAttribute find_attribute_at(Bytes request, uint32_t offset, uint16_t family_id) {
+  const uint16_t type = load<nlmsghdr>(request).nlmsg_type;
+  std::span<const AttributeInfo> attributes;
   if (type == GENL_ID_CTRL) {
-    return kControllerAttributes;
+    attributes = kControllerAttributes;
+  } else if (type == family_id) {
+    attributes = tavik_wlan::kAttributes;
   }
-  return type == family_id ? std::span<const AttributeName>(kAttributes)
-                           : std::span<const AttributeName>();
+  return tavik_wlan::attribute_at(request, attributes, offset);
 }
 
-/// An attribute of a run, and which one of them.
-struct RunEntry {
-  const nlattr* attribute = nullptr;
-  size_t index = 0;
-};
-
-RunEntry entry_around(std::span<const uint8_t> run, const uint8_t* place) {
-  RunEntry found;
-  size_t index = 0;
-  for_each_attribute(run, [&](const nlattr* attribute) {
-    const auto* start = reinterpret_cast<const uint8_t*>(attribute);
-    if (place >= start && place < start + attribute->nla_len) {
-      found = {attribute, index};
-    }
-    ++index;
-  });
-  return found;
-}
-
-struct FoundAttribute {
-  NamedAttribute named;
-  std::span<const AttributeName> inside;  // the attributes that it may contain
-};
-
-/// The innermost attribute of a run that holds the byte at `place`.
-FoundAttribute find_attribute(std::span<const AttributeName> names, std::span<const uint8_t> run,
-                              const uint8_t* place) {
-  FoundAttribute found{{}, names};
-  for (;;) {
-    const auto [attribute, index] = entry_around(run, place);
-    if (attribute == nullptr) {
-      return found;
-    }
-    const uint16_t type = mnl_attr_get_type(attribute);
-    const Kind kind = known_attribute(found.inside, type).kind;
-    std::string& name = found.named.name;
-    if (kind == Kind::kTupleElement) {
-      name.append("[").append(std::to_string(index)).append("]");
-    } else {
-      name.append(name.empty() ? "" : ".").append(attribute_name(found.inside, type));
-    }
-    found.inside = attributes_inside(kind);
-    run = {};
-    if (found.inside.empty()) {
-      found.named.value = value(kind, payload(attribute));
-    } else if (place != reinterpret_cast<const uint8_t*>(attribute)) {
-      run = payload(attribute);
-    }
-  }
-}
-
-std::string command_name(std::span<const char* const> names, uint8_t command) {
-  const bool known = command < names.size() && names[command] != nullptr;
-  return known ? names[command] : "command " + std::to_string(command);
-}
-
-/// What lies in a message from an offset on, empty where it ends before.
-std::span<const uint8_t> message_from(const nlmsghdr* message, size_t offset) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(message);
-  return offset < message->nlmsg_len
-             ? std::span<const uint8_t>(bytes + offset, message->nlmsg_len - offset)
-             : std::span<const uint8_t>();
-}
-
-FoundAttribute find_attribute(std::span<const uint8_t> request, uint32_t offset,
-                              uint16_t family_id) {
-  const auto* message = reinterpret_cast<const nlmsghdr*>(request.data());
-  return find_attribute(attributes_of_family(message->nlmsg_type, family_id),
-                        message_from(message, NLMSG_HDRLEN + GENL_HDRLEN),
-                        request.data() + std::min<size_t>(offset, request.size()));
-}
-
-Json decode_acknowledgement(const nlmsghdr* message) {
-  const std::span<const uint8_t> body = message_from(message, NLMSG_HDRLEN);
-  nlmsgerr error{};
-  if (body.size() < sizeof(error)) {
+Json decode_acknowledgement(Bytes message) {
+  if (message.size() < NLMSG_HDRLEN + sizeof(nlmsgerr)) {
     return {{"message", "MALFORMED"}};
   }
-  memcpy(&error, body.data(), sizeof(error));
+  const auto header = load<nlmsghdr>(message);
+  const auto error = load<nlmsgerr>(message.subspan(NLMSG_HDRLEN));
   Json object;
   if (error.error == 0) {
     object["message"] = "ACK";
   } else {
     // In 64 bits, since the smallest int has no opposite.
     const char* name = strerrorname_np(static_cast<int>(-int64_t{error.error}));
-    object["message"] =
-        std::string("ERROR ") + (name != nullptr ? name : std::to_string(error.error).c_str());
+    object["message"] = "ERROR " + (name != nullptr ? name : std::to_string(error.error));
   }
-  const size_t echoed = (message->nlmsg_flags & NLM_F_CAPPED) != 0
+  const size_t echoed = (header.nlmsg_flags & NLM_F_CAPPED) != 0
                             ? 0
                             : NLMSG_ALIGN(error.msg.nlmsg_len) - NLMSG_HDRLEN;
-  if ((message->nlmsg_flags & NLM_F_ACK_TLVS) != 0) {
-    object["attributes"] =
-        attributes(kErrorAttributes, message_from(message, NLMSG_HDRLEN + sizeof(error) + echoed));
+  if ((header.nlmsg_flags & NLM_F_ACK_TLVS) != 0) {
+    const AttributeReader extack(message, NLMSG_HDRLEN + sizeof(error) + echoed);
+    object["attributes"] = values(kExtackAttributes, extack);
   }
   return object;
 }
@@ -349,16 +168,8 @@ std::string escaped(char byte) {
 
 Json MessageDecoder::decode(std::span<const uint8_t> datagram) {
   Json messages = Json::array();
-  while (datagram.size() >= sizeof(nlmsghdr)) {
-    const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
-    // Compared without a sign: to mnl_nlmsg_ok() a length of 2^31 and more is a negative one.
-    if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > datagram.size()) {
-      break;
-    }
-    messages.push_back(decode_message(message));
-    // The last message may lack its padding.
-    datagram = datagram.subspan(
-        std::min<size_t>(NLMSG_ALIGN(size_t{message->nlmsg_len}), datagram.size()));
+  while (const std::optional<Bytes> message = tavik_wlan::take_message(datagram)) {
+    messages.push_back(decode_message(*message));
   }
   if (!datagram.empty()) {
     messages.push_back({{"message", "MALFORMED"}, {"length", datagram.size()}});
@@ -368,39 +179,42 @@ Json MessageDecoder::decode(std::span<const uint8_t> datagram) {
 
 NamedAttribute MessageDecoder::attribute_at(std::span<const uint8_t> request,
                                             uint32_t offset) const {
-  return find_attribute(request, offset, family_id_).named;
+  const FoundAttribute found = find_attribute_at(request, offset, family_id_);
+  const bool has_value = !found.name.empty() && found.inside.empty();
+  return {found.name, has_value ? value(found.info, found.payload) : Json()};
 }
 
 std::string MessageDecoder::missing_attribute(std::span<const uint8_t> request, uint32_t type,
                                               uint32_t container_offset) const {
-  const FoundAttribute container = find_attribute(request, container_offset, family_id_);
-  const std::string& name = container.named.name;
-  return (name.empty() ? "" : name + ".") + attribute_name(container.inside, type);
+  const FoundAttribute container = find_attribute_at(request, container_offset, family_id_);
+  return (container.name.empty() ? "" : container.name + ".") +
+         attribute_name(container.inside, type);
 }
 
-Json MessageDecoder::decode_message(const nlmsghdr* message) {
+Json MessageDecoder::decode_message(std::span<const uint8_t> message) {
+  const auto header = load<nlmsghdr>(message);
   Json object;
-  if (message->nlmsg_type == NLMSG_ERROR) {
+  if (header.nlmsg_type == NLMSG_ERROR) {
     object = decode_acknowledgement(message);
-  } else if (message->nlmsg_type == NLMSG_DONE) {
+  } else if (header.nlmsg_type == NLMSG_DONE) {
     object["message"] = "DONE";
   } else {
     object = decode_generic(message);
   }
-  object["seq"] = message->nlmsg_seq;
-  object["length"] = message->nlmsg_len;
+  object["seq"] = header.nlmsg_seq;
+  object["length"] = header.nlmsg_len;
   return object;
 }
 
-Json MessageDecoder::decode_generic(const nlmsghdr* message) {
-  const std::span<const uint8_t> body = message_from(message, NLMSG_HDRLEN);
-  const std::span<const uint8_t> run = message_from(message, NLMSG_HDRLEN + GENL_HDRLEN);
-  if (body.size() < GENL_HDRLEN) {
+Json MessageDecoder::decode_generic(std::span<const uint8_t> message) {
+  if (message.size() < NLMSG_HDRLEN + GENL_HDRLEN) {
     return {{"message", "MALFORMED"}};
   }
-  const uint8_t command = body[offsetof(genlmsghdr, cmd)];
-  if (message->nlmsg_type == GENL_ID_CTRL) {
-    Json found = attributes(kControllerAttributes, run);
+  const uint16_t type = load<nlmsghdr>(message).nlmsg_type;
+  const uint8_t command = load<genlmsghdr>(message.subspan(NLMSG_HDRLEN)).cmd;
+  const AttributeReader run(message);
+  if (type == GENL_ID_CTRL) {
+    Json found = values(kControllerAttributes, run);
     if (found.value("FAMILY_NAME", "") == TAVIK_WLAN_FAMILY_NAME && found.contains("FAMILY_ID") &&
         found["FAMILY_ID"].is_number()) {
       family_id_ = found["FAMILY_ID"];
@@ -408,12 +222,11 @@ Json MessageDecoder::decode_generic(const nlmsghdr* message) {
     return {{"message", "nlctrl " + command_name(kControllerCommands, command)},
             {"attributes", found}};
   }
-  if (message->nlmsg_type == family_id_) {
-    return {{"message", TAVIK_WLAN_FAMILY_NAME " " + command_name(kCommands, command)},
-            {"attributes", attributes(kAttributes, run)}};
+  if (type == family_id_) {
+    return {{"message", TAVIK_WLAN_FAMILY_NAME " " + command_name(tavik_wlan::kCommands, command)},
+            {"attributes", values(tavik_wlan::kAttributes, run)}};
   }
-  return {{"message", "family " + std::to_string(message->nlmsg_type) + " command " +
-                          std::to_string(command)}};
+  return {{"message", "family " + std::to_string(type) + " command " + std::to_string(command)}};
 }
 
 std::string to_text(const Json& message) {

@@ -28,11 +28,11 @@ class MessageDecoder {
   /// One object for each message of a datagram: "message" names it ("TAVIK_WLAN ADD_TUPLES", "ACK",
   /// "ERROR EEXIST", "DONE"), "seq" and "length" are those of its header, "attributes" maps names
   /// to values, ports and SPIs in host byte order; strings need not be UTF-8. What is no whole
-  /// message becomes a "MALFORMED" one. Reads nothing beyond the datagram, which is 4-byte aligned.
+  /// message becomes a "MALFORMED" one. Reads nothing beyond the datagram.
   nlohmann::ordered_json decode(std::span<const uint8_t> datagram);
 
   /// The innermost attribute that a request holds at an offset from its start; one without a name
-  /// when there is none. The request is whole and 4-byte aligned.
+  /// when there is none. The request is whole.
   [[nodiscard]] NamedAttribute attribute_at(std::span<const uint8_t> request,
                                             uint32_t offset) const;
 
@@ -42,8 +42,8 @@ class MessageDecoder {
                                               uint32_t container_offset) const;
 
  private:
-  nlohmann::ordered_json decode_message(const nlmsghdr* message);
-  nlohmann::ordered_json decode_generic(const nlmsghdr* message);
+  nlohmann::ordered_json decode_message(std::span<const uint8_t> message);
+  nlohmann::ordered_json decode_generic(std::span<const uint8_t> message);
 
   uint16_t family_id_;  // of TAVIK_WLAN; 0: not known yet
 };

@@ -12,7 +12,7 @@
 
 namespace datapathctl {
 
-using tavik_wlan::Misbehaviour;
+using tavik_wlan::Faults;
 
 namespace {
 
@@ -40,50 +40,46 @@ int parse_errno(std::string_view text) {
   return static_cast<int>(parse_number(text, kMaxErrno, "errno", 1));
 }
 
-void set_refusal(Misbehaviour& misbehaviour, std::string_view value) {
+void set_refusal(Faults& faults, std::string_view value) {
   const size_t colon = value.find(':');
   if (colon == std::string_view::npos) {
     throw UsageError("bad misbehaviour: it reads refuse=N:ERRNO");
   }
-  misbehaviour.refuse_nth = parse_number(value.substr(0, colon), UINT32_MAX, "refuse", 1);
-  misbehaviour.refuse_error = parse_errno(value.substr(colon + 1));
+  faults.refuse_nth = parse_number(value.substr(0, colon), UINT32_MAX, "refuse", 1);
+  faults.refuse_error = parse_errno(value.substr(colon + 1));
 }
 
-void set_family_id(Misbehaviour& misbehaviour, std::string_view value) {
+void set_family_id(Faults& faults, std::string_view value) {
   const uint32_t id = parse_number(value, UINT16_MAX, "family-id");
   if (id <= GENL_ID_CTRL) {
     throw UsageError("bad family-id: those up to " + std::to_string(GENL_ID_CTRL) + " are taken");
   }
-  misbehaviour.family_id = static_cast<uint16_t>(id);
+  faults.family_id = static_cast<uint16_t>(id);
 }
 
 constexpr struct Word {
   std::string_view name;
   const char* value;  // what its value is; null: it has none
   const char* help;
-  void (*apply)(Misbehaviour& misbehaviour, std::string_view value);
+  void (*apply)(Faults& faults, std::string_view value);
 } kWords[] = {
-    {"none", nullptr, "behave well again", [](Misbehaviour& m, std::string_view) { m = {}; }},
-    {"silent", nullptr, "give no answer",
-     [](Misbehaviour& m, std::string_view) { m.silent = true; }},
+    {"none", nullptr, "behave well again", [](Faults& m, std::string_view) { m = {}; }},
+    {"silent", nullptr, "give no answer", [](Faults& m, std::string_view) { m.silent = true; }},
     {"delay", "MS", "answer so many milliseconds late",
-     [](Misbehaviour& m, std::string_view v) { m.delay_ms = parse_number(v, 3600000, "delay"); }},
+     [](Faults& m, std::string_view v) { m.delay_ms = parse_number(v, 3600000, "delay"); }},
     {"truncate", "BYTES", "cut each datagram to so many bytes",
-     [](Misbehaviour& m, std::string_view v) {
-       m.truncate = parse_number(v, 65536, "truncate", 1);
-     }},
+     [](Faults& m, std::string_view v) { m.truncate = parse_number(v, 65536, "truncate", 1); }},
     {"garbage", nullptr, "answer with random bytes",
-     [](Misbehaviour& m, std::string_view) { m.garbage = true; }},
+     [](Faults& m, std::string_view) { m.garbage = true; }},
     {"stale", nullptr, "answer an earlier request first",
-     [](Misbehaviour& m, std::string_view) { m.stale = true; }},
+     [](Faults& m, std::string_view) { m.stale = true; }},
     {"refuse", "N:ERRNO", "refuse the N-th request from now on, with EPERM or so", set_refusal},
     {"interrupt", "DUMPS", "mark so many dumps as interrupted",
-     [](Misbehaviour& m, std::string_view v) {
+     [](Faults& m, std::string_view v) {
        m.interrupted_dumps = parse_number(v, UINT32_MAX, "interrupt");
      }},
     {"family-id", "ID", "give the family another id", set_family_id},
-    {"absent", nullptr, "lose the family",
-     [](Misbehaviour& m, std::string_view) { m.absent = true; }},
+    {"absent", nullptr, "lose the family", [](Faults& m, std::string_view) { m.absent = true; }},
 };
 
 }  // namespace
@@ -100,8 +96,8 @@ std::vector<Usage> misbehaviour_usages() {
   return usages;
 }
 
-Misbehaviour parse_misbehaviour(const std::vector<std::string>& words) {
-  Misbehaviour misbehaviour;
+Faults parse_misbehaviour(const std::vector<std::string>& words) {
+  Faults faults;
   for (const std::string& word : words) {
     const size_t equals = word.find('=');
     const std::string_view name = std::string_view(word).substr(0, equals);
@@ -114,10 +110,9 @@ Misbehaviour parse_misbehaviour(const std::vector<std::string>& words) {
     if (known == nullptr) {
       throw UsageError("bad misbehaviour '" + word + "'");
     }
-    known->apply(misbehaviour,
-                 known->value != nullptr ? std::string_view(word).substr(equals + 1) : "");
+    known->apply(faults, known->value != nullptr ? std::string_view(word).substr(equals + 1) : "");
   }
-  return misbehaviour;
+  return faults;
 }
 
 }  // namespace datapathctl

@@ -15,7 +15,7 @@ std::vector<Usage> misbehaviour_usages();
 
 /// The sum of words such as "silent", "delay=20" or "refuse=2:EPERM"; "none" is the empty sum.
 /// Throws UsageError on any other word.
-tavik_wlan::Misbehaviour parse_misbehaviour(const std::vector<std::string>& words);
+tavik_wlan::Faults parse_misbehaviour(const std::vector<std::string>& words);
 
 }  // namespace datapathctl
 

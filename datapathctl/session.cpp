@@ -278,7 +278,7 @@ void Session::misbehave(const std::vector<std::string>& words) {
   if (words.empty()) {
     return;
   }
-  const tavik_wlan::Misbehaviour misbehaviour = parse_misbehaviour(words);
+  const tavik_wlan::Faults faults = parse_misbehaviour(words);
   start();
   if (settings_.dry_run) {
     return;
@@ -286,7 +286,7 @@ void Session::misbehave(const std::vector<std::string>& words) {
   if (!emulator_) {
     throw UsageError("only the emulator of --emulate can be told to misbehave");
   }
-  emulator_->misbehave(misbehaviour);
+  emulator_->inject(faults);
 }
 
 }  // namespace datapathctl

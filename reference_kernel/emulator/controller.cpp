@@ -9,16 +9,11 @@
 #include <optional>
 #include <string>
 
-#include "reference_kernel/emulator/attribute_policy.h"
-#include "reference_kernel/emulator/attribute_reader.h"
-#include "reference_kernel/emulator/datagram_writer.h"
-
 namespace tavik_wlan {
 namespace {
 
 constexpr uint8_t kControllerVersion = 2;
-constexpr AttributePolicy kFamilyName{.type = AttributePolicy::Type::kString,
-                                      .max_length = GENL_NAMSIZ - 1};
+constexpr AttributeInfo kFamilyName{CTRL_ATTR_FAMILY_NAME, "FAMILY_NAME", Kind::kString};
 
 /// Which family a request asks about.
 struct Query {
@@ -27,27 +22,23 @@ struct Query {
 };
 
 /// Passes over attributes that it does not know, as the kernel's controller does.
-Verdict parse_query(Bytes message, Query& query) {
-  AttributeReader reader(message.subspan(kMessageHeaders), kMessageHeaders);
+Status parse_query(Bytes message, Query& query) {
+  AttributeReader reader(message);
   while (std::optional<Attribute> attribute = reader.next()) {
     attribute->nested = false;  // The controller is older than the flag.
-    const Bytes payload = attribute->payload;
     if (attribute->type == CTRL_ATTR_FAMILY_ID) {
-      if (payload.size() < sizeof(uint16_t)) {
-        return Refusal{-ERANGE, "Attribute failed policy validation", attribute->offset};
+      if (attribute->payload.size() < sizeof(uint16_t)) {
+        return {-ERANGE, "Attribute failed policy validation", attribute->offset};
       }
-      query.id = load<uint16_t>(payload);
+      query.id = load<uint16_t>(attribute->payload);
     } else if (attribute->type == CTRL_ATTR_FAMILY_NAME) {
-      if (const Verdict verdict = validate(*attribute, kFamilyName)) {
-        return verdict;
+      if (Status status = validate(*attribute, kFamilyName); !status.ok()) {
+        return status;
       }
-      query.name = reinterpret_cast<const char*>(payload.data());
+      query.name = string_in(*attribute);
     }
   }
-  if (!query.id && !query.name) {
-    return Refusal{-EINVAL};
-  }
-  return kAccepted;
+  return query.id || query.name ? Status{} : Status{-EINVAL};
 }
 
 void append_family(DatagramWriter& writer, const nlmsghdr& request, uint16_t flags,
@@ -85,12 +76,12 @@ FamilyDescription describe_controller() {
 }
 
 Outcome handle_controller_request(Bytes message, std::span<const FamilyDescription> families) {
-  if (message.size() < kMessageHeaders) {
-    return {.verdict = Refusal{-EINVAL}};
+  if (message.size() < NLMSG_HDRLEN + GENL_HDRLEN) {
+    return {.status = {-EINVAL}};
   }
   const auto header = load<nlmsghdr>(message);
   if (load<genlmsghdr>(message.subspan(NLMSG_HDRLEN)).cmd != CTRL_CMD_GETFAMILY) {
-    return {.verdict = Refusal{-EOPNOTSUPP}};
+    return {.status = {-EOPNOTSUPP}};
   }
   DatagramWriter writer;
   if (is_dump(header)) {
@@ -101,15 +92,15 @@ Outcome handle_controller_request(Bytes message, std::span<const FamilyDescripti
     return {.replies = {writer.take()}};
   }
   Query query;
-  if (const Verdict verdict = parse_query(message, query)) {
-    return {.verdict = verdict};
+  if (Status status = parse_query(message, query); !status.ok()) {
+    return {.status = status};
   }
   // As with the kernel's, a name counts more than an id.
-  const auto found = std::find_if(families.begin(), families.end(), [&](const auto& family) {
+  const auto found = std::ranges::find_if(families, [&](const auto& family) {
     return query.name ? family.name == *query.name : family.id == *query.id;
   });
   if (found == families.end()) {
-    return {.verdict = Refusal{-ENOENT}};
+    return {.status = {-ENOENT}};
   }
   append_family(writer, header, 0, *found);
   return {.replies = {writer.take()}};

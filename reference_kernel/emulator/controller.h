@@ -4,11 +4,10 @@
 
 #include <cstdint>
 #include <span>
-#include <string_view>
+#include <string>
 #include <vector>
 
-#include "reference_kernel/emulator/message.h"
-#include "reference_kernel/emulator/outcome.h"
+#include "reference_kernel/emulator/netlink.h"
 
 namespace tavik_wlan {
 
@@ -19,7 +18,7 @@ struct FamilyDescription {
     uint32_t flags;  // GENL_CMD_CAP_* and GENL_UNS_ADMIN_PERM
   };
   uint16_t id;
-  std::string_view name;
+  std::string name;
   uint32_t version;
   uint32_t max_attribute;
   std::vector<Operation> operations;

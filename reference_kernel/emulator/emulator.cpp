@@ -30,8 +30,6 @@ Emulator::~Emulator() = default;
 
 std::string Emulator::state() const { return service_->kernel.state(); }
 
-void Emulator::misbehave(const Misbehaviour& misbehaviour) {
-  service_->kernel.misbehave(misbehaviour);
-}
+void Emulator::inject(const Faults& faults) { service_->kernel.inject(faults); }
 
 }  // namespace tavik_wlan

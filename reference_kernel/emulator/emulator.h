@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "reference_kernel/emulator/misbehaviour.h"  // IWYU pragma: export
+#include "reference_kernel/emulator/faults.h"  // IWYU pragma: export
 
 namespace tavik_wlan {
 
@@ -51,8 +51,8 @@ class Emulator {
   /// Thread-safe.
   [[nodiscard]] std::string state() const;
 
-  /// Replaces the misbehaviour, for requests not yet received. Thread-safe.
-  void misbehave(const Misbehaviour& misbehaviour);
+  /// Replaces the faults, for requests not yet received. Thread-safe.
+  void inject(const Faults& faults);
 
  private:
   struct Service;

@@ -5,16 +5,10 @@
 #include <linux/netlink.h>
 
 #include <algorithm>
-#include <array>
+#include <cerrno>
 #include <cstddef>
-#include <set>
-#include <string>
+#include <optional>
 #include <vector>
-
-#include "kernel_interface/tavik_wlan.h"
-#include "reference_kernel/emulator/datagram_writer.h"
-#include "reference_kernel/emulator/entries.h"
-#include "reference_kernel/emulator/request_parser.h"
 
 namespace tavik_wlan {
 namespace {
@@ -23,110 +17,137 @@ namespace {
 constexpr size_t kMaxDumpDatagram = 32768;
 constexpr size_t kTupleElement = NLA_HDRLEN + NLA_HDRLEN + sizeof(DatapathTuple);
 
-using Apply = Verdict (*)(State&, const Request&);
+// What commands are about, read from their validated attributes.
 
-struct Command {
-  const char* name = nullptr;
-  uint16_t blamed = 0;    // the attribute that a refusal points to, unless it points elsewhere
-  Apply apply = nullptr;  // null: a dump
+uint8_t selector_in(const Attributes& attributes) {
+  return attributes[TAVIK_WLAN_ATTR_SELECTOR]->payload[0];
+}
+
+uint16_t port_in(const Attribute& attribute) { return ntohs(load<uint16_t>(attribute.payload)); }
+
+/// What the policies cannot say is checked here: each element holds one tuple.
+Status read(const Attributes& attributes, Tuples& tuples) {
+  AttributeReader elements(*attributes[TAVIK_WLAN_ATTR_TUPLES]);
+  while (const std::optional<Attribute> element = elements.next()) {
+    AttributeReader inside(*element);
+    const std::optional<Attribute> tuple = inside.next();
+    if (!tuple) {
+      return {-EINVAL, "no tuple in an element", element->offset};
+    }
+    if (const std::optional<Attribute> second = inside.next()) {
+      return {-EINVAL, "more than one tuple in an element", second->offset};
+    }
+    tuples.push_back(load<DatapathTuple>(tuple->payload));
+  }
+  return {};
+}
+
+Status read(const Attributes& attributes, Device& device) {
+  device = {selector_in(attributes), string_in(*attributes[TAVIK_WLAN_ATTR_DEV])};
+  return {};
+}
+
+Status read(const Attributes& attributes, Forwarding& forwarding) {
+  forwarding = {selector_in(attributes), string_in(*attributes[TAVIK_WLAN_ATTR_FWD_FROM]),
+                string_in(*attributes[TAVIK_WLAN_ATTR_FWD_TO])};
+  return {};
+}
+
+Status read(const Attributes& attributes, Encapsulation& encapsulation) {
+  encapsulation.port = port_in(*attributes[TAVIK_WLAN_ATTR_ENCAP_PORT]);
+  return {};
+}
+
+Status read(const Attributes& attributes, Flow& flow) {
+  const Attribute& destination = *attributes[TAVIK_WLAN_ATTR_LL_DST_ADDR];
+  flow = {*parse_address(string_in(*attributes[TAVIK_WLAN_ATTR_LL_SRC_ADDR])),
+          *parse_address(string_in(destination)), port_in(*attributes[TAVIK_WLAN_ATTR_LL_SRC_PORT]),
+          port_in(*attributes[TAVIK_WLAN_ATTR_LL_DST_PORT])};
+  return flow.source.ip_proto == flow.destination.ip_proto
+             ? Status{}
+             : Status{-EINVAL, "addresses of different families", destination.offset};
+}
+
+/// Appends the arguments to `description` unless that is null.
+using Apply = Status (*)(State& state, const Attributes& attributes, std::string* description);
+
+template <typename Argument, Status (State::*kChange)(const Argument&)>
+Status apply(State& state, const Attributes& attributes, std::string* description) {
+  Argument argument;
+  if (Status status = read(attributes, argument); !status.ok()) {
+    return status;
+  }
+  if (description != nullptr) {
+    *description += ' ' + to_text(argument);
+  }
+  return (state.*kChange)(argument);
+}
+
+/// The bad attribute is the first tuple that is not held.
+Status delete_tuples(State& state, const Attributes& attributes, std::string* description) {
+  Status status = apply<Tuples, &State::delete_tuples>(state, attributes, description);
+  if (status.error == -ENOENT) {
+    AttributeReader elements(*attributes[TAVIK_WLAN_ATTR_TUPLES]);
+    std::optional<Attribute> tuple;
+    do {
+      tuple = AttributeReader(*elements.next()).next();
+    } while (state.tuples().contains(load<DatapathTuple>(tuple->payload)));
+    status.offset = tuple->offset;
+  }
+  return status;
+}
+
+Status reset(State& state, const Attributes& /*attributes*/, std::string* /*description*/) {
+  state = {};
+  return {};
+}
+
+Status flush_flows(State& state, const Attributes& /*attributes*/, std::string* /*description*/) {
+  state.flush_flows();
+  return {};
+}
+
+struct Operation {
+  uint8_t command;
+  uint16_t bad_attribute;  // that an extack points at, unless the status does
+  Apply apply;
 };
 
-using Commands = std::array<Command, TAVIK_WLAN_CMD_MAX + 1>;
+constexpr Operation kOperations[] = {
+    {TAVIK_WLAN_CMD_ADD_TUPLES, TAVIK_WLAN_ATTR_TUPLES, apply<Tuples, &State::add_tuples>},
+    {TAVIK_WLAN_CMD_DEL_TUPLES, TAVIK_WLAN_ATTR_TUPLES, delete_tuples},
+    {TAVIK_WLAN_CMD_SET_DEV, TAVIK_WLAN_ATTR_DEV, apply<Device, &State::set_device>},
+    {TAVIK_WLAN_CMD_UNSET_DEV, TAVIK_WLAN_ATTR_DEV, apply<Device, &State::unset_device>},
+    {TAVIK_WLAN_CMD_ADD_FWD_INFO, TAVIK_WLAN_ATTR_FWD_TO,
+     apply<Forwarding, &State::add_forwarding>},
+    {TAVIK_WLAN_CMD_DEL_FWD_INFO, TAVIK_WLAN_ATTR_FWD_TO,
+     apply<Forwarding, &State::delete_forwarding>},
+    {TAVIK_WLAN_CMD_SET_ENCAP_PORT, TAVIK_WLAN_ATTR_ENCAP_PORT,
+     apply<Encapsulation, &State::set_encapsulation>},
+    {TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, TAVIK_WLAN_ATTR_ENCAP_PORT,
+     apply<Encapsulation, &State::unset_encapsulation>},
+    {TAVIK_WLAN_CMD_RESET, 0, reset},
+    {TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH, TAVIK_WLAN_ATTR_ENCAP_PORT,
+     apply<Encapsulation, &State::pass_encapsulation_through>},
+    {TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, TAVIK_WLAN_ATTR_ENCAP_PORT,
+     apply<Encapsulation, &State::drop_encapsulation>},
+    {TAVIK_WLAN_CMD_LL_ADDR_ADD, TAVIK_WLAN_ATTR_LL_DST_ADDR, apply<Flow, &State::add_flow>},
+    {TAVIK_WLAN_CMD_LL_ADDR_FLUSH, 0, flush_flows},
+};
 
-/// A refusal points to the first tuple that is not held.
-Verdict delete_tuples(State& state, const Request& request) {
-  Verdict verdict = state.delete_tuples(request.tuples);
-  if (verdict) {
-    const auto missing =
-        std::find_if(request.tuples.begin(), request.tuples.end(),
-                     [&](const Tuple& tuple) { return !state.tuples().contains(tuple); });
-    const auto position = static_cast<size_t>(missing - request.tuples.begin());
-    verdict->offset = request.offsets[TAVIK_WLAN_ATTR_TUPLES] + 2 * NLA_HDRLEN +
-                      static_cast<uint32_t>(position * kTupleElement);
-  }
-  return verdict;
-}
-
-constexpr Commands make_commands() {
-  Commands commands{};
-  const auto define = [&](tavik_wlan_cmd command, const char* name, uint16_t blamed, Apply apply) {
-    commands.at(command) = {name, blamed, apply};
-  };
-  define(TAVIK_WLAN_CMD_ADD_TUPLES, "ADD_TUPLES", TAVIK_WLAN_ATTR_TUPLES,
-         [](State& state, const Request& request) { return state.add_tuples(request.tuples); });
-  define(TAVIK_WLAN_CMD_DEL_TUPLES, "DEL_TUPLES", 0, delete_tuples);
-  define(TAVIK_WLAN_CMD_SET_DEV, "SET_DEV", TAVIK_WLAN_ATTR_DEV,
-         [](State& state, const Request& request) {
-           return state.set_device(request.selector, request.device);
-         });
-  define(TAVIK_WLAN_CMD_UNSET_DEV, "UNSET_DEV", TAVIK_WLAN_ATTR_DEV,
-         [](State& state, const Request& request) {
-           return state.unset_device(request.selector, request.device);
-         });
-  define(TAVIK_WLAN_CMD_ADD_FWD_INFO, "ADD_FWD_INFO", TAVIK_WLAN_ATTR_FWD_TO,
-         [](State& state, const Request& request) {
-           return state.add_forwarding(request.forwarding);
-         });
-  define(TAVIK_WLAN_CMD_DEL_FWD_INFO, "DEL_FWD_INFO", TAVIK_WLAN_ATTR_FWD_TO,
-         [](State& state, const Request& request) {
-           return state.delete_forwarding(request.forwarding);
-         });
-  define(TAVIK_WLAN_CMD_SET_ENCAP_PORT, "SET_ENCAP_PORT", TAVIK_WLAN_ATTR_ENCAP_PORT,
-         [](State& state, const Request& request) {
-           return state.set_encapsulation_port(request.encapsulation_port);
-         });
-  define(TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, "UNSET_ENCAP_PORT", TAVIK_WLAN_ATTR_ENCAP_PORT,
-         [](State& state, const Request& request) {
-           return state.unset_encapsulation_port(request.encapsulation_port);
-         });
-  define(TAVIK_WLAN_CMD_RESET, "RESET", 0,
-         [](State& state, const Request&) { return state.reset(); });
-  define(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH, "ENCAP_PORT_ACT_PASS_THROUGH",
-         TAVIK_WLAN_ATTR_ENCAP_PORT, [](State& state, const Request& request) {
-           return state.set_encapsulation_action(request.encapsulation_port,
-                                                 EncapsulationAction::kPassThrough);
-         });
-  define(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, "ENCAP_PORT_ACT_DROP", TAVIK_WLAN_ATTR_ENCAP_PORT,
-         [](State& state, const Request& request) {
-           return state.set_encapsulation_action(request.encapsulation_port,
-                                                 EncapsulationAction::kDrop);
-         });
-  define(TAVIK_WLAN_CMD_LL_ADDR_ADD, "LL_ADDR_ADD", TAVIK_WLAN_ATTR_LL_DST_ADDR,
-         [](State& state, const Request& request) { return state.add_flow(request.flow); });
-  define(TAVIK_WLAN_CMD_LL_ADDR_FLUSH, "LL_ADDR_FLUSH", 0,
-         [](State& state, const Request&) { return state.flush_flows(); });
-  define(TAVIK_WLAN_CMD_GET_TUPLES, "GET_TUPLES", 0, nullptr);
-  return commands;
-}
-
-constexpr Commands kCommands = make_commands();
-
-DatapathTuple to_wire(const Tuple& tuple) {
-  DatapathTuple wire{};
-  wire.ip_proto = tuple.ip_version;
-  wire.trans_proto = tuple.trans_proto;
-  if (tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP) {
-    wire.key.spi = htonl(tuple.key);
-  } else {
-    wire.key.port = htons(static_cast<uint16_t>(tuple.key));
-  }
-  return wire;
-}
-
-std::vector<Datagram> dump_tuples(const nlmsghdr& request, const std::set<Tuple>& tuples) {
+std::vector<Datagram> dump_tuples(const nlmsghdr& request, const TupleSet& tuples) {
   std::vector<Datagram> datagrams;
   DatagramWriter writer;
   for (auto tuple = tuples.begin(); tuple != tuples.end();) {
     if (writer.size() > 0) {
       datagrams.push_back(writer.take());
-      writer = {};
     }
     writer.begin_message(request, request.nlmsg_type, NLM_F_MULTI);
     writer.append(genlmsghdr{TAVIK_WLAN_CMD_GET_TUPLES, TAVIK_WLAN_FAMILY_VERSION, 0});
     const size_t container = writer.begin_nest(TAVIK_WLAN_ATTR_TUPLES | NLA_F_NESTED);
     for (; tuple != tuples.end() && writer.size() + kTupleElement <= kMaxDumpDatagram; ++tuple) {
       const size_t element = writer.begin_nest(TAVIK_WLAN_TUPLE_ELEMENT | NLA_F_NESTED);
-      writer.put(TAVIK_WLAN_TUPLE_ATTR, to_wire(*tuple));
+      writer.put(TAVIK_WLAN_TUPLE_ATTR, *tuple);
       writer.end_nest(element);
     }
     writer.end_nest(container);
@@ -134,42 +155,29 @@ std::vector<Datagram> dump_tuples(const nlmsghdr& request, const std::set<Tuple>
   }
   if (writer.size() + NLMSG_SPACE(sizeof(int)) > kMaxDumpDatagram) {
     datagrams.push_back(writer.take());
-    writer = {};
   }
   append_done(writer, request);
   datagrams.push_back(writer.take());
   return datagrams;
 }
 
-/// The command and its arguments, such as "ADD_TUPLES ipv4 tcp 443, ipv6 udp 4500".
-std::string describe(const Request& request) {
-  const CommandPolicy& policy = kCommandPolicies.at(request.command);
-  std::string text = kCommands.at(request.command).name;
-  const char* separator = " ";
-  for (const Tuple& tuple : request.tuples) {
-    text += separator + to_text(tuple);
-    separator = ", ";
+/// Checks what comes before the attributes as the kernel does. `command` becomes the request's.
+Status validate_headers(Bytes message, const CommandInfo*& command) {
+  if (message.size() < NLMSG_HDRLEN + GENL_HDRLEN) {
+    return {-EINVAL};
   }
-  if (policy.takes(TAVIK_WLAN_ATTR_DEV)) {
-    text += ' ' + std::to_string(request.selector) + ' ' + request.device;
+  const auto header = load<nlmsghdr>(message);
+  const auto generic = load<genlmsghdr>(message.subspan(NLMSG_HDRLEN));
+  if (generic.reserved != 0) {
+    return {-EINVAL, "genlmsghdr.reserved field is not 0"};
   }
-  if (policy.takes(TAVIK_WLAN_ATTR_FWD_FROM)) {
-    text += ' ' + to_text(request.forwarding);
+  const bool dump = is_dump(header);
+  const int allowed = NLM_F_REQUEST | NLM_F_ACK | NLM_F_ECHO | (dump ? NLM_F_DUMP : 0);
+  if ((header.nlmsg_flags & ~allowed) != 0) {
+    return {-EINVAL, "ambiguous or reserved bits set in nlmsg_flags"};
   }
-  if (policy.takes(TAVIK_WLAN_ATTR_ENCAP_PORT)) {
-    text += ' ' + std::to_string(request.encapsulation_port);
-  }
-  if (policy.takes(TAVIK_WLAN_ATTR_LL_SRC_ADDR)) {
-    text += ' ' + to_text(request.flow);
-  }
-  return text;
-}
-
-uint32_t operation_flags(const CommandPolicy& policy) {
-  // A command without attributes has a policy, too: that there be none.
-  return GENL_CMD_CAP_HASPOL |
-         (policy.mode == CommandPolicy::Mode::kDump ? GENL_CMD_CAP_DUMP
-                                                    : GENL_CMD_CAP_DO | GENL_UNS_ADMIN_PERM);
+  command = find_command(kCommands, generic.cmd);
+  return command != nullptr && command->is_dump == dump ? Status{} : Status{-EOPNOTSUPP};
 }
 
 }  // namespace
@@ -180,29 +188,35 @@ FamilyDescription describe_family(uint16_t id) {
                            .version = TAVIK_WLAN_FAMILY_VERSION,
                            .max_attribute = TAVIK_WLAN_ATTR_MAX,
                            .operations = {}};
-  for (uint32_t command = 1; command <= TAVIK_WLAN_CMD_MAX; ++command) {
-    family.operations.push_back({command, operation_flags(kCommandPolicies.at(command))});
+  for (const CommandInfo& info : kCommands) {
+    // A command without attributes has a policy, too: that there be none.
+    const uint32_t flags =
+        GENL_CMD_CAP_HASPOL |
+        (info.is_dump ? GENL_CMD_CAP_DUMP : GENL_CMD_CAP_DO | GENL_UNS_ADMIN_PERM);
+    family.operations.push_back({info.command, flags});
   }
   return family;
 }
 
-Outcome handle_family_request(Bytes message, State& state) {
-  Request request;
-  if (const Verdict verdict = parse_request(message, request)) {
-    return {.verdict = verdict};
+Outcome handle_family_request(Bytes message, State& state, std::string* description) {
+  const CommandInfo* command = nullptr;
+  Attributes attributes;
+  if (Status status = validate_headers(message, command); !status.ok()) {
+    return {.status = status};
   }
-  Outcome outcome;
-  const Command& command = kCommands.at(request.command);
-  if (command.apply != nullptr) {
-    outcome.verdict = command.apply(state, request);
-    if (outcome.verdict && !outcome.verdict->offset) {
-      outcome.verdict->offset = request.offsets.at(command.blamed);
-    }
-  } else {
-    outcome.replies = dump_tuples(load<nlmsghdr>(message), state.tuples());
+  if (Status status = parse_attributes(message, *command, attributes); !status.ok()) {
+    return {.status = status};
   }
-  if (!outcome.verdict) {
-    outcome.description = describe(request);
+  if (description != nullptr) {
+    *description = command->name;
+  }
+  if (command->is_dump) {
+    return {.replies = dump_tuples(load<nlmsghdr>(message), state.tuples())};
+  }
+  const auto operation = std::ranges::find(kOperations, command->command, &Operation::command);
+  Outcome outcome{.status = operation->apply(state, attributes, description)};
+  if (!outcome.status.ok() && !outcome.status.offset) {
+    outcome.status.offset = attributes.at(operation->bad_attribute)->offset;
   }
   return outcome;
 }

@@ -3,10 +3,10 @@
 #define REFERENCE_KERNEL_EMULATOR_FAMILY_H_
 
 #include <cstdint>
+#include <string>
 
 #include "reference_kernel/emulator/controller.h"
-#include "reference_kernel/emulator/message.h"
-#include "reference_kernel/emulator/outcome.h"
+#include "reference_kernel/emulator/netlink.h"
 #include "reference_kernel/emulator/state.h"
 
 namespace tavik_wlan {
@@ -14,9 +14,10 @@ namespace tavik_wlan {
 /// What the controller tells about the family when it has the id `id`.
 FamilyDescription describe_family(uint16_t id);
 
-/// Handles a message to the family: the nlmsghdr and what follows. A refused one leaves `state`
-/// as it is.
-Outcome handle_family_request(Bytes message, State& state);
+/// Handles a message to the family: the nlmsghdr and what follows. One that fails leaves `state` as
+/// it is. Unless `description` is null it becomes the command and its arguments, such as
+/// "ADD_TUPLES ipv4 tcp 443, ipv6 udp 4500"; it is unspecified after a failure.
+Outcome handle_family_request(Bytes message, State& state, std::string* description);
 
 }  // namespace tavik_wlan
 

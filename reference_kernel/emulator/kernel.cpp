@@ -2,54 +2,27 @@
 
 #include <linux/genetlink.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <iterator>
 #include <optional>
 #include <utility>
 
 #include "reference_kernel/emulator/controller.h"
-#include "reference_kernel/emulator/datagram_writer.h"
 #include "reference_kernel/emulator/family.h"
 
 namespace tavik_wlan {
 namespace {
 
-/// Unless it misbehaves. A kernel hands ids out as families come.
+/// Unless a fault gives it another. A kernel hands ids out as families come.
 constexpr uint16_t kFamilyId = 28;
 
-/// Takes the next message off the datagram; nothing when its length cannot be.
-std::optional<Bytes> take_message(Bytes& datagram) {
-  if (datagram.size() < sizeof(nlmsghdr)) {
-    return std::nullopt;
-  }
-  const size_t length = load<nlmsghdr>(datagram).nlmsg_len;
-  if (length < sizeof(nlmsghdr) || length > datagram.size()) {
-    return std::nullopt;
-  }
-  const Bytes message = datagram.first(length);
-  datagram = datagram.subspan(std::min<size_t>(NLMSG_ALIGN(length), datagram.size()));
-  return message;
-}
-
-void mark_interrupted(Datagram& datagram) {
-  Bytes left = datagram;
-  while (const std::optional<Bytes> message = take_message(left)) {
-    auto header = load<nlmsghdr>(*message);
-    header.nlmsg_flags |= NLM_F_DUMP_INTR;
-    memcpy(datagram.data() + (message->data() - datagram.data()), &header, sizeof(header));
-  }
-}
-
-Datagram stale_refusal(nlmsghdr request) {
+Datagram stale_error(nlmsghdr request) {
   --request.nlmsg_seq;
-  return acknowledgement(request, Refusal{-EIO, "refused an earlier request"});
+  return acknowledgement(request, {-EIO, "refused an earlier request"});
 }
 
 }  // namespace
 
-// NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.
 Kernel::Kernel(std::function<void(std::string_view)> observer) : observer_(std::move(observer)) {}
 
 Answer Kernel::receive(Bytes datagram) {
@@ -60,18 +33,12 @@ Answer Kernel::receive(Bytes datagram) {
     while (const std::optional<Bytes> message = take_message(datagram)) {
       receive_message(*message, exchange);
     }
-    if (!misbehaviour_.silent) {
-      answer.datagrams = std::move(exchange.datagrams);
-      for (Datagram& reply : answer.datagrams) {
-        distort(reply);
-      }
-    }
-    answer.delay = std::chrono::milliseconds(misbehaviour_.delay_ms);
+    injector_.spoil(exchange.datagrams);
+    answer.datagrams = std::move(exchange.datagrams);
+    answer.delay = std::chrono::milliseconds(injector_.faults().delay_ms);
   }
-  if (observer_) {
-    for (const std::string& description : exchange.descriptions) {
-      observer_(description);
-    }
+  for (const std::string& description : exchange.descriptions) {
+    observer_(description);
   }
   return answer;
 }
@@ -81,76 +48,69 @@ std::string Kernel::state() const {
   return state_.text();
 }
 
-void Kernel::misbehave(const Misbehaviour& misbehaviour) {
+void Kernel::inject(const Faults& faults) {
   const std::lock_guard lock(mutex_);
-  misbehaviour_ = misbehaviour;
+  injector_.set(faults);
 }
 
 void Kernel::receive_message(Bytes message, Exchange& exchange) {
   const auto header = load<nlmsghdr>(message);
   const bool is_request =
       (header.nlmsg_flags & NLM_F_REQUEST) != 0 && header.nlmsg_type >= NLMSG_MIN_TYPE;
-  Outcome outcome = is_request ? handle(message, exchange) : Outcome{};
-  if (!outcome.description.empty()) {
-    exchange.descriptions.push_back(std::move(outcome.description));
-  }
+  auto [status, replies] = is_request ? handle(message, exchange) : Outcome{};
   // NLMSG_DONE takes the place of an accepted dump's acknowledgement.
-  const bool dumped = is_request && is_dump(header) && !outcome.verdict;
+  const bool dumped = is_request && is_dump(header) && status.ok();
   exchange.dumped |= dumped;
-  std::vector<Datagram>& replies = outcome.replies;
-  if (outcome.verdict || ((header.nlmsg_flags & NLM_F_ACK) != 0 && !dumped)) {
-    replies.push_back(acknowledgement(header, outcome.verdict));
+  if (!status.ok() || ((header.nlmsg_flags & NLM_F_ACK) != 0 && !dumped)) {
+    replies.push_back(acknowledgement(header, status));
   }
-  if (misbehaviour_.stale && !replies.empty()) {
-    replies.insert(replies.begin(), stale_refusal(header));
+  if (injector_.faults().stale && !replies.empty()) {
+    replies.insert(replies.begin(), stale_error(header));
   }
   std::move(replies.begin(), replies.end(), std::back_inserter(exchange.datagrams));
 }
 
-Outcome Kernel::handle(Bytes message, const Exchange& exchange) {
+Outcome Kernel::handle(Bytes message, Exchange& exchange) {
   const auto header = load<nlmsghdr>(message);
+  const bool is_absent = injector_.faults().absent;
   const bool is_controller = header.nlmsg_type == GENL_ID_CTRL;
-  if (!is_controller && (misbehaviour_.absent || header.nlmsg_type != family_id())) {
-    return {.verdict = Refusal{-ENOENT}};
+  if (!is_controller && (is_absent || header.nlmsg_type != family_id())) {
+    return {.status = {-ENOENT}};
   }
   if (is_dump(header) && exchange.dumped) {
     // A socket has one dump at a time. It bounds what one datagram of requests makes us send, too.
-    return {.verdict = Refusal{-EBUSY}};
+    return {.status = {-EBUSY}};
   }
   if (!is_controller) {
-    return handle_for_family(message);
+    return handle_for_family(message, exchange);
   }
   std::vector<FamilyDescription> families{describe_controller()};
-  if (!misbehaviour_.absent) {
+  if (!is_absent) {
     families.push_back(describe_family(family_id()));
   }
   return handle_controller_request(message, families);
 }
 
-Outcome Kernel::handle_for_family(Bytes message) {
-  if (misbehaviour_.refuse_nth > 0 && --misbehaviour_.refuse_nth == 0) {
-    return {.verdict = Refusal{-misbehaviour_.refuse_error, "refused on demand"}};
+Outcome Kernel::handle_for_family(Bytes message, Exchange& exchange) {
+  if (Status status = injector_.before_request(); !status.ok()) {
+    return {.status = status};
   }
-  Outcome outcome = handle_family_request(message, state_);
-  if (!outcome.verdict && is_dump(load<nlmsghdr>(message)) && misbehaviour_.interrupted_dumps > 0) {
-    --misbehaviour_.interrupted_dumps;
-    std::for_each(outcome.replies.begin(), outcome.replies.end(), mark_interrupted);
+  std::string description;
+  Outcome outcome = handle_family_request(message, state_, observer_ ? &description : nullptr);
+  if (!outcome.status.ok()) {
+    return outcome;
+  }
+  if (observer_) {
+    exchange.descriptions.push_back(std::move(description));
+  }
+  if (is_dump(load<nlmsghdr>(message))) {
+    injector_.after_dump(outcome.replies);
   }
   return outcome;
 }
 
 uint16_t Kernel::family_id() const {
-  return misbehaviour_.family_id != 0 ? misbehaviour_.family_id : kFamilyId;
-}
-
-void Kernel::distort(Datagram& datagram) {
-  if (misbehaviour_.garbage) {
-    std::generate(datagram.begin(), datagram.end(),
-                  [this] { return static_cast<std::byte>(random_()); });
-  }
-  if (misbehaviour_.truncate != 0 && misbehaviour_.truncate < datagram.size()) {
-    datagram.resize(misbehaviour_.truncate);
-  }
+  return injector_.faults().family_id != 0 ? injector_.faults().family_id : kFamilyId;
 }
 
 }  // namespace tavik_wlan

@@ -2,20 +2,16 @@
 #ifndef REFERENCE_KERNEL_EMULATOR_KERNEL_H_
 #define REFERENCE_KERNEL_EMULATOR_KERNEL_H_
 
-#include <linux/netlink.h>
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
-#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "reference_kernel/emulator/message.h"
-#include "reference_kernel/emulator/misbehaviour.h"
-#include "reference_kernel/emulator/outcome.h"
+#include "reference_kernel/emulator/faults.h"
+#include "reference_kernel/emulator/netlink.h"
 #include "reference_kernel/emulator/state.h"
 
 namespace tavik_wlan {
@@ -39,29 +35,27 @@ class Kernel {
   /// See State::text().
   std::string state() const;
 
-  /// Replaces the misbehaviour.
-  void misbehave(const Misbehaviour& misbehaviour);
+  /// Replaces the faults.
+  void inject(const Faults& faults);
 
  private:
   /// What is collected while the messages of a datagram are handled.
   struct Exchange {
     std::vector<Datagram> datagrams;
-    std::vector<std::string> descriptions;  // of accepted commands
+    std::vector<std::string> descriptions;  // of accepted commands, where there is an observer
     bool dumped = false;
   };
 
   void receive_message(Bytes message, Exchange& exchange);
-  Outcome handle(Bytes message, const Exchange& exchange);
-  Outcome handle_for_family(Bytes message);
+  Outcome handle(Bytes message, Exchange& exchange);
+  Outcome handle_for_family(Bytes message, Exchange& exchange);
   uint16_t family_id() const;
-  void distort(Datagram& datagram);
 
   const std::function<void(std::string_view)> observer_;
 
   mutable std::mutex mutex_;  // of all that follows
   State state_;
-  Misbehaviour misbehaviour_;  // its counters run down
-  std::minstd_rand random_;
+  FaultInjector injector_;
 };
 
 }  // namespace tavik_wlan

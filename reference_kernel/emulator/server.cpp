@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <system_error>
 #include <utility>
 
@@ -29,7 +28,7 @@ constexpr std::chrono::seconds kPatience{1};
 /// How long nobody is let in when there is no room.
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
-/// In what poll() is given, before the clients.
+/// The positions of what poll() waits for.
 enum Watched : size_t { kStopped, kRequests, kState, kFirstClient };
 
 }  // namespace
@@ -149,8 +148,7 @@ void Server::accept_client(const Listener& listener, bool reads_state) {
   Client client{std::move(socket), reads_state};
   if (reads_state) {
     const std::string text = kernel_.state();
-    const Bytes bytes = std::as_bytes(std::span(text));
-    client.unsent.push_back({.bytes = {bytes.begin(), bytes.end()}, .sent = 0, .due = {}});
+    client.unsent.push_back({.bytes = {text.begin(), text.end()}, .sent = 0, .due = {}});
   }
   clients_.push_back(std::move(client));
   make_room_for_answers();

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "reference_kernel/emulator/kernel.h"
-#include "reference_kernel/emulator/message.h"
+#include "reference_kernel/emulator/netlink.h"
 #include "reference_kernel/emulator/unix_socket.h"
 
 namespace tavik_wlan {
@@ -75,7 +75,7 @@ class Server {
   FileDescriptor stopped_;  // an eventfd
   std::list<Client> clients_;
   Clock::time_point accept_again_{};  // until then nobody new is let in
-  std::vector<std::byte> buffer_;
+  std::vector<uint8_t> buffer_;
 };
 
 }  // namespace tavik_wlan

@@ -9,134 +9,144 @@
 namespace tavik_wlan {
 namespace {
 
-const char* to_text(EncapsulationAction action) {
-  switch (action) {
-    case EncapsulationAction::kNone:
-      return "";
-    case EncapsulationAction::kPassThrough:
-      return " pass-through";
-    case EncapsulationAction::kDrop:
-      return " drop";
-  }
-  return "";
-}
-
 /// -EEXIST when it is there already, -ENOSPC beyond the limit.
 template <typename Entry>
-Verdict add(std::set<Entry>& held, const Entry& entry, size_t limit, const char* is_there,
-            const char* is_full) {
+Status add(std::set<Entry>& held, const Entry& entry, size_t limit, const char* is_there,
+           const char* is_full) {
   if (held.contains(entry)) {
-    return Refusal{-EEXIST, is_there};
+    return {-EEXIST, is_there};
   }
   if (held.size() == limit) {
-    return Refusal{-ENOSPC, is_full};
+    return {-ENOSPC, is_full};
   }
   held.insert(entry);
-  return kAccepted;
+  return {};
 }
 
 }  // namespace
 
-Verdict State::add_tuples(const std::vector<Tuple>& tuples) {
-  std::set<Tuple> added(tuples.begin(), tuples.end());
-  std::erase_if(added, [&](const Tuple& tuple) { return tuples_.contains(tuple); });
+std::string to_text(const Tuples& tuples) {
+  std::string text;
+  for (const DatapathTuple& tuple : tuples) {
+    text += (text.empty() ? "" : ", ") + tuple_text(tuple);
+  }
+  return text;
+}
+
+std::string to_text(const Device& device) {
+  return std::to_string(device.selector) + ' ' + device.name;
+}
+
+std::string to_text(const Forwarding& forwarding) {
+  return std::to_string(forwarding.selector) + ' ' + forwarding.from + ' ' + forwarding.to;
+}
+
+std::string to_text(const Encapsulation& encapsulation) {
+  return std::to_string(encapsulation.port) + encapsulation.action;
+}
+
+std::string to_text(const Flow& flow) {
+  return to_text(flow.source) + ' ' + std::to_string(flow.source_port) + ' ' +
+         to_text(flow.destination) + ' ' + std::to_string(flow.destination_port);
+}
+
+Status State::add_tuples(const Tuples& tuples) {
+  TupleSet added(tuples.begin(), tuples.end());
+  std::erase_if(added, [&](const DatapathTuple& tuple) { return tuples_.contains(tuple); });
   if (tuples_.size() + added.size() > TAVIK_WLAN_MAX_TUPLES) {
-    return Refusal{-ENOSPC, "too many tuples"};
+    return {-ENOSPC, "too many tuples"};
   }
   tuples_.merge(added);
-  return kAccepted;
+  return {};
 }
 
-Verdict State::delete_tuples(const std::vector<Tuple>& tuples) {
-  const auto is_held = [&](const Tuple& tuple) { return tuples_.contains(tuple); };
-  if (!std::all_of(tuples.begin(), tuples.end(), is_held)) {
-    return Refusal{-ENOENT, "no such tuple"};
+Status State::delete_tuples(const Tuples& tuples) {
+  const auto is_held = [&](const DatapathTuple& tuple) { return tuples_.contains(tuple); };
+  if (!std::ranges::all_of(tuples, is_held)) {
+    return {-ENOENT, "no such tuple"};
   }
-  for (const Tuple& tuple : tuples) {
+  for (const DatapathTuple& tuple : tuples) {
     tuples_.erase(tuple);
   }
-  return kAccepted;
+  return {};
 }
 
-Verdict State::set_device(uint8_t selector, const std::string& name) {
-  const auto [device, is_new] = devices_.try_emplace(selector, name);
+Status State::set_device(const Device& device) {
+  const auto [held, is_new] = devices_.try_emplace(device.selector, device.name);
   if (is_new) {
-    return kAccepted;
+    return {};
   }
-  return device->second == name ? Refusal{-EEXIST, "the device is set already"}
-                                : Refusal{-EBUSY, "another device is set"};
+  return held->second == device.name ? Status{-EEXIST, "the device is set already"}
+                                     : Status{-EBUSY, "another device is set"};
 }
 
-Verdict State::unset_device(uint8_t selector, const std::string& name) {
-  const auto device = devices_.find(selector);
-  if (device == devices_.end() || device->second != name) {
-    return Refusal{-ENOENT, "the device is not set"};
+Status State::unset_device(const Device& device) {
+  const auto held = devices_.find(device.selector);
+  if (held == devices_.end() || held->second != device.name) {
+    return {-ENOENT, "the device is not set"};
   }
-  devices_.erase(device);
-  return kAccepted;
+  devices_.erase(held);
+  return {};
 }
 
-Verdict State::add_forwarding(const Forwarding& forwarding) {
+Status State::add_forwarding(const Forwarding& forwarding) {
   return add(forwardings_, forwarding, TAVIK_WLAN_MAX_FORWARDINGS, "the forwarding exists already",
              "too many forwardings");
 }
 
-Verdict State::delete_forwarding(const Forwarding& forwarding) {
-  return forwardings_.erase(forwarding) == 1 ? kAccepted : Refusal{-ENOENT, "no such forwarding"};
+Status State::delete_forwarding(const Forwarding& forwarding) {
+  return forwardings_.erase(forwarding) == 1 ? Status{} : Status{-ENOENT, "no such forwarding"};
 }
 
-Verdict State::set_encapsulation_port(uint16_t port) {
-  encapsulation_ = {.port = port, .action = EncapsulationAction::kNone};
-  return kAccepted;
+Status State::set_encapsulation(const Encapsulation& encapsulation) {
+  encapsulation_ = encapsulation;
+  return {};
 }
 
-Verdict State::unset_encapsulation_port(uint16_t port) {
-  const Verdict verdict = set_encapsulation_action(port, EncapsulationAction::kNone);
-  if (!verdict) {
+Status State::unset_encapsulation(const Encapsulation& encapsulation) {
+  Status status = set_action(encapsulation, "");
+  if (status.ok()) {
     encapsulation_.reset();
   }
-  return verdict;
+  return status;
 }
 
-Verdict State::set_encapsulation_action(uint16_t port, EncapsulationAction action) {
-  if (!encapsulation_ || encapsulation_->port != port) {
-    return Refusal{-ENOENT, "the encapsulation port is not set"};
+Status State::pass_encapsulation_through(const Encapsulation& encapsulation) {
+  return set_action(encapsulation, " pass-through");
+}
+
+Status State::drop_encapsulation(const Encapsulation& encapsulation) {
+  return set_action(encapsulation, " drop");
+}
+
+Status State::set_action(const Encapsulation& encapsulation, const char* action) {
+  if (!encapsulation_ || encapsulation_->port != encapsulation.port) {
+    return {-ENOENT, "the encapsulation port is not set"};
   }
   encapsulation_->action = action;
-  return kAccepted;
+  return {};
 }
 
-Verdict State::add_flow(const Flow& flow) {
+Status State::add_flow(const Flow& flow) {
   return add(flows_, flow, TAVIK_WLAN_MAX_FLOWS, "the flow exists already", "too many flows");
-}
-
-Verdict State::flush_flows() {
-  flows_.clear();
-  return kAccepted;
-}
-
-Verdict State::reset() {
-  *this = State();
-  return kAccepted;
 }
 
 std::string State::text() const {
   std::string text;
-  for (const Tuple& tuple : tuples_) {
-    text += "tuple " + tavik_wlan::to_text(tuple) + '\n';
+  for (const DatapathTuple& tuple : tuples_) {
+    text += "tuple " + tuple_text(tuple) + '\n';
   }
   for (const auto& [selector, name] : devices_) {
-    text += "device " + std::to_string(selector) + ' ' + name + '\n';
+    text += "device " + to_text(Device{selector, name}) + '\n';
   }
   for (const Forwarding& forwarding : forwardings_) {
-    text += "forward " + tavik_wlan::to_text(forwarding) + '\n';
+    text += "forward " + to_text(forwarding) + '\n';
   }
   if (encapsulation_) {
-    text +=
-        "encap " + std::to_string(encapsulation_->port) + to_text(encapsulation_->action) + '\n';
+    text += "encap " + to_text(*encapsulation_) + '\n';
   }
   for (const Flow& flow : flows_) {
-    text += "lowlat " + tavik_wlan::to_text(flow) + '\n';
+    text += "lowlat " + to_text(flow) + '\n';
   }
   return text;
 }

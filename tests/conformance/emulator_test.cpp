@@ -136,7 +136,7 @@ TEST_F(EmulatorTest, IsFoundAgainWhenItComesBack) {
 TEST_F(EmulatorTest, MisbehavesWithoutHarm) {
   struct Case {
     std::string name;
-    tavik_wlan::Misbehaviour misbehaviour;
+    tavik_wlan::Faults faults;
     int error;  // the exchange's, or the kernel's
   };
   const std::vector<Case> cases = {
@@ -150,24 +150,24 @@ TEST_F(EmulatorTest, MisbehavesWithoutHarm) {
       {"has another id for the family", {.family_id = 999}, 0},
       {"lost the family", {.absent = true}, ENOENT},
   };
-  for (const auto& [name, misbehaviour, error] : cases) {
+  for (const auto& [name, faults, error] : cases) {
     SCOPED_TRACE(name);
-    emulator_->misbehave(misbehaviour);
+    emulator_->inject(faults);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), error == 0 ? 0 : -1);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
     EXPECT_EQ(corvil_netlink_last_error()->error, error);
-    emulator_->misbehave({});
+    emulator_->inject({});
     EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0) << "the next call is well again";
   }
-  emulator_->misbehave({.refuse_nth = 2, .refuse_error = EPERM});
+  emulator_->inject({.refuse_nth = 2, .refuse_error = EPERM});
   for (const int result : {0, -1, 0}) {
     EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), result) << "the second alone is refused";
   }
-  emulator_->misbehave({.interrupted_dumps = 2});
+  emulator_->inject({.interrupted_dumps = 2});
   EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
   EXPECT_EQ(corvil_netlink_last_error()->error, 0) << "asked again until the dump was whole";
-  emulator_->misbehave({.interrupted_dumps = 100});
+  emulator_->inject({.interrupted_dumps = 100});
   EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0) << "only the log tells";
   EXPECT_EQ(corvil_netlink_last_error()->error, EINTR);
 }

@@ -35,7 +35,7 @@ void for_each_attribute(Bytes run, Take take) {
 
 void check_attribute(const nlattr* attribute) {
   if ((attribute->nla_type & NLA_F_NESTED) != 0) {
-    const auto* payload = static_cast<const std::byte*>(mnl_attr_get_payload(attribute));
+    const auto* payload = static_cast<const uint8_t*>(mnl_attr_get_payload(attribute));
     for_each_attribute({payload, mnl_attr_get_payload_len(attribute)}, check_attribute);
   }
 }
@@ -53,7 +53,7 @@ void check_acknowledgement(const nlmsghdr* message, Bytes payload) {
 }
 
 void check_message(const nlmsghdr* message) {
-  const Bytes payload(static_cast<const std::byte*>(mnl_nlmsg_get_payload(message)),
+  const Bytes payload(static_cast<const uint8_t*>(mnl_nlmsg_get_payload(message)),
                       mnl_nlmsg_get_payload_len(message));
   if (message->nlmsg_type == NLMSG_ERROR) {
     check_acknowledgement(message, payload);
@@ -85,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   while (input.remaining_bytes() > 0) {
     const size_t length = input.ConsumeIntegral<uint16_t>();
     // In a block of its own exact size, so that a read beyond it is seen.
-    const auto request = input.ConsumeBytes<std::byte>(length);
+    const auto request = input.ConsumeBytes<uint8_t>(length);
     for (const Datagram& datagram : kernel.receive(request).datagrams) {
       check_answer(datagram);
     }

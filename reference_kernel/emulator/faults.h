@@ -1,17 +1,21 @@
-// How the emulated kernel misbehaves when it is told to.
-#ifndef REFERENCE_KERNEL_EMULATOR_MISBEHAVIOUR_H_
-#define REFERENCE_KERNEL_EMULATOR_MISBEHAVIOUR_H_
+// What the emulated kernel does wrong when it is told to.
+#ifndef REFERENCE_KERNEL_EMULATOR_FAULTS_H_
+#define REFERENCE_KERNEL_EMULATOR_FAULTS_H_
 
 #include <cstddef>
 #include <cstdint>
+#include <random>
+#include <vector>
+
+#include "reference_kernel/emulator/netlink.h"
 
 namespace tavik_wlan {
 
-/// By default no misbehaviour. Several may be combined. Counts start anew whenever it is set.
+/// By default none. Several may be combined. Counts start anew whenever they are set.
 ///
 /// What concerns answers holds for those of the controller too; the request takes effect at once,
 /// whatever becomes of its answer.
-struct Misbehaviour {
+struct Faults {
   /// Gives no answer.
   bool silent = false;
 
@@ -24,7 +28,7 @@ struct Misbehaviour {
   /// Replaces each datagram of an answer by as many random bytes.
   bool garbage = false;
 
-  /// Begins each answer with the refusal of an earlier request: -EIO for the sequence number
+  /// Begins each answer with an error that answers an earlier request: -EIO for the sequence number
   /// before that of the request.
   bool stale = false;
 
@@ -44,6 +48,27 @@ struct Misbehaviour {
   bool absent = false;
 };
 
+/// Injects faults. Not thread-safe.
+class FaultInjector {
+ public:
+  void set(const Faults& faults) { faults_ = faults; }
+  [[nodiscard]] const Faults& faults() const { return faults_; }
+
+  /// Has a request to the family fail before it is handled.
+  Status before_request();
+
+  /// Has what was dumped become inconsistent.
+  void after_dump(std::vector<Datagram>& replies);
+
+  /// Has the whole answer to the messages of one datagram get lost or spoilt.
+  void spoil(std::vector<Datagram>& answer);
+
+ private:
+  Faults faults_;  // its counters run down
+  // NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.
+  std::minstd_rand random_;
+};
+
 }  // namespace tavik_wlan
 
-#endif  // REFERENCE_KERNEL_EMULATOR_MISBEHAVIOUR_H_
+#endif  // REFERENCE_KERNEL_EMULATOR_FAULTS_H_

@@ -1,0 +1,100 @@
+// Generic netlink as a kernel speaks it: what requests must look like, and the encoding of answers.
+#ifndef REFERENCE_KERNEL_EMULATOR_NETLINK_H_
+#define REFERENCE_KERNEL_EMULATOR_NETLINK_H_
+
+#include <linux/netlink.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kernel_interface/protocol.h"
+#include "reference_kernel/emulator/status.h"
+
+namespace tavik_wlan {
+
+using Datagram = std::vector<uint8_t>;
+
+/// What becomes of a request.
+struct Outcome {
+  Status status{};
+  std::vector<Datagram> replies{};  // what an accepted request asked for, its acknowledgement aside
+};
+
+inline bool is_dump(const nlmsghdr& header) {
+  return (header.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP;
+}
+
+/// A validated string, which ends at its first NUL.
+inline std::string string_in(const Attribute& attribute) {
+  return reinterpret_cast<const char*>(attribute.payload.data());
+}
+
+/// Validates an attribute, and what it holds, as strictly as the kernel does for new families.
+Status validate(const Attribute& attribute, const AttributeInfo& info);
+
+/// The attributes of a request to the family by type, of which the last of a type counts.
+using Attributes = std::array<std::optional<Attribute>, TAVIK_WLAN_ATTR_MAX + 1>;
+
+/// Validates the attributes of a message, which have to be those of its command.
+Status parse_attributes(Bytes message, const CommandInfo& command, Attributes& attributes);
+
+/// One datagram, its messages written one after the other. Whatever is appended is padded with
+/// zero bytes to a multiple of 4.
+class DatagramWriter {
+ public:
+  /// Begins a message that answers `request`: with its sequence number and port id.
+  void begin_message(const nlmsghdr& request, uint16_t type, uint16_t flags);
+  void end_message();
+
+  /// Begins an attribute that holds what is written up to the end_nest() that gets the result;
+  /// `type` includes NLA_F_NESTED where wanted.
+  [[nodiscard]] size_t begin_nest(uint16_t type);
+  void end_nest(size_t nest);
+
+  /// Appends a header or another plain structure.
+  template <typename T>
+  void append(const T& value) {
+    append_bytes({reinterpret_cast<const uint8_t*>(&value), sizeof(value)});
+  }
+
+  /// Appends an attribute.
+  template <typename T>
+  void put(uint16_t type, const T& value) {
+    append(nlattr{static_cast<uint16_t>(NLA_HDRLEN + sizeof(T)), type});
+    append(value);
+  }
+
+  /// Appends an attribute that holds `text` and a NUL.
+  void put_string(uint16_t type, const std::string& text);
+
+  [[nodiscard]] size_t size() const { return bytes_.size(); }
+
+  /// What was written. The next datagram starts empty.
+  Datagram take() { return std::exchange(bytes_, {}); }
+
+ private:
+  void append_bytes(Bytes bytes);
+  template <typename T>
+  void write(size_t offset, const T& value) {
+    memcpy(bytes_.data() + offset, &value, sizeof(T));
+  }
+
+  Datagram bytes_;
+  size_t message_ = 0;  // offset of the message's header
+};
+
+/// The acknowledgement of `request`, as to a socket that wants extended and capped ones.
+Datagram acknowledgement(const nlmsghdr& request, const Status& status);
+
+/// Appends the end of a multi-part answer to `request`.
+void append_done(DatagramWriter& writer, const nlmsghdr& request);
+
+}  // namespace tavik_wlan
+
+#endif  // REFERENCE_KERNEL_EMULATOR_NETLINK_H_
