@@ -46,8 +46,8 @@ struct AttributeInfo {
 struct CommandInfo {
   uint8_t command;
   const char* name;
-  std::initializer_list<uint16_t> attributes{};  // of a request; all are required
-  bool is_dump = false;
+  std::initializer_list<uint16_t> attributes{};            // of a request; all are required
+  uint32_t flags = GENL_CMD_CAP_DO | GENL_UNS_ADMIN_PERM;  // as the controller tells them
 
   [[nodiscard]] constexpr bool carries(uint16_t type) const {
     return std::ranges::find(attributes, type) != attributes.end();
@@ -95,7 +95,7 @@ inline constexpr CommandInfo kCommands[] = {
      {TAVIK_WLAN_ATTR_LL_SRC_ADDR, TAVIK_WLAN_ATTR_LL_DST_ADDR, TAVIK_WLAN_ATTR_LL_SRC_PORT,
       TAVIK_WLAN_ATTR_LL_DST_PORT}},
     {TAVIK_WLAN_CMD_LL_ADDR_FLUSH, "LL_ADDR_FLUSH"},
-    {TAVIK_WLAN_CMD_GET_TUPLES, "GET_TUPLES", {}, true},
+    {TAVIK_WLAN_CMD_GET_TUPLES, "GET_TUPLES", {}, GENL_CMD_CAP_DUMP},
 };
 // clang-format on
 

@@ -15,6 +15,10 @@ namespace {
 constexpr uint8_t kControllerVersion = 2;
 constexpr AttributeInfo kFamilyName{CTRL_ATTR_FAMILY_NAME, "FAMILY_NAME", Kind::kString};
 
+constexpr CommandInfo kCommandsOfController[] = {
+    {CTRL_CMD_GETFAMILY, "GETFAMILY", {}, GENL_CMD_CAP_DO | GENL_CMD_CAP_DUMP},
+};
+
 /// Which family a request asks about.
 struct Query {
   std::optional<uint16_t> id;
@@ -54,10 +58,11 @@ void append_family(DatagramWriter& writer, const nlmsghdr& request, uint16_t fla
   // older than NLA_F_NESTED.
   const size_t operations = writer.begin_nest(CTRL_ATTR_OPS);
   uint16_t position = 0;
-  for (const auto& [command, command_flags] : family.operations) {
+  for (const CommandInfo& command : family.commands) {
     const size_t operation = writer.begin_nest(++position);
-    writer.put(CTRL_ATTR_OP_ID, command);
-    writer.put(CTRL_ATTR_OP_FLAGS, command_flags);
+    writer.put(CTRL_ATTR_OP_ID, uint32_t{command.command});
+    // A command without attributes has a policy, too: that there be none.
+    writer.put(CTRL_ATTR_OP_FLAGS, command.flags | GENL_CMD_CAP_HASPOL);
     writer.end_nest(operation);
   }
   writer.end_nest(operations);
@@ -71,8 +76,7 @@ FamilyDescription describe_controller() {
           .name = "nlctrl",
           .version = kControllerVersion,
           .max_attribute = CTRL_ATTR_MAX,
-          .operations = {{.command = CTRL_CMD_GETFAMILY,
-                          .flags = GENL_CMD_CAP_DO | GENL_CMD_CAP_DUMP | GENL_CMD_CAP_HASPOL}}};
+          .commands = kCommandsOfController};
 }
 
 Outcome handle_controller_request(Bytes message, std::span<const FamilyDescription> families) {

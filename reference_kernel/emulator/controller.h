@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "reference_kernel/emulator/netlink.h"
 
@@ -13,15 +12,11 @@ namespace tavik_wlan {
 
 /// What the controller tells about a family.
 struct FamilyDescription {
-  struct Operation {
-    uint32_t command;
-    uint32_t flags;  // GENL_CMD_CAP_* and GENL_UNS_ADMIN_PERM
-  };
   uint16_t id;
   std::string name;
   uint32_t version;
   uint32_t max_attribute;
-  std::vector<Operation> operations;
+  std::span<const CommandInfo> commands;
 };
 
 /// The controller itself.

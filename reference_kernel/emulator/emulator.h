@@ -3,11 +3,13 @@
 #define REFERENCE_KERNEL_EMULATOR_EMULATOR_H_
 
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 
-#include "reference_kernel/emulator/faults.h"  // IWYU pragma: export
+#include "reference_kernel/emulator/kernel.h"
+#include "reference_kernel/emulator/server.h"
 
 namespace tavik_wlan {
 
@@ -29,11 +31,18 @@ class Emulator {
   /// Serves at `path`, of at most 101 bytes, on a thread of its own. Sockets that a dead emulator
   /// left there are replaced. Throws std::system_error, with EADDRINUSE when a live one or any
   /// other file is there.
-  explicit Emulator(std::string path, Observer observer = {});
+  explicit Emulator(std::string path, Observer observer = {})
+      : path_(std::move(path)),
+        kernel_(std::move(observer)),
+        server_(path_, kernel_),
+        thread_([this] { server_.run(); }) {}
   Emulator(const Emulator&) = delete;
   Emulator& operator=(const Emulator&) = delete;
   /// Hangs up on its clients, unsent answers or not, and removes its files.
-  ~Emulator();
+  ~Emulator() {
+    server_.stop();
+    thread_.join();
+  }
 
   [[nodiscard]] const std::string& path() const { return path_; }
 
@@ -49,16 +58,16 @@ class Emulator {
   /// Tuples are sorted by IP version, transport protocol number and port or SPI, devices and
   /// forwardings by selector and names, flows by IP version, source, destination and their ports.
   /// Thread-safe.
-  [[nodiscard]] std::string state() const;
+  [[nodiscard]] std::string state() const { return kernel_.state(); }
 
   /// Replaces the faults, for requests not yet received. Thread-safe.
-  void inject(const Faults& faults);
+  void inject(const Faults& faults) { kernel_.inject(faults); }
 
  private:
-  struct Service;
-
-  std::string path_;
-  std::unique_ptr<Service> service_;
+  const std::string path_;
+  Kernel kernel_;
+  Server server_;
+  std::thread thread_;
 };
 
 }  // namespace tavik_wlan

@@ -177,25 +177,18 @@ Status validate_headers(Bytes message, const CommandInfo*& command) {
     return {-EINVAL, "ambiguous or reserved bits set in nlmsg_flags"};
   }
   command = find_command(kCommands, generic.cmd);
-  return command != nullptr && command->is_dump == dump ? Status{} : Status{-EOPNOTSUPP};
+  const uint32_t wanted = dump ? GENL_CMD_CAP_DUMP : GENL_CMD_CAP_DO;
+  return command != nullptr && (command->flags & wanted) != 0 ? Status{} : Status{-EOPNOTSUPP};
 }
 
 }  // namespace
 
 FamilyDescription describe_family(uint16_t id) {
-  FamilyDescription family{.id = id,
-                           .name = TAVIK_WLAN_FAMILY_NAME,
-                           .version = TAVIK_WLAN_FAMILY_VERSION,
-                           .max_attribute = TAVIK_WLAN_ATTR_MAX,
-                           .operations = {}};
-  for (const CommandInfo& info : kCommands) {
-    // A command without attributes has a policy, too: that there be none.
-    const uint32_t flags =
-        GENL_CMD_CAP_HASPOL |
-        (info.is_dump ? GENL_CMD_CAP_DUMP : GENL_CMD_CAP_DO | GENL_UNS_ADMIN_PERM);
-    family.operations.push_back({info.command, flags});
-  }
-  return family;
+  return {.id = id,
+          .name = TAVIK_WLAN_FAMILY_NAME,
+          .version = TAVIK_WLAN_FAMILY_VERSION,
+          .max_attribute = TAVIK_WLAN_ATTR_MAX,
+          .commands = kCommands};
 }
 
 Outcome handle_family_request(Bytes message, State& state, std::string* description) {
@@ -210,7 +203,7 @@ Outcome handle_family_request(Bytes message, State& state, std::string* descript
   if (description != nullptr) {
     *description = command->name;
   }
-  if (command->is_dump) {
+  if (command->command == TAVIK_WLAN_CMD_GET_TUPLES) {
     return {.replies = dump_tuples(load<nlmsghdr>(message), state.tuples())};
   }
   const auto operation = std::ranges::find(kOperations, command->command, &Operation::command);

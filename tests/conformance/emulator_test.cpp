@@ -1,5 +1,6 @@
 // What no other kernel can be told to do: the library survives an emulated one that goes away and
-// one that misbehaves. And what no other kernel has: files, and memory that clients may exhaust.
+// one with injected faults. And what no other kernel has: files, and memory that clients may
+// exhaust.
 
 #include <gtest/gtest.h>
 #include <linux/genetlink.h>
@@ -133,7 +134,7 @@ TEST_F(EmulatorTest, IsFoundAgainWhenItComesBack) {
   EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
 }
 
-TEST_F(EmulatorTest, MisbehavesWithoutHarm) {
+TEST_F(EmulatorTest, InjectsFaultsWithoutHarm) {
   struct Case {
     std::string name;
     tavik_wlan::Faults faults;

@@ -2,14 +2,12 @@
 // lengths, two little-endian bytes each, that of the first datagram last.
 
 #include <fuzzer/FuzzedDataProvider.h>
-#include <libmnl/libmnl.h>
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <optional>
 
 #include "tests/fuzz/require.h"
 #include "reference_kernel/emulator/kernel.h"
@@ -17,64 +15,59 @@
 namespace {
 
 using fuzz::require;
+using tavik_wlan::Attribute;
+using tavik_wlan::AttributeReader;
 using tavik_wlan::Bytes;
-using tavik_wlan::Datagram;
+using tavik_wlan::load;
 
 constexpr int kMaxErrno = 4095;
 
 /// Calls `take` for each attribute of a run, which is made of whole ones.
 template <typename Take>
-void for_each_attribute(Bytes run, Take take) {
-  while (!run.empty()) {
-    const auto* attribute = reinterpret_cast<const nlattr*>(run.data());
-    require(mnl_attr_ok(attribute, static_cast<int>(run.size())));
-    take(attribute);
-    run = run.subspan(std::min<size_t>(NLA_ALIGN(attribute->nla_len), run.size()));
+void for_each_attribute(AttributeReader run, Take take) {
+  while (const std::optional<Attribute> attribute = run.next()) {
+    take(*attribute);
+  }
+  require(!run.has_leftover());
+}
+
+void check_attribute(const Attribute& attribute) {
+  if (attribute.nested) {
+    for_each_attribute(AttributeReader(attribute), check_attribute);
   }
 }
 
-void check_attribute(const nlattr* attribute) {
-  if ((attribute->nla_type & NLA_F_NESTED) != 0) {
-    const auto* payload = static_cast<const uint8_t*>(mnl_attr_get_payload(attribute));
-    for_each_attribute({payload, mnl_attr_get_payload_len(attribute)}, check_attribute);
-  }
-}
-
-void check_acknowledgement(const nlmsghdr* message, Bytes payload) {
-  require(payload.size() >= sizeof(nlmsgerr));
-  const auto* acknowledgement = reinterpret_cast<const nlmsgerr*>(payload.data());
-  require(acknowledgement->error <= 0 && acknowledgement->error >= -kMaxErrno);
-  const Bytes attributes = payload.subspan(sizeof(nlmsgerr));
-  require(attributes.empty() || (message->nlmsg_flags & NLM_F_ACK_TLVS) != 0);
-  for_each_attribute(attributes, [&](const nlattr* attribute) {
-    require(mnl_attr_get_type(attribute) != NLMSGERR_ATTR_OFFS ||
-            mnl_attr_get_u32(attribute) < acknowledgement->msg.nlmsg_len);
+void check_acknowledgement(const nlmsghdr& header, Bytes message) {
+  require(message.size() >= NLMSG_HDRLEN + sizeof(nlmsgerr));
+  const auto acknowledgement = load<nlmsgerr>(message.subspan(NLMSG_HDRLEN));
+  require(acknowledgement.error <= 0 && acknowledgement.error >= -kMaxErrno);
+  const AttributeReader extack(message, NLMSG_HDRLEN + sizeof(nlmsgerr));
+  require(!extack.has_leftover() || (header.nlmsg_flags & NLM_F_ACK_TLVS) != 0);
+  for_each_attribute(extack, [&](const Attribute& attribute) {
+    require(attribute.type != NLMSGERR_ATTR_OFFS ||
+            load<uint32_t>(attribute.payload) < acknowledgement.msg.nlmsg_len);
   });
 }
 
-void check_message(const nlmsghdr* message) {
-  const Bytes payload(static_cast<const uint8_t*>(mnl_nlmsg_get_payload(message)),
-                      mnl_nlmsg_get_payload_len(message));
-  if (message->nlmsg_type == NLMSG_ERROR) {
-    check_acknowledgement(message, payload);
-  } else if (message->nlmsg_type == NLMSG_DONE) {
-    require(payload.size() == sizeof(int));
+void check_message(Bytes message) {
+  const auto header = load<nlmsghdr>(message);
+  if (header.nlmsg_type == NLMSG_ERROR) {
+    check_acknowledgement(header, message);
+  } else if (header.nlmsg_type == NLMSG_DONE) {
+    require(message.size() == NLMSG_HDRLEN + sizeof(int));
   } else {
-    require(payload.size() >= GENL_HDRLEN);
-    for_each_attribute(payload.subspan(GENL_HDRLEN), check_attribute);
+    require(message.size() >= NLMSG_HDRLEN + GENL_HDRLEN);
+    for_each_attribute(AttributeReader(message), check_attribute);
   }
 }
 
 /// Whole messages and nothing after them.
-void check_answer(const Datagram& datagram) {
-  const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
-  auto left = static_cast<int>(datagram.size());
-  require(left > 0);
-  while (left > 0) {
-    require(mnl_nlmsg_ok(message, left));
-    check_message(message);
-    message = mnl_nlmsg_next(message, &left);
+void check_answer(Bytes datagram) {
+  require(!datagram.empty());
+  while (const std::optional<Bytes> message = tavik_wlan::take_message(datagram)) {
+    check_message(*message);
   }
+  require(datagram.empty());
 }
 
 }  // namespace
@@ -86,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t length = input.ConsumeIntegral<uint16_t>();
     // In a block of its own exact size, so that a read beyond it is seen.
     const auto request = input.ConsumeBytes<uint8_t>(length);
-    for (const Datagram& datagram : kernel.receive(request).datagrams) {
+    for (const tavik_wlan::Datagram& datagram : kernel.receive(request).datagrams) {
       check_answer(datagram);
     }
   }
