@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <iterator>
 #include <optional>
 #include <vector>
 
@@ -134,6 +135,7 @@ constexpr Operation kOperations[] = {
     {TAVIK_WLAN_CMD_LL_ADDR_ADD, TAVIK_WLAN_ATTR_LL_DST_ADDR, apply<Flow, &State::add_flow>},
     {TAVIK_WLAN_CMD_LL_ADDR_FLUSH, 0, flush_flows},
 };
+static_assert(std::size(kOperations) + 1 == std::size(kCommands), "all but the dump are here");
 
 std::vector<Datagram> dump_tuples(const nlmsghdr& request, const TupleSet& tuples) {
   std::vector<Datagram> datagrams;

@@ -49,6 +49,7 @@ struct Faults {
 };
 
 /// Injects faults. Not thread-safe.
+// NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.
 class FaultInjector {
  public:
   void set(const Faults& faults) { faults_ = faults; }
@@ -65,7 +66,6 @@ class FaultInjector {
 
  private:
   Faults faults_;  // its counters run down
-  // NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.
   std::minstd_rand random_;
 };
 

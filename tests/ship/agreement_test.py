@@ -75,7 +75,7 @@ class AgreementTest(unittest.TestCase):
 
     def test_types_and_attributes_of_the_table(self):
         attributes = re.findall(r'TAVIK_WLAN_ATTR_(\w+), "(\w+)", Kind::k(\w+)', TABLE)
-        commands = re.findall(r'{TAVIK_WLAN_CMD_(\w+), "(\w+)"(?:,\s+{([^}]*)})?', TABLE)
+        commands = re.findall(r'{TAVIK_WLAN_CMD_(\w+),\s+"(\w+)"(?:,\s+{([^}]*)})?', TABLE)
         self.assertEqual([row[0] for row in attributes + commands],
                          [row[1] for row in attributes + commands])
         self.assertEqual(comments("ATTR"), {name: TYPES[kind] for name, _, kind in attributes})

@@ -269,8 +269,9 @@ TEST(MessageDecoderTest, TakesNoLengthForANegativeOne) {
 }
 
 TEST(MessageDecoderTest, NamesTheAttributeAtAnOffset) {
-  alignas(4) static constexpr uint8_t kRequest[] = {
-      56, 0, 0, 0,    28, 0, 5, 0, 0,    0,    0, 0, 0, 0,  0, 0, 1, 1, 0, 0,  // headers
+  static constexpr uint8_t kRequest[] = {
+      64, 0, 0, 0,    28, 0, 5, 0, 0,    0,    0, 0, 0, 0,  0, 0, 1, 1, 0, 0,  // headers
+      5,  0, 6, 0,    1,  0, 0, 0,                                             // SELECTOR
       36, 0, 1, 0x80,                                                          // TUPLES
       16, 0, 1, 0x80, 12, 0, 1, 0, 0x01, 0xbb, 0, 0, 4, 6,  0, 0,              // tcp/443
       16, 0, 1, 0x80, 12, 0, 1, 0, 0x11, 0x94, 0, 0, 6, 17, 0, 0};             // udp6/4500
@@ -279,11 +280,12 @@ TEST(MessageDecoderTest, NamesTheAttributeAtAnOffset) {
     const auto [name, value] = decoder.attribute_at(kRequest, offset);
     return name + (value.is_null() ? "; " : " " + value.dump());
   };
-  EXPECT_EQ(at(20) + at(24) + at(44), "TUPLES; TUPLES[0]; TUPLES[1].TUPLE \"ipv6 udp 4500\"");
-  EXPECT_EQ(at(55), "TUPLES[1].TUPLE \"ipv6 udp 4500\"");
-  EXPECT_EQ(at(16) + at(56) + at(UINT32_MAX), "; ; ; ");
+  EXPECT_EQ(at(24) + at(28) + at(32), "SELECTOR 1TUPLES; TUPLES[0]; ");
+  EXPECT_EQ(at(52), "TUPLES[1].TUPLE \"ipv6 udp 4500\"");
+  EXPECT_EQ(at(63), "TUPLES[1].TUPLE \"ipv6 udp 4500\"");
+  EXPECT_EQ(at(16) + at(64) + at(UINT32_MAX), "; ; ; ");
   EXPECT_EQ(decoder.missing_attribute(kRequest, 2, 0), "DEV");
-  EXPECT_EQ(decoder.missing_attribute(kRequest, 1, 40), "TUPLES[1].TUPLE");
+  EXPECT_EQ(decoder.missing_attribute(kRequest, 1, 48), "TUPLES[1].TUPLE");
 }
 
 TEST_F(DatapathctlTest, FindsTheFamilyUnderItsNewId) {
