@@ -100,7 +100,7 @@ FoundAttribute attribute_at(Bytes message, std::span<const AttributeInfo> attrib
       found.name.append(attribute_name(found.inside, attribute->type));
     }
     found.inside = found.info != nullptr ? found.info->inside : std::span<const AttributeInfo>();
-    if (found.inside.empty() || offset == attribute->offset) {
+    if (found.inside.empty()) {
       break;
     }
     run = AttributeReader(*attribute);

@@ -78,7 +78,7 @@ Outcome Kernel::handle(Bytes message, Exchange& exchange) {
     return {.status = {-ENOENT}};
   }
   if (is_dump(header) && exchange.dumped) {
-    // A socket has one dump at a time. It bounds what one datagram of requests makes us send, too.
+    // The kernel allows a socket one dump at a time. That also bounds the answer to one datagram.
     return {.status = {-EBUSY}};
   }
   if (!is_controller) {

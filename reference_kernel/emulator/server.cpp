@@ -22,10 +22,10 @@ constexpr size_t kMaxClients = 1024;
 /// Most bytes that wait for all clients together; the longest answer takes less than 4 MiB.
 constexpr size_t kMaxQueued = size_t{64} << 20;
 
-/// How long a client may be quiet before it has to make room for another.
+/// How long a client has to be quiet before it is hung up on to make room for another.
 constexpr std::chrono::seconds kPatience{1};
 
-/// How long nobody is let in when there is no room.
+/// How long no connection is accepted when there is no room.
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
 /// The positions of what poll() waits for.
@@ -154,7 +154,7 @@ void Server::accept_client(const Listener& listener, bool reads_state) {
   make_room_for_answers();
 }
 
-/// Whoever is waiting is let in next time, or tried again after a pause.
+/// The waiting connection is accepted at the next turn, or after a pause.
 void Server::make_room_for_client() {
   const Clock::time_point now = Clock::now();
   const auto quietest = std::ranges::min_element(clients_, {}, &Client::active);

@@ -19,8 +19,9 @@
 namespace tavik_wlan {
 
 /// Serves a kernel's clients at a path, and readers of its state at the path with ".state" added.
-/// Hangs up on those who have been quiet for longest when there are too many, or when more is
-/// waiting for them to be read than may be. All but stop() is for one thread.
+/// Hangs up on the client that has been quiet for longest when there are too many clients, and on
+/// the one that has not read for longest when too many bytes wait for all of them. All but stop()
+/// is for one thread.
 class Server {
  public:
   /// Listens; nothing is served before run(). Throws std::system_error.
@@ -32,7 +33,7 @@ class Server {
   /// Serves until stop() is called.
   void run();
 
-  /// Has run() return. Thread-safe.
+  /// Makes run() return. Thread-safe.
   void stop() const;
 
  private:
@@ -47,8 +48,8 @@ class Server {
   /// While it has something unsent nothing is received from it, which bounds its queue.
   struct Client {
     FileDescriptor socket;
-    bool reads_state;  // sends nothing, and is closed once everything is sent
-    Clock::time_point active = Clock::now();  // when it last came, sent or took something
+    bool reads_state;  // a reader of the state, which is closed once it has it
+    Clock::time_point active = Clock::now();  // when it last connected, sent or received
     std::deque<Outgoing> unsent{};
 
     /// What to poll for.
@@ -74,7 +75,7 @@ class Server {
   Listener state_;
   FileDescriptor stopped_;  // an eventfd
   std::list<Client> clients_;
-  Clock::time_point accept_again_{};  // until then nobody new is let in
+  Clock::time_point accept_again_{};  // until then no connection is accepted
   std::vector<uint8_t> buffer_;
 };
 

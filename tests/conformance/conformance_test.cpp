@@ -142,7 +142,7 @@ class ConformanceTest : public ::testing::Test {
     ::send(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL);
   }
 
-  /// What comes, in however many datagrams, up to the so manieth end of an answer.
+  /// What is received, in however many datagrams, until as many answers have ended.
   [[nodiscard]] std::string receive(int ends = 1) const {
     std::string received;
     for (std::vector<char> buffer(65536); ends > 0;) {
