@@ -67,8 +67,6 @@ install(TARGETS datapathctl COMPONENT tool)
 install(FILES docs/man/datapathctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES datapathctl/completion/datapathctl.bash RENAME datapathctl
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
-install(FILES datapathctl/completion/_datapathctl
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT tool)
 # Wireshark loads what lies there by itself, whatever its version.
 install(FILES kernel_interface/wireshark/tavik_wlan.lua
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT tool)

@@ -1,9 +1,13 @@
 #include "datapathctl/failure.h"
 
+#include <linux/genetlink.h>
+#include <linux/netlink.h>
+
 #include <cerrno>
 #include <cstring>
 #include <system_error>
 
+#include "datapathctl/message_decoder.h"
 #include "kernel_interface/tavik_wlan.h"
 
 namespace datapathctl {
@@ -14,9 +18,43 @@ std::string error_name(int error) {
   return name != nullptr ? name : std::to_string(error);
 }
 
-}  // namespace
+/// Says what the kernel refused, and which attribute it complained of.
+void explain_refusal(const CorvilNetlinkError& error, std::span<const uint8_t> request,
+                     Failure* failure) {
+  const uint16_t type = reinterpret_cast<const nlmsghdr*>(request.data())->nlmsg_type;
+  if (type == GENL_ID_CTRL && error.error == ENOENT) {
+    failure->reason = "the kernel has no family " TAVIK_WLAN_FAMILY_NAME;
+    failure->hint = kModuleHint;
+    return;
+  }
+  // What the library does not send to the controller, it sends to the family.
+  MessageDecoder decoder(type == GENL_ID_CTRL ? 0 : type);
+  std::string& reason = failure->reason;
+  reason = "the kernel refused " + decoder.decode(request)[0]["message"].get<std::string>() + ": " +
+           std::generic_category().message(error.error) + " (" + error_name(error.error) + ")";
+  if (error.message[0] != '\0') {
+    reason.append(": ").append(error.message);
+  }
+  if (error.attribute_offset != 0) {
+    const auto [name, value] = decoder.attribute_at(request, error.attribute_offset);
+    if (!name.empty()) {
+      failure->details["attribute"] = name;
+      failure->details["value"] = value;
+      reason.append(": ").append(name).append(value.is_null() ? "" : " " + value_text(value));
+    }
+  }
+  if (error.missing_attribute != 0) {
+    const std::string missing =
+        decoder.missing_attribute(request, error.missing_attribute, error.missing_nest_offset);
+    failure->details["missing"] = missing;
+    reason.append(": missing ").append(missing);
+  }
+  if (error.error == EPERM) {
+    failure->hint = "it takes CAP_NET_ADMIN in the user namespace of the network namespace";
+  }
+}
 
-const char kModuleHint[] = "is the module tavik_wlan loaded?";
+}  // namespace
 
 std::string emulator_hint(int error, const std::string& path) {
   return error == ENOENT || error == ECONNREFUSED
@@ -24,63 +62,16 @@ std::string emulator_hint(int error, const std::string& path) {
              : "";
 }
 
-bool Failure::is_unknown_family() const {
-  return error.from_kernel != 0 && error.error == ENOENT && request.starts_with("nlctrl ");
-}
-
-std::string Failure::reason() const {
-  if (error.error == 0) {
-    return message;
-  }
-  if (error.from_kernel == 0) {
-    return error.message;
-  }
-  if (is_unknown_family()) {
-    return "the kernel has no family " TAVIK_WLAN_FAMILY_NAME;
-  }
-  std::string text = "the kernel refused " + request + ": " +
-                     std::generic_category().message(error.error) + " (" + error_name(error.error) +
-                     ")";
-  if (error.message[0] != '\0') {
-    text += std::string(": ") + error.message;
-  }
-  if (!attribute.name.empty()) {
-    text += ": " + attribute.name;
-    if (!attribute.value.is_null()) {
-      text.append(" ").append(value_text(attribute.value));
-    }
-  }
-  if (!missing.empty()) {
-    text += ": missing " + missing;
-  }
-  return text;
-}
-
-std::string Failure::hint(const std::string& emulator) const {
-  if (is_unknown_family()) {
-    return kModuleHint;
-  }
+Failure explain(const CorvilNetlinkError& error, std::span<const uint8_t> request,
+                const std::string& emulator) {
+  Failure failure{error.message};
+  failure.details = {{"errno", error_name(error.error)}, {"from_kernel", error.from_kernel != 0}};
   if (error.from_kernel != 0) {
-    return error.error == EPERM
-               ? "it takes CAP_NET_ADMIN in the user namespace of the network namespace"
-               : "";
+    explain_refusal(error, request, &failure);
+  } else if (!emulator.empty()) {
+    failure.hint = emulator_hint(error.error, emulator);
   }
-  return emulator.empty() ? "" : emulator_hint(error.error, emulator);
-}
-
-void Failure::describe(nlohmann::ordered_json* object) const {
-  (*object)["reason"] = reason();
-  if (error.error != 0) {
-    (*object)["errno"] = error_name(error.error);
-    (*object)["from_kernel"] = error.from_kernel != 0;
-  }
-  if (!attribute.name.empty()) {
-    (*object)["attribute"] = attribute.name;
-    (*object)["value"] = attribute.value;
-  }
-  if (!missing.empty()) {
-    (*object)["missing"] = missing;
-  }
+  return failure;
 }
 
 }  // namespace datapathctl

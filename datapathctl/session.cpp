@@ -1,94 +1,61 @@
 #include "datapathctl/session.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <random>
 #include <system_error>
-#include <utility>
 
-#include "datapathctl/misbehaviour.h"
-#include "datapathctl/values.h"
 #include "reference_host/log/corvil_log_control.h"
+#include "reference_kernel/emulator/unix_socket.h"
 
 namespace datapathctl {
 namespace {
 
-constexpr char kEmulatorVariable[] = "CORVIL_NETLINK_EMULATOR";
-constexpr char kTimeoutVariable[] = "CORVIL_NETLINK_TIMEOUT_MS";
-constexpr char kCaptureVariable[] = "CORVIL_NETLINK_PCAP";
 constexpr char kKernelState[] = "/proc/net/tavik_wlan";
 
-/// How long an answer may take, in milliseconds, as the netlink library reads it.
-int timeout_ms() {
-  constexpr int kDefault = 3000;
-  const char* setting = getenv(kTimeoutVariable);
-  const std::string_view text = setting != nullptr ? setting : "";
-  const char* end = text.data() + text.size();
-  int value = 0;
-  const auto [rest, error] = std::from_chars(text.data(), end, value);
-  return error == std::errc() && rest == end && value > 0 ? value : kDefault;
+/// What stands for the family's id in a dry run: beyond those that a kernel gives.
+constexpr uint16_t kDryRunFamilyId = 65535;
+
+/// The library beside this program, or else the installed one.
+std::string default_library() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto beside = program.parent_path() / CORVIL_LIBRARY;
+  return std::filesystem::exists(beside, error) ? beside.string() : CORVIL_LIBRARY;
 }
 
-/// Limits each wait, that of connect() too; it ends with EAGAIN then.
-void limit_waits(int socket_fd, int milliseconds) {
-  const timeval limit{milliseconds / 1000, milliseconds % 1000 * 1000L};
-  setsockopt(socket_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-  setsockopt(socket_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-}
-
-/// Reads the state of the emulator at a path to the end, as a file.
-std::string read_socket(const std::string& emulator) {
-  const std::string path = emulator + ".state";
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  if (path.size() >= sizeof(address.sun_path)) {
-    throw CallFailed("cannot read the emulator's state: path too long: " + path);
-  }
-  path.copy(address.sun_path, path.size());
-  const int socket_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int patience = timeout_ms();
-  limit_waits(socket_fd, patience);
-  std::string text;
-  ssize_t length = connect(socket_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  if (length == 0) {
-    char buffer[65536];
-    while ((length = read(socket_fd, buffer, sizeof(buffer))) > 0) {
-      text.append(buffer, static_cast<size_t>(length));
-    }
-  }
-  const int error = errno;
-  close(socket_fd);
-  if (length < 0) {
-    throw CallFailed("cannot read the emulator's state at " + path + ": " +
-                         (error == EAGAIN ? "no answer within " + std::to_string(patience) + " ms"
-                                          : std::generic_category().message(error)),
-                     emulator_hint(error, emulator));
-  }
-  return text;
-}
-
-std::string read_file(const char* path) {
-  std::ifstream file(path);
+std::optional<Failure> read_kernel_state(std::string* state) {
+  std::ifstream file(kKernelState);
   if (!file) {
-    throw CallFailed(std::string("cannot read ") + path, kModuleHint);
+    return Failure{std::string("cannot read ") + kKernelState, kModuleHint};
   }
-  return {std::istreambuf_iterator<char>(file), {}};
+  state->assign(std::istreambuf_iterator<char>(file), {});
+  return {};
 }
 
-/// Prints the JSON of a command that is done or has failed, with a hint if there is one.
-void print_outcome(nlohmann::ordered_json outcome, const std::string& hint) {
-  if (!hint.empty()) {
-    outcome["hint"] = hint;
+std::optional<Failure> read_emulator_state(const std::string& emulator, std::string* state) {
+  const std::chrono::milliseconds patience{corvil_netlink_timeout()};
+  const std::string path = emulator + ".state";
+  try {
+    *state = tavik_wlan::read_stream(path, patience);
+    return {};
+  } catch (const std::system_error& error) {
+    const int number = error.code().value();
+    return Failure{
+        "cannot read the emulator's state at " + path + ": " +
+            (number == ETIMEDOUT ? "no answer within " + std::to_string(patience.count()) + " ms"
+                                 : error.code().message()),
+        emulator_hint(number, emulator)};
   }
-  print_json(outcome);
 }
 
 /// "name(): text" without the name.
@@ -107,62 +74,73 @@ void print_json(const nlohmann::ordered_json& object) {
 Session::~Session() {
   corvil_netlink_set_trace(nullptr, nullptr);
   corvil_netlink_set_dry_run(0);
+  corvil_netlink_set_emulator(nullptr);
+  corvil_netlink_set_timeout(0);
   corvil_log_set_diagnostic_handler(nullptr, nullptr);
   log_to_file = 0;
   if (logging_fd != nullptr && logging_fd != stdout) {
     fclose(logging_fd);
   }
   logging_fd = nullptr;
+  if (library_ != nullptr) {
+    dlclose(library_);
+  }
 }
 
-void Session::start() {
-  if (library_) {
-    return;
+Result Session::start() {
+  if (library_ != nullptr) {
+    return {};
   }
-  library_.emplace(settings_.library);
-  if (settings_.dry_run) {
-    corvil_netlink_set_dry_run(kDryRunFamilyId);
-    decoder_ = MessageDecoder(kDryRunFamilyId);
-  } else {
-    start_kernel();
+  for (Result (Session::*step)() : {&Session::load_library, &Session::start_kernel,
+                                    &Session::start_logging, &Session::start_netlink}) {
+    if (Result result = (this->*step)(); !result.ok()) {
+      return result;
+    }
   }
-  misbehave(settings_.misbehaviour);
-  start_logging();
-  start_capture();
-  if (settings_.timeout_ms != 0) {
-    setenv(kTimeoutVariable, std::to_string(settings_.timeout_ms).c_str(), 1);
-  }
+  return {};
+}
+
+Result Session::start_netlink() {
+  corvil_netlink_set_timeout(settings_.timeout_ms);
   corvil_netlink_set_trace(
       [](CorvilNetlinkDirection direction, const void* bytes, size_t length, void* session) {
         static_cast<Session*>(session)->on_message(direction,
                                                    {static_cast<const uint8_t*>(bytes), length});
       },
       this);
+  const int result = settings_.pcap.empty() ? corvil_netlink_check_capture()
+                                            : corvil_netlink_open_capture(settings_.pcap.c_str());
+  return result == 0 ? Result{} : failure(corvil_netlink_last_error()->message);
 }
 
-void Session::start_kernel() {
-  if (settings_.emulate) {
-    emulator_path_ = emulator_folder_.emplace().socket_path();
-    emulator_.emplace(emulator_path_);
+Result Session::load_library() {
+  const std::string path = settings_.library.empty() ? default_library() : settings_.library;
+  library_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  return library_ != nullptr ? Result{}
+                             : usage_error(std::string("cannot load the library: ") + dlerror());
+}
+
+Result Session::start_kernel() {
+  if (settings_.dry_run) {
+    corvil_netlink_set_dry_run(kDryRunFamilyId);
+    decoder_ = MessageDecoder(kDryRunFamilyId);
+  } else if (settings_.emulate) {
+    // An abstract address leaves no file behind; nobody can guess this one and take it first.
+    emulator_.emplace("@datapathctl-" + std::to_string(getpid()) + "-" +
+                      std::to_string(std::random_device()()));
+    corvil_netlink_set_emulator(emulator_->path().c_str());
   } else if (!settings_.socket.empty()) {
-    emulator_path_ = settings_.socket;
-  } else if (const char* path = getenv(kEmulatorVariable)) {
-    emulator_path_ = path;
+    corvil_netlink_set_emulator(settings_.socket.c_str());
   }
-  if (!emulator_path_.empty()) {
-    setenv(kEmulatorVariable, emulator_path_.c_str(), 1);
-  }
+  return settings_.faults ? inject(*settings_.faults) : Result{};
 }
 
-void Session::start_logging() {
-  if (settings_.json && settings_.log_file == "-") {
-    throw UsageError("--json excludes --log-file -");
-  }
+Result Session::start_logging() {
   if (!settings_.log_file.empty()) {
     logging_fd = settings_.log_file == "-" ? stdout : fopen(settings_.log_file.c_str(), "ae");
     if (logging_fd == nullptr) {
-      throw UsageError("cannot write the log file " + settings_.log_file + ": " +
-                       std::generic_category().message(errno));
+      return usage_error("cannot write the log file " + settings_.log_file + ": " +
+                         std::generic_category().message(errno));
     }
     log_to_file = 1;
   }
@@ -173,20 +151,14 @@ void Session::start_logging() {
         static_cast<Session*>(session)->on_log_message(*site, line, text);
       },
       this);
-}
-
-void Session::start_capture() {
-  if (!settings_.pcap.empty()) {
-    setenv(kCaptureVariable, settings_.pcap.c_str(), 1);
-  }
-  if (corvil_netlink_check_capture() == -1) {
-    throw CallFailed(corvil_netlink_last_error()->message);
-  }
+  return {};
 }
 
 void Session::on_log_message(const LogSiteDescriptor& site, const char* line, const char* text) {
   if (site.level_mask == LOG_LEVEL_MASK_ERR && !failure_) {
-    failure_ = make_failure(without_name(text));
+    // Without an exchange that failed, the library itself has found something wrong.
+    failure_ =
+        corvil_netlink_last_error()->error != 0 ? last_failure() : Failure{without_name(text)};
   }
   if (settings_.log_diagnostic) {
     std::cerr << printable(line) << "\n";
@@ -195,98 +167,95 @@ void Session::on_log_message(const LogSiteDescriptor& site, const char* line, co
 
 void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
   const bool sent = direction == CORVIL_NETLINK_SENT;
-  const bool shown = settings_.trace || settings_.dry_run;
+  if (sent) {
+    last_request_.assign(datagram.begin(), datagram.end());
+  }
+  if (!settings_.trace && !settings_.dry_run) {
+    return;
+  }
   for (nlohmann::ordered_json& message : decoder_.decode(datagram)) {
-    if (sent) {
-      last_request_ = message["message"];
-      last_request_bytes_.assign(datagram.begin(), datagram.end());
-    }
-    if (shown && settings_.json) {
+    if (settings_.json) {
       message["direction"] = sent ? "sent" : "received";
       print_json(message);
-    } else if (shown) {
+    } else {
       std::cout << (sent ? "> " : "< ") << to_text(message);
     }
   }
-  if (shown && settings_.hex) {
-    if (settings_.json) {
-      print_json({{"bytes", to_hex(datagram)}});
-    } else {
-      std::cout << "    bytes " << to_hex(datagram) << "\n";
-    }
+  if (settings_.hex && settings_.json) {
+    print_json({{"bytes", to_hex(datagram)}});
+  } else if (settings_.hex) {
+    std::cout << "    bytes " << to_hex(datagram) << "\n";
   }
   std::cout.flush();
 }
 
-Failure Session::make_failure(std::string message) const {
-  Failure failure{*corvil_netlink_last_error(), last_request_, std::move(message)};
-  const CorvilNetlinkError& error = failure.error;
-  if (error.from_kernel != 0 && error.attribute_offset != 0) {
-    failure.attribute = decoder_.attribute_at(last_request_bytes_, error.attribute_offset);
-  }
-  if (error.from_kernel != 0 && error.missing_attribute != 0) {
-    failure.missing = decoder_.missing_attribute(last_request_bytes_, error.missing_attribute,
-                                                 error.missing_nest_offset);
-  }
-  return failure;
+Failure Session::last_failure() const {
+  return explain(*corvil_netlink_last_error(), last_request_, corvil_netlink_emulator());
 }
 
-void Session::begin_call() {
+Result Session::begin_call(const char* function, void** address) {
+  if (Result started = start(); !started.ok()) {
+    return started;
+  }
+  *address = dlsym(library_, function);
+  if (*address == nullptr) {
+    return usage_error(std::string("not in the library: ") + dlerror());
+  }
   corvil_netlink_clear_last_error();
   failure_.reset();
+  return {};
 }
 
-void Session::report(const char* command, int result) {
-  if (result == -1 && !failure_) {
-    failure_ = make_failure("");
-  }
-  if (!failure_ && corvil_netlink_check_capture() == -1) {
-    failure_ = Failure{*corvil_netlink_last_error(), "", ""};
+Result Session::end_call(const char* command, int result) {
+  if (!failure_ && (result == -1 || corvil_netlink_check_capture() == -1)) {
+    failure_ = last_failure();
   }
   if (!failure_ && logging_fd != nullptr && ferror(logging_fd) != 0) {
-    failure_ = Failure{{}, "", "cannot write the log file " + settings_.log_file};
+    failure_ = Failure{"cannot write the log file " + settings_.log_file};
   }
-  nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
-  std::string hint;
-  // The query of ports returns 0 whatever became of it: what it logged tells.
-  if (failure_) {
-    failure_->describe(&outcome);
-    hint = failure_->hint(emulator_path_);
-  }
+  Result ended = report(command, result);
+  return ended.ok() ? ended : failure(std::string(command) + ": " + ended.error, ended.hint);
+}
+
+/// Prints the JSON of a command that is done or has failed.
+Result Session::report(const char* command, int result) const {
   if (settings_.json && (failure_ || !settings_.dry_run)) {
-    print_outcome(outcome, hint);
-  }
-  if (failure_) {
-    throw CallFailed(std::string(command) + ": " + failure_->reason(), hint);
-  }
-}
-
-std::string Session::kernel_state(const char* command) {
-  start();
-  try {
-    return emulator_path_.empty() ? read_file(kKernelState) : read_socket(emulator_path_);
-  } catch (const CallFailed& failure) {
-    if (settings_.json) {
-      print_outcome({{"command", command}, {"result", -1}, {"reason", failure.what()}},
-                    failure.hint());
+    nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
+    if (failure_) {
+      outcome["reason"] = failure_->reason;
+      outcome.update(failure_->details);
     }
-    throw;
+    if (failure_ && !failure_->hint.empty()) {
+      outcome["hint"] = failure_->hint;
+    }
+    print_json(outcome);
   }
+  return failure_ ? failure(failure_->reason, failure_->hint) : Result{};
 }
 
-void Session::misbehave(const std::vector<std::string>& words) {
-  if (words.empty()) {
-    return;
+Result Session::read_state(const char* command, std::string* state) {
+  if (Result started = start(); !started.ok()) {
+    return started;
   }
-  const tavik_wlan::Faults faults = parse_misbehaviour(words);
-  start();
-  if (settings_.dry_run) {
-    return;
+  const std::string emulator = corvil_netlink_emulator();
+  if (emulator_) {
+    *state = emulator_->state();
+    failure_.reset();
+  } else {
+    failure_ = emulator.empty() ? read_kernel_state(state) : read_emulator_state(emulator, state);
+  }
+  return failure_ ? report(command, -1) : Result{};
+}
+
+Result Session::inject(const Faults& faults) {
+  if (Result started = start(); !started.ok() || settings_.dry_run) {
+    return started;
   }
   if (!emulator_) {
-    throw UsageError("only the emulator of --emulate can be told to misbehave");
+    return usage_error("only the emulator of --emulate can be told to misbehave");
   }
   emulator_->inject(faults);
+  return {};
 }
 
 }  // namespace datapathctl

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 
-#include <array>
 #include <charconv>
 
 #include "kernel_interface/tavik_wlan.h"
@@ -10,79 +9,70 @@
 namespace datapathctl {
 namespace {
 
-struct Protocol {
-  std::string_view name;
-  uint32_t ip_proto;
-  uint32_t trans_proto;
-};
-
-constexpr std::array<Protocol, 4> kProtocols = {{
-    {"tcp", TAVIK_WLAN_IP_PROTO_IPV4, TAVIK_WLAN_TRANS_PROTO_TCP},
-    {"udp", TAVIK_WLAN_IP_PROTO_IPV4, TAVIK_WLAN_TRANS_PROTO_UDP},
-    {"tcp6", TAVIK_WLAN_IP_PROTO_IPV6, TAVIK_WLAN_TRANS_PROTO_TCP},
-    {"udp6", TAVIK_WLAN_IP_PROTO_IPV6, TAVIK_WLAN_TRANS_PROTO_UDP},
-}};
-
-const Protocol& parse_protocol(std::string_view name, const std::string& whole) {
-  for (const Protocol& protocol : kProtocols) {
-    if (protocol.name == name) {
-      return protocol;
+/// A descriptor of port 0.
+PortDescriptor parse_protocol(std::string_view name, const std::string& whole) {
+  for (const uint32_t ip_proto :
+       {uint32_t{TAVIK_WLAN_IP_PROTO_IPV4}, uint32_t{TAVIK_WLAN_IP_PROTO_IPV6}}) {
+    for (const uint32_t trans_proto :
+         {uint32_t{TAVIK_WLAN_TRANS_PROTO_TCP}, uint32_t{TAVIK_WLAN_TRANS_PROTO_UDP}}) {
+      if (protocol_name(ip_proto, trans_proto) == name) {
+        return {ip_proto, trans_proto, 0};
+      }
     }
   }
-  throw UsageError("bad port '" + whole + "': it reads tcp/443, udp/53, tcp6/443 or udp6/4500");
+  throw CLI::ValidationError("bad port '" + whole +
+                             "': it reads tcp/443, udp/53, tcp6/443 or udp6/4500");
 }
 
 void append_ports(const std::string& text, std::vector<PortDescriptor>* ports) {
   const size_t slash = text.find('/');
-  const Protocol& protocol = parse_protocol(text.substr(0, slash), text);
+  PortDescriptor descriptor = parse_protocol(text.substr(0, slash), text);
   const std::string range = slash == std::string::npos ? "" : text.substr(slash + 1);
   const size_t dash = range.find('-');
-  const uint32_t first = parse_number(range.substr(0, dash), UINT16_MAX, "port in '" + text + "'");
-  const uint32_t last = dash == std::string::npos ? first
-                                                  : parse_number(range.substr(dash + 1), UINT16_MAX,
-                                                                 "port in '" + text + "'");
+  const std::string what = "port in '" + text + "'";
+  const uint32_t first = parse_number(range.substr(0, dash), UINT16_MAX, what);
+  const uint32_t last =
+      dash == std::string::npos ? first : parse_number(range.substr(dash + 1), UINT16_MAX, what);
   if (last < first) {
-    throw UsageError("bad port '" + text + "': the range ends before it starts");
+    throw CLI::ValidationError("bad port '" + text + "': the range ends before it starts");
   }
   for (uint32_t port = first; port <= last; ++port) {
-    ports->push_back({protocol.ip_proto, protocol.trans_proto, static_cast<uint16_t>(port)});
+    descriptor.port = static_cast<uint16_t>(port);
+    ports->push_back(descriptor);
   }
 }
 
 }  // namespace
 
 uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what, uint32_t min) {
-  std::string_view digits = text;
-  int base = 10;
-  if (digits.starts_with("0x")) {
-    digits.remove_prefix(2);
-    base = 16;
-  }
+  const bool is_hexadecimal = text.starts_with("0x");
+  const std::string_view digits = text.substr(is_hexadecimal ? 2 : 0);
   uint32_t value = 0;
   const char* end = digits.data() + digits.size();
-  const auto [stop, error] = std::from_chars(digits.data(), end, value, base);
+  const auto [stop, error] = std::from_chars(digits.data(), end, value, is_hexadecimal ? 16 : 10);
   if (error != std::errc() || stop != end || value < min || value > max) {
-    throw UsageError("bad " + std::string(what) + ": '" + std::string(text) +
-                     "' is not a number from " + std::to_string(min) + " to " +
-                     std::to_string(max));
+    throw CLI::ValidationError("bad " + std::string(what) + ": '" + std::string(text) +
+                               "' is not a number from " + std::to_string(min) + " to " +
+                               std::to_string(max));
   }
   return value;
 }
 
-uint16_t parse_network_port(std::string_view text) {
+int parse_timeout(const std::string& text) {
+  return static_cast<int>(parse_number(text, 3600000, "timeout", 1));
+}
+
+uint32_t parse_selector(const std::string& text) {
+  return parse_number(text, UINT32_MAX, "selector");
+}
+
+uint32_t parse_spi(const std::string& text) { return htonl(parse_number(text, UINT32_MAX, "SPI")); }
+
+uint16_t parse_network_port(const std::string& text) {
   return htons(static_cast<uint16_t>(parse_number(text, UINT16_MAX, "port")));
 }
 
-std::vector<std::string> port_protocols() {
-  std::vector<std::string> names;
-  names.reserve(kProtocols.size());
-  for (const Protocol& protocol : kProtocols) {
-    names.emplace_back(protocol.name);
-  }
-  return names;
-}
-
-std::string protocol_name(uint8_t ip_proto, uint8_t trans_proto) {
+std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto) {
   const std::string transport = trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP   ? "tcp"
                                 : trans_proto == TAVIK_WLAN_TRANS_PROTO_UDP ? "udp"
                                                                             : "esp";

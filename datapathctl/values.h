@@ -1,9 +1,9 @@
-// Ports, SPIs and numbers as a person writes them.
+// Ports and numbers as a person writes them.
 #ifndef DATAPATHCTL_VALUES_H_
 #define DATAPATHCTL_VALUES_H_
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,26 +12,35 @@
 
 namespace datapathctl {
 
-/// Bad input from the command line, a batch or a file; what() is one line for the user.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+// What can't be parsed is thrown as a CLI::ValidationError, one line for the user.
 
 /// A number from min to max, decimal or, after "0x", hexadecimal. `what` names it in the error.
 uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what, uint32_t min = 0);
 
+/// How long the kernel may take, in milliseconds.
+int parse_timeout(const std::string& text);
+
+uint32_t parse_selector(const std::string& text);
+
+/// A security parameter index; the result is in network byte order, as the library takes it.
+uint32_t parse_spi(const std::string& text);
+
 /// A UDP or TCP port number; the result is in network byte order, as the library takes it.
-uint16_t parse_network_port(std::string_view text);
+uint16_t parse_network_port(const std::string& text);
 
 /// Ports of the form tcp/443, udp6/4500 or tcp/1000-1999, in the order given.
 std::vector<PortDescriptor> parse_ports(const std::vector<std::string>& texts);
 
-/// The protocols that ports may begin with: "tcp", "udp6" and so on.
-std::vector<std::string> port_protocols();
-
 /// "tcp", "udp6", "esp" and so on, by a tuple's IP version and IANA protocol number.
-std::string protocol_name(uint8_t ip_proto, uint8_t trans_proto);
+std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto);
+
+/// Has a parser convert the text, or the texts, of an option or argument to a value.
+template <typename Text, typename Value>
+CLI::Option* add_value(CLI::App& parser, const char* name, Value& value,
+                       Value (*convert)(const Text&), const std::string& help) {
+  return parser.add_option_function<Text>(
+      name, [&value, convert](const Text& text) { value = convert(text); }, help);
+}
 
 }  // namespace datapathctl
 

@@ -15,7 +15,7 @@ packages_for[release]=${packages_for[test]}
 packages_for[asan]=${packages_for[test]}
 packages_for[tsan]=${packages_for[test]}
 packages_for[style]="clang-format git shellcheck"
-packages_for[tools]="${packages_for[test]} abigail-tools man-db mandoc python3 python3-yaml tshark zsh"
+packages_for[tools]="${packages_for[test]} abigail-tools man-db mandoc python3 python3-yaml tshark"
 packages_for[clang]="${packages_for[test]} clang clang-tidy libclang-rt-dev"
 packages_for[arm]="${packages_for[demo]} g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest
   qemu-user"

@@ -1,36 +1,50 @@
-# bash completion for datapathctl. The tool itself is asked what may stand at the cursor.
+# bash completion for datapathctl; tests/completion_test.sh holds it against the tool's help.
 # shellcheck shell=bash
 
 _datapathctl() {
-  local line=${COMP_LINE:0:COMP_POINT} words=() candidate
-  # Blanks part words, except those that are quoted; the last quote may still be open.
-  local form="^([^[:space:]\\\"']|\\\\.|\"([^\\\"]|\\\\.)*\"|'[^']*')*(\\\\|\"([^\\\"]|\\\\.)*\\\\?|'[^']*)?"
-  while
-    line=${line#"${line%%[![:space:]]*}"}
-    [[ $line =~ $form ]]
-    words+=("${BASH_REMATCH[0]//[\\\"\']/}")
-    line=${line:${#BASH_REMATCH[0]}}
-    [ -n "$line" ]
-  do :; done
-  local word=${words[-1]}
-  # Readline replaces its own last word only, which may begin behind an '=' or ':'.
-  local kept=${word%"${2//\\/}"} option=""
-  [[ $word != --*=* ]] || option=${word%%=*}=
+  local word=$2 before=$3 path="" words="" i
+  # Readline takes "--socket=x" for three words.
+  [[ $word != = ]] || word="" before="="
+  [[ $before != = ]] || before=${COMP_WORDS[COMP_CWORD - 1]}
+  [[ $before != = ]] || before=${COMP_WORDS[COMP_CWORD - 2]}
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    case ${COMP_WORDS[i]} in
+      --library | --socket | --misbehave | --timeout | --pcap | --log-file)
+        [[ ${COMP_WORDS[i + 1]} != = ]] || ((++i))
+        ((++i))
+        ;;
+      -*) ;;
+      *) path+=" ${COMP_WORDS[i]}" ;;
+    esac
+  done
 
   COMPREPLY=()
-  while IFS= read -r line; do
-    candidate=${line%%$'\t'*}
-    if [[ $line == :files ]]; then
-      compopt -o filenames
-      while IFS= read -r candidate; do
-        candidate=$option$candidate
-        COMPREPLY+=("${candidate#"$kept"}")
-      done < <(compgen -f -- "${word#"$option"}")
-    else
-      [[ $candidate != *[=/] ]] || compopt -o nospace
-      COMPREPLY+=("${candidate#"$kept"}")
-    fi
-  done < <("$1" complete -- "${words[@]:1}" 2>/dev/null)
+  case $before,$path in
+    --library,* | --socket,* | --pcap,* | --log-file,* | *," batch" | *," emulator")
+      compopt -o default # Where nothing is offered, Readline completes and quotes files.
+      ;;
+    --misbehave,* | *," misbehave"*)
+      words="none silent delay= truncate= garbage stale refuse= interrupt= family-id= absent"
+      ;;
+    --timeout,* | --from,* | --to,* | --selector,*) ;;
+    *,) words="proxy ipsec encap lowlat ports reset state misbehave batch emulator help" ;;
+    *," proxy") words="up down update unmap" ;;
+    *," proxy up "* | *," proxy down "* | *," proxy update"*) words="tcp/ udp/ tcp6/ udp6/" ;;
+    *," ipsec") words="add delete" ;;
+    *," encap") words="set unset pass-through drop" ;;
+    *," lowlat") words="add flush" ;;
+  esac
+  if [[ $word == -* ]]; then
+    case $path in
+      "") words="--help --version --library --emulate --socket --misbehave --timeout --trace
+        --dry-run --hex --pcap --json --log-file --log-diag --log-android" ;;
+      " proxy update"*) words="--help --old --new" ;;
+      " proxy "*) words="--help --from --to --selector" ;;
+      *) words="--help" ;;
+    esac
+  fi
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+  [[ ${COMPREPLY[0]-} != *[=/] ]] || compopt -o nospace
 }
 
 complete -F _datapathctl datapathctl

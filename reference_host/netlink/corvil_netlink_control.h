@@ -6,7 +6,8 @@
  * privileges that its caller lacks (secure_getenv(3)). Every exchange reads two of them afresh:
  *
  *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
- *                              which all requests go instead; one packet is one netlink datagram
+ *                              which all requests go instead; one packet is one netlink datagram.
+ *                              "@name" is the abstract socket of that name, "./@name" a file
  *   CORVIL_NETLINK_TIMEOUT_MS  how long an exchange waits for the connection, for room to send, for
  *                              the first message of the answer and for each further reply: a
  *                              positive number of milliseconds; 3000 when it is unset or anything
@@ -27,7 +28,9 @@
  *                              SIGXFSZ, and the exchanges go on without it; see
  *                              corvil_netlink_check_capture().
  *
- * The environment must not be changed while any thread is in an operation.
+ * The environment must not be changed while any thread is in an operation. A host that makes these
+ * settings itself calls corvil_netlink_set_emulator(), corvil_netlink_set_timeout() and
+ * corvil_netlink_open_capture() instead.
  *
  * A host may close all its descriptors between its calls, the library's included, as daemons do.
  * The next exchange then connects anew, the capture ends (EBADF), and files of the host that have
@@ -100,6 +103,37 @@ void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* cont
  * Not thread-safe: no other thread may be in a netlink operation.
  */
 void corvil_netlink_set_dry_run(uint16_t family_id);
+
+/*
+ * Sends the requests of the process to the emulated kernel at a path, whatever the environment
+ * says; "": to the kernel; null: where the environment says.
+ *
+ * path  as of CORVIL_NETLINK_EMULATOR; kept, not copied
+ *
+ * Not thread-safe: no other thread may be in a netlink operation.
+ */
+void corvil_netlink_set_emulator(const char* path);
+
+/* Returns the path of the emulated kernel that requests go to; "": they go to the kernel. */
+const char* corvil_netlink_emulator(void);
+
+/*
+ * Has exchanges wait for so many milliseconds, whatever the environment says; 0: as it says.
+ *
+ * Not thread-safe: no other thread may be in a netlink operation.
+ */
+void corvil_netlink_set_timeout(int milliseconds);
+
+/* Returns how long exchanges wait, in milliseconds. */
+int corvil_netlink_timeout(void);
+
+/*
+ * Starts a capture at a path as CORVIL_NETLINK_PCAP would, whatever the environment says. Returns
+ * 0, or -1 with the last error recorded: when the file can't be written, or with EALREADY when an
+ * exchange, or a call of this or the next function, has settled before where there is a capture.
+ * Thread-safe.
+ */
+int corvil_netlink_open_capture(const char* path);
 
 /*
  * Starts the capture that CORVIL_NETLINK_PCAP asks for, unless an exchange has done so already.

@@ -16,6 +16,7 @@
 
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_host/netlink/last_error.h"
 #include "reference_host/netlink/netlink_socket.h"
 #include "reference_host/netlink/observers.h"
@@ -37,7 +38,13 @@ struct Request {
   bool dump;
 };
 
+/// The path that the host has set in place of the environment's; null: none.
+constinit const char* chosen_emulator = nullptr;
+
 const char* emulator_setting() {
+  if (chosen_emulator != nullptr) {
+    return chosen_emulator;
+  }
   const char* value = secure_getenv("CORVIL_NETLINK_EMULATOR");
   return value != nullptr ? value : "";
 }
@@ -333,3 +340,9 @@ CORVIL_EXPORT int corvil_netlink_query(const struct nlmsghdr* request, int proto
                                        int dump) {
   return corvil::netlink::exchange({request, protocol, callback, context, dump != 0}, nullptr);
 }
+
+CORVIL_EXPORT void corvil_netlink_set_emulator(const char* path) {
+  corvil::netlink::chosen_emulator = path;
+}
+
+CORVIL_EXPORT const char* corvil_netlink_emulator() { return corvil::netlink::emulator_setting(); }

@@ -12,11 +12,14 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <new>
 
+#include "reference_host/corvil_export.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_host/netlink/observers.h"
 
 namespace corvil::netlink {
@@ -27,7 +30,13 @@ constexpr size_t kBufferSize = size_t{128} * 1024;
 
 constexpr std::chrono::milliseconds kDefaultTimeout{3000};
 
+/// The time-out that the host has set in place of the environment's; 0: none.
+constinit int chosen_timeout_ms = 0;
+
 std::chrono::milliseconds timeout_setting() {
+  if (chosen_timeout_ms != 0) {
+    return std::chrono::milliseconds{chosen_timeout_ms};
+  }
   const char* text = secure_getenv("CORVIL_NETLINK_TIMEOUT_MS");
   if (text == nullptr) {
     return kDefaultTimeout;
@@ -114,6 +123,13 @@ int NetlinkSocket::open_emulator() {
   if (const int error = socket_.adopt(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))) {
     return error;
   }
+  sockaddr_un address = emulator_;
+  socklen_t length = sizeof(address);
+  if (address.sun_path[0] == '@') {
+    // An abstract address begins with a NUL, and ends where its length says.
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(address.sun_path));
+    address.sun_path[0] = '\0';
+  }
   // The send time-out limits how long connect() waits for room in the peer's backlog.
   Deadline deadline;
   for (;;) {
@@ -123,7 +139,7 @@ int NetlinkSocket::open_emulator() {
       return ETIMEDOUT;
     }
     setsockopt(fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
-    if (connect(fd(), reinterpret_cast<const sockaddr*>(&emulator_), sizeof(emulator_)) == 0) {
+    if (connect(fd(), reinterpret_cast<const sockaddr*>(&address), length) == 0) {
       return 0;
     }
     if (errno != EINTR) {
@@ -204,3 +220,11 @@ int NetlinkSocket::wait(short events, Deadline& deadline) const {
 }
 
 }  // namespace corvil::netlink
+
+CORVIL_EXPORT void corvil_netlink_set_timeout(int milliseconds) {
+  corvil::netlink::chosen_timeout_ms = milliseconds;
+}
+
+CORVIL_EXPORT int corvil_netlink_timeout() {
+  return static_cast<int>(corvil::netlink::timeout_setting().count());
+}

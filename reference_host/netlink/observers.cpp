@@ -107,8 +107,8 @@ ssize_t write_without_signals(int fd, std::span<const iovec> parts) {
 /// wait, ends the capture and nothing else. Open and locked until the process ends. Thread-safe.
 class Capture {
  public:
-  /// Creates the file that CORVIL_NETLINK_PCAP names, if any.
-  Capture();
+  /// Creates the file at a path; there is no capture when it is null or empty.
+  explicit Capture(const char* path);
 
   [[nodiscard]] bool is_on() const { return file_.number() != -1 && error() == 0; }
 
@@ -129,14 +129,14 @@ class Capture {
   std::atomic<int> error_{0};
 };
 
-/// The process's capture, created when it is first asked for.
-Capture& capture() {
-  static Capture process_capture;
+/// The process's capture. The first call creates it at the path that it gives, or else at that of
+/// CORVIL_NETLINK_PCAP.
+Capture& capture(const char* path = nullptr) {
+  static Capture process_capture(path != nullptr ? path : secure_getenv("CORVIL_NETLINK_PCAP"));
   return process_capture;
 }
 
-Capture::Capture() {
-  const char* path = secure_getenv("CORVIL_NETLINK_PCAP");
+Capture::Capture(const char* path) {
   if (path == nullptr || path[0] == '\0') {
     return;
   }
@@ -241,4 +241,11 @@ CORVIL_EXPORT int corvil_netlink_check_capture() {
              ? 0
              : corvil::netlink::fail(capture.error(), "cannot write the capture %s: %m",
                                      capture.path());
+}
+
+CORVIL_EXPORT int corvil_netlink_open_capture(const char* path) {
+  if (strcmp(corvil::netlink::capture(path).path(), path) != 0) {
+    return corvil::netlink::fail(EALREADY, "cannot write the capture %s: %m", path);
+  }
+  return corvil_netlink_check_capture();
 }

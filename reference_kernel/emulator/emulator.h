@@ -21,7 +21,9 @@ namespace tavik_wlan {
 ///
 /// Next to it, at its path with ".state" added, a SOCK_STREAM socket gives whoever connects the
 /// state as text and closes, as a file under /proc would. Both are for the emulator's user alone.
-/// While it serves, its path with ".lock" added is a file that keeps another from serving there.
+/// While it serves, its path with ".lock" added is a file that keeps another from serving there. A
+/// path such as "@name" is the abstract address of that name: it takes no file, and clients of
+/// other users than its own and root are hung up on.
 class Emulator {
  public:
   /// Gets one line for each accepted command, such as "ADD_TUPLES ipv4 tcp 443, ipv6 udp 4500" or

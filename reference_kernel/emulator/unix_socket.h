@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -48,7 +49,8 @@ class OwnFile {
 };
 
 /// The right to listen at a path, which one at a time has: a lock on the file at the path with
-/// ".lock" added. A process that dies leaves the file, but not the lock.
+/// ".lock" added. A process that dies leaves the file, but not the lock. An abstract address needs
+/// no file.
 class PathLock {
  public:
   /// Throws std::system_error, with EADDRINUSE when another has the right or when the file isn't
@@ -56,12 +58,13 @@ class PathLock {
   explicit PathLock(const std::string& path);
 
  private:
-  FileDescriptor lock_;
+  FileDescriptor lock_{-1};
   std::optional<OwnFile> file_;
 };
 
 /// A listening socket, non-blocking and close-on-exec, and its file, which only its user may
-/// connect to.
+/// connect to. A path that begins with '@' is an abstract address, which has no file: there clients
+/// of other users than the process's own and root are turned away.
 class Listener {
  public:
   /// Listens at `path`, to which the caller has the right; `type` is SOCK_SEQPACKET or SOCK_STREAM.
@@ -77,8 +80,13 @@ class Listener {
 
  private:
   FileDescriptor socket_;
+  bool is_abstract_;
   std::optional<OwnFile> file_;
 };
+
+/// Reads to its end what a Listener of type SOCK_STREAM gives at a path. Throws std::system_error,
+/// with ETIMEDOUT when nothing comes for as long as the reader's patience.
+std::string read_stream(const std::string& path, std::chrono::milliseconds patience);
 
 }  // namespace tavik_wlan
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "tests/fuzz/require.h"
 #include "reference_kernel/emulator/kernel.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 

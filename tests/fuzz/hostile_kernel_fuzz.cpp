@@ -22,12 +22,12 @@
 #include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
-#include "tests/fuzz/require.h"
 #include "host_interfaces/corvil_log_services.h"
 #include "kernel_interface/tavik_wlan.h"
 #include "reference_host/log/corvil_log_control.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_host/port_utils/corvil_port_tree.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "tests/fuzz/require.h"
 #include "host_interfaces/corvil_netlink.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 

@@ -14,10 +14,10 @@
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "datapath_proxy/src/datapath_log.h"
-#include "tests/fuzz/require.h"
 #include "host_interfaces/corvil_log_services.h"
 #include "host_interfaces/corvil_netlink.h"
 #include "host_interfaces/corvil_port_utils.h"
+#include "tests/fuzz/require.h"
 
 namespace {
 

@@ -1,86 +1,66 @@
 #!/usr/bin/env bash
-# What bash and zsh offer for datapathctl: completion_test.sh DATAPATHCTL FOLDER_OF_SCRIPTS
+# What bash's line editor offers for datapathctl, and makes of a line, when Tab is pressed; the words
+# are held against the tool's help: completion_test.sh DATAPATHCTL SCRIPT
 set -euo pipefail
 tool=$1
-scripts=$2
-status=0
-
-# expect LINE OFFERS ACTUAL
-expect() {
-  [ "$2" = "$3" ] || { echo "'$1' is completed to '$3' instead of '$2'" >&2 && status=1; }
-}
-
-# bash, through the function that the script registers. Within it alone compopt would work.
-# shellcheck disable=SC2317
-compopt() { flags+=" $2"; }
-# shellcheck source=/dev/null
-source "$scripts/datapathctl.bash"
-read -r _ _ function _ <<<"$(complete -p datapathctl)"
-
-# offer LINE: sets COMPREPLY, and flags to the options of compopt.
-offer() {
-  COMP_LINE="datapathctl $1" flags=""
-  COMP_POINT=${#COMP_LINE}
-  "$function" "$tool" "${1##*[ =]}"
-}
-
-# Each word of each command is offered where it stands, and nothing that no command has.
-forms=$("$tool" help | sed -n '/^Commands:/,/^$/s/^  \([a-z]\)/\1/p')
-offer ""
-expect "" "$(cut -d' ' -f1 <<<"$forms" | uniq | xargs)" "${COMPREPLY[*]}"
-while read -ra form; do
-  line=""
-  for word in "${form[@]}"; do
-    word=${word#[}
-    [[ $word == [a-z-]* ]] || continue
-    offer "$line$word"
-    [[ " ${COMPREPLY[*]} " == *" $word "* ]] || expect "$line$word" "$word" "${COMPREPLY[*]}"
-    [[ $word == --* ]] || line+="$word "
-  done
-done <<<"$forms"
-
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
-mkdir "$folder/x=y" "$folder/a b"
-touch "$folder/a file" "$folder/x=y/file" "$folder/a b/c=d"
-while IFS='|' read -r line offers expected_flags; do
-  offer "$line"
-  expect "$line" "$offers/$expected_flags" "${COMPREPLY[*]}/${flags# }"
-done <<END
---trace --log|--log-file --log-diag --log-android|
---log-file x enc|encap|
---misbehave=ref|refuse=|nospace
---misbehave=refuse=1:E||
-misbehave silent del|delay=|nospace
-proxy update --old tcp/1 u|udp/ udp6/|nospace nospace
-proxy up --from a |||
-encap set ||
-frob ||
-END
+mkdir "$folder/a b"
+touch "$folder/a file" "$folder/a b/c=d"
 
-# Both, through their line editors: each line and what it becomes.
-lines="encap p|encap pass-through |
+# shellcheck disable=SC2086 # an object and a verb
+help() { "$tool" $1 --help; }
+commands() { help "$1" | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p' | paste -sd ' '; }
+options() { help "$1" | sed -n 's/^  \(-h,\)\?\(--[a-z-]*\).*/\2/p' | paste -sd ' '; }
+faults=$(help misbehave | sed -n 's/.*those before: //p' | sed 's/=[^,]*/=/g; s/,//g')
+
+# Lines and, behind a '|', what is offered at their end.
+cases() {
+  echo "|$(commands "")"
+  echo "--|$(options "")"
+  for object in $(commands ""); do
+    echo "$object --|$(options "$object")"
+    for verb in $(commands "$object"); do
+      echo "$object $verb --|$(options "$object $verb")"
+    done
+    [ -z "$(commands "$object")" ] || echo "$object |$(commands "$object")"
+  done
+  cat <<END
+--misbehave |$faults
+misbehave silent |$faults
+--misbehave=ref|refuse=
+--misbehave=refuse=1:E|
+--socket x enc|encap
+proxy update --old tcp/1 u|udp/ udp6/
+proxy up wlan0 |tcp/ udp/ tcp6/ udp6/
+proxy up --from a|
+encap set |
+frob |
+END
+}
+
+# Lines and what becomes of them.
+edits="encap p|encap pass-through |
 --dry|--dry-run |
 --misbehave=ref|--misbehave=refuse=|
 proxy update --old tcp6|proxy update --old tcp6/|
 --socket=$folder/a\\ f|--socket=$folder/a\\ file |
---socket=$folder/x=y/f|--socket=$folder/x=y/file |
---pcap $folder/x=y/f|--pcap $folder/x=y/file |
 --pcap \"$folder/a b/c=|--pcap \"$folder/a b/c=d\" |
---pcap a=b --socket \"a b\" --log-file c\\ d enc|--pcap a=b --socket \"a b\" --log-file c\\ d encap |"
-become=$(cut -d'|' -f2- <<<"$lines")
-lines=$(cut -d'|' -f1 <<<"$lines")
-{
-  echo "PS1=; PATH=${tool%/*}:\$PATH; source $scripts/datapathctl.bash"
-  echo "show() { echo \"<<\$READLINE_LINE>>\"; READLINE_LINE=; }; bind -x '\"\C-x\": show'"
-  while IFS= read -r line; do printf 'datapathctl %s\t\x18\n' "$line"; done <<<"$lines"
-  echo exit
-} | TERM=dumb script -qec 'bash --norc --noprofile -i' /dev/null |
-  sed -n 's/^<<datapathctl \(.*\)>>\r$/\1|/p' | diff - <(echo "$become") || status=1
-if command -v zsh >/dev/null; then
-  zsh -f "$(dirname "$0")/completion_test.zsh" "$tool" "$scripts" <<<"$lines" |
-    diff - <(echo "$become") || status=1
-else
-  echo "zsh is not here: its completion is not tested"
-fi
-exit $status
+--pcap=a --socket \"a b\" --log-file c\\ d enc|--pcap=a --socket \"a b\" --log-file c\\ d encap |"
+
+# edit: lines of the input to <<what Tab makes of them>>, with what was offered added to "offers".
+edit() {
+  {
+    echo "PS1=; source $2"
+    echo "offer() { _datapathctl \"\$@\"; echo \"\${COMP_LINE#datapathctl }|\${COMPREPLY[*]}\" >>$folder/offers; }"
+    echo "complete -F offer datapathctl"
+    echo "show() { echo \"<<\$READLINE_LINE>>\"; READLINE_LINE=; }; bind -x '\"\C-x\": show'"
+    while IFS= read -r line; do printf 'datapathctl %s\t\x18\n' "$line"; done
+    echo exit
+  } | TERM=dumb script -qec 'bash --norc --noprofile -i' /dev/null
+}
+cases >"$folder/cases"
+cut -d'|' -f1 "$folder/cases" | edit "$@" >/dev/null
+diff "$folder/cases" "$folder/offers"
+cut -d'|' -f1 <<<"$edits" | edit "$@" | sed -n 's/^<<datapathctl \(.*\)>>\r$/\1|/p' |
+  diff <(cut -d'|' -f2- <<<"$edits") -

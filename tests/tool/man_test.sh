@@ -19,7 +19,29 @@ done
 
 # tags PAGE FIRST LAST: the tags of paragraphs from one section up to another.
 tags() { sed -n "/^\.SH $2/,/^\.SH $3/{/^\.T[PQ]/{n;p}}" "$1" | sed 's/\\f[BIR]//g; s/\\-/-/g'; }
-diff <("$tool" help | sed -n 's/^  \([^ ]\)/\1/p') <(tags "$command" OPTIONS EXIT)
+# Options and commands stand in the tool's help as on the page; what a command takes, in its own.
+diff <("$tool" --help | sed -nE 's/^  (-h,)?(--[a-z-]+( [A-Z]+)?)( .*|$)/\2/p') \
+  <(tags "$command" OPTIONS COMMANDS)
+names=()
+while read -ra form; do
+  name=() own=() option=""
+  for word in "${form[@]}"; do
+    word=${word#[} word=${word%]}
+    case $word in
+      [a-z]*) name+=("$word") ;;
+      --*) own+=("$word") ;;
+      *) [ -n "$option" ] || own+=("${word%...}") ;; # not an option's value
+    esac
+    option=${word%%[!-]*}
+  done
+  names+=("${name[*]}")
+  diff <("$tool" "${name[@]}" --help | sed -nE '/^  -h/d; s/^  ([-A-Za-z_]+).*/\1/p' | sort) \
+    <(printf '%s\n' "${own[@]}" | sed '/^$/d' | sort)
+done < <(tags "$command" COMMANDS MISBEHAVIOUR)
+diff <("$tool" help | sed -nE 's/^Usage: datapathctl ([a-z -]*[a-z]).*/\1/p') \
+  <(printf '%s\n' "${names[@]}")
+diff <("$tool" --help | sed -n 's/.*repeatable: //p' | sed 's/, /\n/g') \
+  <(tags "$command" MISBEHAVIOUR EXIT)
 grep -q "^\.TH .*\"$("$tool" --version)\"" "$command"
 
 prototypes() { awk '/^int corvil_/, /;$/' "$1"; }
