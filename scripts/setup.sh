@@ -19,9 +19,8 @@ packages_for[tools]="${packages_for[test]} abigail-tools man-db mandoc python3 p
 packages_for[clang]="${packages_for[test]} clang clang-tidy libclang-rt-dev"
 packages_for[arm]="${packages_for[demo]} g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest
   qemu-user"
-# What builds the kernel module and boots a kernel with it, and witnesses there.
-packages_for[vm]="${packages_for[test]} cpio kmod libelf1 libnl-genl-3-dev libnl-utils make
-  qemu-system-x86 sparse strace xz-utils"
+# What builds the kernel module and boots a kernel with it.
+packages_for[vm]="${packages_for[test]} cpio kmod libelf1 make qemu-system-x86 sparse xz-utils"
 packages_for[vm_6.1]=${packages_for[vm]}
 packages_for[analyzers]="${packages_for[test]} cppcheck valgrind"
 packages_for[fuzz]="${packages_for[test]} clang libclang-rt-dev"

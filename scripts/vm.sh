@@ -35,7 +35,7 @@ if ! tests/vm/kernel.sh fetch "$version" >&2; then
 fi
 [ "${1:-}" != --check ] || exit 0
 
-targets=(datapathctl corvil_datapath_proxy conformance_test libnl_peer fault_test)
+targets=(datapathctl corvil_datapath_proxy conformance_test fault_test)
 if ! {
   tests/vm/kernel.sh module "$version" &&
     cmake --preset release --log-level=WARNING &&

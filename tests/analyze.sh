@@ -16,7 +16,7 @@ cppcheck --project=build/release/compile_commands.json -itests --quiet \
 
 echo "g++ -fanalyzer"
 # GCC 12 loses sight of a result that is constructed in its caller's frame: it seems unset, and what
-# it owns leaked. For these two there are MemorySanitizer (scripts/fuzz.sh) and valgrind.
+# it owns leaked. For these two there is valgrind.
 options=(-std=c++20 -O2 -fno-exceptions -Werror -fanalyzer
   -Wno-analyzer-use-of-uninitialized-value -Wno-analyzer-malloc-leak
   -I. -Idatapath_proxy/include -isystem /usr/include/android)

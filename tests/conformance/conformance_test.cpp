@@ -27,6 +27,7 @@
 #include "reference_host/port_utils/corvil_port_tree.h"
 #include "reference_kernel/emulator/emulator.h"
 #include "reference_kernel/emulator/unix_socket.h"
+#include "tests/support/netlink_bytes.h"
 
 namespace {
 
@@ -37,22 +38,14 @@ constexpr uint32_t kPortId = 0x87654321;
 
 // Messages are strings of bytes, little-endian but for ports, SPIs and addresses.
 
-template <typename T>
-std::string raw(T number) {
-  return {reinterpret_cast<const char*>(&number), sizeof(number)};
-}
+using netlink_bytes::attribute;
+using netlink_bytes::raw;
+using netlink_bytes::text;
 
 std::string message(uint16_t type, uint16_t flags, const std::string& rest) {
-  return raw(static_cast<uint32_t>(16 + rest.size())) + raw(type) + raw(flags) +
-         "\x78\x56\x34\x12" + raw(kPortId) + rest;
+  return netlink_bytes::message(type, flags, 0x12345678, rest, kPortId);
 }
 
-std::string attribute(uint16_t type, const std::string& payload) {
-  return raw(static_cast<uint16_t>(4 + payload.size())) + raw(type) + payload +
-         std::string((4 - payload.size() % 4) % 4, '\0');
-}
-
-std::string text(uint16_t type, const std::string& s) { return attribute(type, s + '\0'); }
 std::string nested(const std::string& payload) { return attribute(0x8001, payload); }
 std::string element(const std::string& tuple) { return nested(attribute(1, tuple)); }
 
@@ -87,14 +80,43 @@ std::vector<std::string> split(const std::string& joined, char separator) {
 
 const std::string kDone = message(NLMSG_DONE, NLM_F_MULTI, "\0\0\0\0"s);
 const std::string kLookUp = message(0x10, 5, "\3\1\0\0"s + text(2, "TAVIK_WLAN"));
+// The family's numbers, told here once more.
+const std::string kAddTuples = "\1";
+const std::string kDelTuples = "\2";
+const std::string kSetDev = "\3";
+const std::string kUnsetDev = "\4";
+const std::string kAddFwdInfo = "\5";
+const std::string kDelFwdInfo = "\6";
+const std::string kSetEncap = "\7";
+const std::string kUnsetEncap = "\x08";
+const std::string kReset = "\x09";
+const std::string kPassEncap = "\x0a";
+const std::string kDropEncap = "\x0b";
+const std::string kAddFlow = "\x0c";
+const std::string kFlushFlows = "\x0d";
+const std::string kGetTuples = "\x0e";
+enum Attribute : uint16_t {
+  kTuples = 1,
+  kDev = 2,
+  kFwdFrom = 3,
+  kFwdTo = 4,
+  kEncapPort = 5,
+  kSelector = 6,
+  kLlSrcAddr = 7,
+  kLlDstAddr = 8,
+  kLlSrcPort = 9,
+  kLlDstPort = 10
+};
+
 const std::string kTcp443 = element("\x01\xbb\0\0\x04\x06\0\0"s);
 const std::string kUdp4500 = element("\x11\x94\0\0\x06\x11\0\0"s);
 const std::string kEsp = element("\x00\x00\x10\x01\x04\x32\0\0"s);
 const std::string kBoth = nested(kUdp4500 + kTcp443);
-const std::string kSelector1 = attribute(6, "\1");
-const std::string kWlan0 = text(2, "wlan0");
-const std::string kPort500 = attribute(5, "\x01\xf4");
-const std::string kFlowPorts = attribute(9, "\x13\x88") + attribute(10, "\x13\x89");
+const std::string kSelector1 = attribute(kSelector, "\1");
+const std::string kWlan0 = text(kDev, "wlan0");
+const std::string kPort500 = attribute(kEncapPort, "\x01\xf4");
+const std::string kFlowPorts =
+    attribute(kLlSrcPort, "\x13\x88") + attribute(kLlDstPort, "\x13\x89");
 
 /// The command and attributes of a request that is refused, and where its fault is.
 using Bad = std::pair<std::string, std::string>;
@@ -110,7 +132,7 @@ class ConformanceTest : public ::testing::Test {
     const std::string found = receive();
     ASSERT_GT(found.size(), 50U) << "no such family";
     found.copy(reinterpret_cast<char*>(&family_), sizeof(family_), 40);
-    accept("\x09", "");
+    accept(kReset, "");
   }
 
   void connect_to_emulator() {
@@ -196,115 +218,129 @@ TEST_F(ConformanceTest, ChangesItsStateByTheRulesOfEachCommand) {
   const std::string flow = "lowlat 10.0.0.1 5000 10.0.0.2 5001\n";
   const std::string not_set = "the encapsulation port is not set";
   const std::string port4500 = attribute(0x4005, "\x11\x94");  // The flag has no effect.
-  const std::string wlan1 = kSelector1 + text(2, "wlan1");
-  const std::string pair = kSelector1 + text(3, "wwan0") + text(4, "wlan0");
-  const std::string flow4 = text(7, "10.0.0.1") + text(8, "10.0.0.2") + kFlowPorts;
-  const std::string to_ipv6 = text(8, "::2") + kFlowPorts;
-  accept("\1" + kBoth, "tuple ipv4 tcp 443\n" + udp);
+  const std::string wlan1 = kSelector1 + text(kDev, "wlan1");
+  const std::string pair = kSelector1 + text(kFwdFrom, "wwan0") + text(kFwdTo, "wlan0");
+  const std::string flow4 =
+      text(kLlSrcAddr, "10.0.0.1") + text(kLlDstAddr, "10.0.0.2") + kFlowPorts;
+  const std::string to_ipv6 = text(kLlDstAddr, "::2") + kFlowPorts;
+  accept(kAddTuples + kBoth, "tuple ipv4 tcp 443\n" + udp);
   // Of two containers the last counts; of the first not even that each element has a tuple.
-  accept("\1" + nested("\4\0\1\x80"s) + nested(kTcp443 + kEsp),
+  accept(kAddTuples + nested("\4\0\1\x80"s) + nested(kTcp443 + kEsp),
          "tuple ipv4 tcp 443\ntuple ipv4 esp 0x00001001\n" + udp);
-  accept("\2" + nested(kTcp443 + kTcp443 + kEsp), udp);
-  accept("\1" + nested(kTcp443) + nested(""), udp);
-  refuse(-ENOENT, "no such tuple", Bad{"\2" + kBoth, at(44)});
-  accept("\x0c" + text(7, "::1") + to_ipv6, udp + "lowlat ::1 5000 ::2 5001\n");
-  refuse(-EEXIST, "the flow exists already", Bad{"\x0c" + text(7, "0:0::1") + to_ipv6, at(32)});
-  refuse(-EINVAL, "addresses of different families", Bad{"\x0c" + flow4 + text(8, "::"), at(68)});
-  accept("\x0c" + flow4, udp + flow + "lowlat ::1 5000 ::2 5001\n");
-  accept("\x0d", udp);
-  refuse(-ENOENT, not_set, Bad{"\x08" + kPort500, at(20)}, Bad{"\x0a" + kPort500, at(20)});
-  accept("\7" + kPort500, udp + "encap 500\n");
-  accept("\x0a" + kPort500, udp + "encap 500 pass-through\n");
-  refuse(-ENOENT, not_set, Bad{"\x08" + port4500, at(20)}, Bad{"\x0b" + port4500, at(20)});
-  accept("\x0b" + port4500 + kPort500, udp + "encap 500 drop\n");
-  accept("\7" + port4500, udp + "encap 4500\n");
-  accept("\x08" + port4500, udp);
-  accept("\3" + attribute(6, "\2") + kWlan0, udp + "device 2 wlan0\n");
-  accept("\3" + wlan1, udp + "device 1 wlan1\ndevice 2 wlan0\n");
-  refuse(-EEXIST, "the device is set already", Bad{"\3" + wlan1, at(28)});
-  refuse(-EBUSY, "another device is set", Bad{"\3" + kSelector1 + kWlan0, at(28)});
-  refuse(-ENOENT, "the device is not set", Bad{"\4" + kSelector1 + kWlan0, at(28)},
-         Bad{"\4" + kWlan0 + attribute(6, "\3"), at(20)});
-  accept("\4" + wlan1, udp + "device 2 wlan0\n");
-  accept("\5" + pair, udp + "device 2 wlan0\nforward 1 wwan0 wlan0\n");
-  refuse(-EEXIST, "the forwarding exists already", Bad{"\5" + pair, at(40)});
-  refuse(-ENOENT, "no such forwarding", Bad{"\6" + pair + attribute(6, "\2"), at(40)});
-  accept("\x0c" + flow4, udp + "device 2 wlan0\nforward 1 wwan0 wlan0\n" + flow);
-  accept("\6" + pair, udp + "device 2 wlan0\n" + flow);
-  accept("\x09", "");
+  accept(kDelTuples + nested(kTcp443 + kTcp443 + kEsp), udp);
+  accept(kAddTuples + nested(kTcp443) + nested(""), udp);
+  refuse(-ENOENT, "no such tuple", Bad{kDelTuples + kBoth, at(44)});
+  accept(kAddFlow + text(kLlSrcAddr, "::1") + to_ipv6, udp + "lowlat ::1 5000 ::2 5001\n");
+  refuse(-EEXIST, "the flow exists already",
+         Bad{kAddFlow + text(kLlSrcAddr, "0:0::1") + to_ipv6, at(32)});
+  refuse(-EINVAL, "addresses of different families",
+         Bad{kAddFlow + flow4 + text(kLlDstAddr, "::"), at(68)});
+  accept(kAddFlow + flow4, udp + flow + "lowlat ::1 5000 ::2 5001\n");
+  accept(kFlushFlows, udp);
+  refuse(-ENOENT, not_set, Bad{kUnsetEncap + kPort500, at(20)}, Bad{kPassEncap + kPort500, at(20)});
+  accept(kSetEncap + kPort500, udp + "encap 500\n");
+  accept(kPassEncap + kPort500, udp + "encap 500 pass-through\n");
+  refuse(-ENOENT, not_set, Bad{kUnsetEncap + port4500, at(20)}, Bad{kDropEncap + port4500, at(20)});
+  accept(kDropEncap + port4500 + kPort500, udp + "encap 500 drop\n");
+  accept(kSetEncap + port4500, udp + "encap 4500\n");
+  accept(kUnsetEncap + port4500, udp);
+  accept(kSetDev + attribute(kSelector, "\2") + kWlan0, udp + "device 2 wlan0\n");
+  accept(kSetDev + wlan1, udp + "device 1 wlan1\ndevice 2 wlan0\n");
+  refuse(-EEXIST, "the device is set already", Bad{kSetDev + wlan1, at(28)});
+  refuse(-EBUSY, "another device is set", Bad{kSetDev + kSelector1 + kWlan0, at(28)});
+  refuse(-ENOENT, "the device is not set", Bad{kUnsetDev + kSelector1 + kWlan0, at(28)},
+         Bad{kUnsetDev + kWlan0 + attribute(kSelector, "\3"), at(20)});
+  accept(kUnsetDev + wlan1, udp + "device 2 wlan0\n");
+  accept(kAddFwdInfo + pair, udp + "device 2 wlan0\nforward 1 wwan0 wlan0\n");
+  refuse(-EEXIST, "the forwarding exists already", Bad{kAddFwdInfo + pair, at(40)});
+  refuse(-ENOENT, "no such forwarding",
+         Bad{kDelFwdInfo + pair + attribute(kSelector, "\2"), at(40)});
+  accept(kAddFlow + flow4, udp + "device 2 wlan0\nforward 1 wwan0 wlan0\n" + flow);
+  accept(kDelFwdInfo + pair, udp + "device 2 wlan0\n" + flow);
+  accept(kReset, "");
 }
 
 TEST_F(ConformanceTest, SaysWhyItRefuses) {
-  const std::string flow = text(7, "::") + text(8, "1.2.3.4");
+  const std::string flow = text(kLlSrcAddr, "::") + text(kLlDstAddr, "1.2.3.4");
   const std::string unwrapped = kTcp443.substr(4);  // what is in an element
-  const auto tuple = [](const std::string& payload) { return "\1" + nested(element(payload)); };
-  const auto in_element = [](const std::string& run) { return "\1" + nested(nested(run)); };
+  const auto tuple = [](const std::string& payload) {
+    return kAddTuples + nested(element(payload));
+  };
+  const auto in_element = [](const std::string& run) { return kAddTuples + nested(nested(run)); };
   expect(message(0x3ff, 5, "\x09\1\0\0"s), -ENOENT);
-  expect(message(0x10, 5, "\3\1\0\0"s + text(2, "nobody")), -ENOENT);
+  expect(message(0x10, 5, "\3\1\0\0"s + text(kDev, "nobody")), -ENOENT);
   expect(message(family_, 5, ""), -EINVAL);
   expect(message(family_, 0x105, "\x0f\1\1\0"s), -EINVAL, "genlmsghdr.reserved field is not 0");
   expect(message(family_, 0x105, "\x0f\1\0\0"s), -EINVAL,
          "ambiguous or reserved bits set in nlmsg_flags");
   expect(message(family_, 0x305, "\x09\1\0\0"s), -EOPNOTSUPP);
-  refuse(-EOPNOTSUPP, "", Bad{"\0"s, ""}, Bad{"\x0f", ""}, Bad{"\x0e", ""});
+  refuse(-EOPNOTSUPP, "", Bad{"\0"s, ""}, Bad{"\x0f", ""}, Bad{kGetTuples, ""});
   expect(message(family_, 0x301, "\x0e\1\0\0"s + kWlan0), -EINVAL, "Unsupported attribute", at(20));
-  refuse(-EINVAL, "missing attribute", Bad{"\1", missing(1)}, Bad{"\3", missing(2)},
-         Bad{"\4" + kWlan0, missing(6)}, Bad{"\5" + kSelector1, missing(3)},
-         Bad{"\6" + text(3, "a"), missing(4)}, Bad{"\x0b", missing(5)},
-         Bad{"\x0c" + attribute(9, "\0\0"s), missing(7)}, Bad{"\x0c" + text(7, "::"), missing(8)},
-         Bad{"\x0c" + flow, missing(9)}, Bad{"\x0c" + flow + attribute(9, "\0\0"s), missing(10)});
-  refuse(-EINVAL, "Unsupported attribute", Bad{"\x09" + kWlan0, at(20)},
-         Bad{"\x0d" + attribute(0x8002, ""), at(20)},
-         Bad{"\3" + kSelector1 + kWlan0 + kPort500, at(40)});
-  refuse(-EINVAL, "Unknown attribute type", Bad{"\3" + kSelector1 + attribute(11, ""), at(28)},
-         Bad{"\3" + attribute(0, ""), at(20)}, Bad{"\1" + nested("\4\0\2\x80"s), at(24)},
+  refuse(
+      -EINVAL, "missing attribute", Bad{kAddTuples, missing(kTuples)}, Bad{kSetDev, missing(kDev)},
+      Bad{kUnsetDev + kWlan0, missing(kSelector)}, Bad{kAddFwdInfo + kSelector1, missing(kFwdFrom)},
+      Bad{kDelFwdInfo + text(kFwdFrom, "a"), missing(kFwdTo)}, Bad{kDropEncap, missing(kEncapPort)},
+      Bad{kAddFlow + attribute(kLlSrcPort, "\0\0"s), missing(kLlSrcAddr)},
+      Bad{kAddFlow + text(kLlSrcAddr, "::"), missing(kLlDstAddr)},
+      Bad{kAddFlow + flow, missing(kLlSrcPort)},
+      Bad{kAddFlow + flow + attribute(kLlSrcPort, "\0\0"s), missing(kLlDstPort)});
+  refuse(-EINVAL, "Unsupported attribute", Bad{kReset + kWlan0, at(20)},
+         Bad{kFlushFlows + attribute(0x8002, ""), at(20)},
+         Bad{kSetDev + kSelector1 + kWlan0 + kPort500, at(40)});
+  refuse(-EINVAL, "Unknown attribute type", Bad{kSetDev + kSelector1 + attribute(11, ""), at(28)},
+         Bad{kSetDev + attribute(0, ""), at(20)}, Bad{kAddTuples + nested("\4\0\2\x80"s), at(24)},
          Bad{in_element("\4\0\2\0"s), at(28)});
-  refuse(-EINVAL, "bytes leftover after parsing attributes", Bad{"\7" + kPort500 + "\5\0\5\0"s, ""},
-         Bad{"\7" + kPort500 + "\3\0\5\0"s, ""}, Bad{in_element(unwrapped + "\0\0\0\0"s), ""},
-         Bad{"\1" + nested(kTcp443 + "\0\0\0\0"s), ""});
-  refuse(-EINVAL, "invalid attribute length", Bad{"\3" + attribute(6, ""), at(20) + kU8},
-         Bad{"\3" + attribute(0x8006, "\0\1"s), at(20) + kU8},
-         Bad{"\7" + attribute(5, "\1"), at(20)}, Bad{"\7" + attribute(0x8005, "\1\0\0"s), at(20)},
-         Bad{"\x0c" + attribute(10, "\1"), at(20)}, Bad{tuple("\0\0\0\0\7\7\1"s), at(28)},
+  refuse(-EINVAL, "bytes leftover after parsing attributes",
+         Bad{kSetEncap + kPort500 + "\5\0\5\0"s, ""}, Bad{kSetEncap + kPort500 + "\3\0\5\0"s, ""},
+         Bad{in_element(unwrapped + "\0\0\0\0"s), ""},
+         Bad{kAddTuples + nested(kTcp443 + "\0\0\0\0"s), ""});
+  refuse(-EINVAL, "invalid attribute length", Bad{kSetDev + attribute(kSelector, ""), at(20) + kU8},
+         Bad{kSetDev + attribute(0x8006, "\0\1"s), at(20) + kU8},
+         Bad{kSetEncap + attribute(kEncapPort, "\1"), at(20)},
+         Bad{kSetEncap + attribute(0x8005, "\1\0\0"s), at(20)},
+         Bad{kAddFlow + attribute(kLlDstPort, "\1"), at(20)}, Bad{tuple("\0\0\0\0\7\7\1"s), at(28)},
          Bad{tuple("\0\0\0\0\7\7\0\1\0"s), at(28)},
-         Bad{"\1" + kBoth + nested(element("")) + kBoth, at(64)});
-  refuse(-EINVAL, "NLA_F_NESTED not expected", Bad{"\3" + attribute(0x8006, "\1"), at(20) + kU8},
-         Bad{"\7" + attribute(0x8005, "\1\1"), at(20)},
-         Bad{"\3" + attribute(0x8002, ""), at(20) + kName},
+         Bad{kAddTuples + kBoth + nested(element("")) + kBoth, at(64)});
+  refuse(-EINVAL, "NLA_F_NESTED not expected", Bad{kSetDev + attribute(0x8006, "\1"), at(20) + kU8},
+         Bad{kSetEncap + attribute(0x8005, "\1\1"), at(20)},
+         Bad{kSetDev + attribute(0x8002, ""), at(20) + kName},
          Bad{in_element(nested("")), at(28) + policy(10)});
-  refuse(-EINVAL, "NLA_F_NESTED is missing", Bad{"\1" + attribute(1, kTcp443), at(20) + kNested},
-         Bad{"\2" + nested("\4\0\1\0"s), at(24) + kNested});
+  refuse(-EINVAL, "NLA_F_NESTED is missing",
+         Bad{kAddTuples + attribute(1, kTcp443), at(20) + kNested},
+         Bad{kDelTuples + nested("\4\0\1\0"s), at(24) + kNested});
   refuse(-EINVAL, "Attribute failed policy validation",
-         Bad{"\3" + attribute(2, ""), at(20) + kName},
-         Bad{"\3" + attribute(2, "wlan0"), at(20) + kName},
-         Bad{"\3" + text(2, "sixteen_letters_"), at(20) + kName},
-         Bad{"\x0c" + text(7, std::string(46, ':')), at(20) + kAddress});
+         Bad{kSetDev + attribute(kDev, ""), at(20) + kName},
+         Bad{kSetDev + attribute(kDev, "wlan0"), at(20) + kName},
+         Bad{kSetDev + text(kDev, "sixteen_letters_"), at(20) + kName},
+         Bad{kAddFlow + text(kLlSrcAddr, std::string(46, ':')), at(20) + kAddress});
   refuse(-ERANGE, "Attribute failed policy validation",
-         Bad{"\5" + attribute(3, "ends\0not_here_16"s), at(20) + kName},
-         Bad{"\5" + text(4, "fifteen_letters\0"s), at(20) + kName},
-         Bad{"\x0c" + attribute(8, "::\0"s + std::string(43, ':')), at(20) + kAddress},
-         Bad{"\1" + nested("\0\0\0"s), at(20) + kNested},
-         Bad{"\1" + nested(kTcp443 + nested("\0"s)), at(40) + kNested});
+         Bad{kAddFwdInfo + attribute(kFwdFrom, "ends\0not_here_16"s), at(20) + kName},
+         Bad{kAddFwdInfo + text(kFwdTo, "fifteen_letters\0"s), at(20) + kName},
+         Bad{kAddFlow + attribute(kLlDstAddr, "::\0"s + std::string(43, ':')), at(20) + kAddress},
+         Bad{kAddTuples + nested("\0\0\0"s), at(20) + kNested},
+         Bad{kAddTuples + nested(kTcp443 + nested("\0"s)), at(40) + kNested});
   refuse(-EINVAL, "unknown IP version", Bad{tuple("\0\0\0\1\5\7\1\0"s), at(28)});
   refuse(-EINVAL, "unknown transport protocol", Bad{tuple("\0\0\0\1\4\7\1\0"s), at(28)});
   refuse(-EINVAL, "reserved bytes of a tuple are not 0", Bad{tuple("\0\0\0\1\4\6\1\0"s), at(28)},
          Bad{tuple("\0\0\0\1\4\x32\0\1"s), at(28)});
   refuse(-EINVAL, "bytes after the port of a tuple are not 0",
          Bad{tuple("\0\0\0\1\6\x11\0\0"s), at(28)}, Bad{tuple("\0\0\1\0\4\6\0\0"s), at(28)});
-  refuse(-EINVAL, "no tuple in an element", Bad{"\1" + nested(kTcp443 + "\4\0\1\x80"s), at(40)});
+  refuse(-EINVAL, "no tuple in an element",
+         Bad{kAddTuples + nested(kTcp443 + "\4\0\1\x80"s), at(40)});
   refuse(-EINVAL, "more than one tuple in an element",
          Bad{in_element(unwrapped + unwrapped), at(40)});
 }
 
 TEST_F(ConformanceTest, TakesNamesAndAddressesAsTheKernelDoes) {
   for (const std::string& name : {"fifteen_letters"s, "..."s, "\x1b%\\\xc3\xa4"s, "cut\0/"s}) {
-    accept("\3" + text(2, name) + kSelector1, "device 1 " + name.substr(0, name.find('\0')) + '\n');
-    accept("\x09", "");
+    accept(kSetDev + text(kDev, name) + kSelector1,
+           "device 1 " + name.substr(0, name.find('\0')) + '\n');
+    accept(kReset, "");
   }
   for (const std::string& name : split("|.|..|a/b|:|a b|\t|a\n|\v|\f|\r|\xa0", '|')) {
-    refuse(-EINVAL, "invalid device name", Bad{"\3" + kSelector1 + text(2, name), at(28)},
-           Bad{"\5" + text(3, name) + kSelector1, at(20)},
-           Bad{"\6" + text(4, name) + kPort500, at(20)});
+    refuse(-EINVAL, "invalid device name", Bad{kSetDev + kSelector1 + text(kDev, name), at(28)},
+           Bad{kAddFwdInfo + text(kFwdFrom, name) + kSelector1, at(20)},
+           Bad{kDelFwdInfo + text(kFwdTo, name) + kPort500, at(20)});
   }
   // What is written differently than it was given comes after '='.
   const std::string good =
@@ -317,17 +353,17 @@ TEST_F(ConformanceTest, TakesNamesAndAddressesAsTheKernelDoes) {
   for (const std::string& address : split(good, '|')) {
     const std::vector<std::string> texts = split(address, '=');
     const std::string other = address.find(':') == std::string::npos ? "10.0.0.2" : "::2";
-    accept("\x0c" + text(7, texts.front()) + text(8, other) + kFlowPorts,
+    accept(kAddFlow + text(kLlSrcAddr, texts.front()) + text(kLlDstAddr, other) + kFlowPorts,
            "lowlat " + texts.back() + " 5000 " + other + " 5001\n");
-    accept("\x0d", "");
+    accept(kFlushFlows, "");
   }
   const std::string bad =
       "|1.2.3.256|1.2.3|1.2.3.4.5|1..3.4|1.2.3.4.|1.2.3.4:5|0x1.2.3.4| 1.2.3.4|1.2.3.4 |16909060|:|"
       ":::|1::2::3|:1::2|1::2:|::12345|1:2:3:4:5:6:7|1:2:3:4:5:6:7:8:9|1:2:3:4:5:6:7::8|::1.2.3|"
       "1:2:3:4:5:6::1.2.3.4|::1.2.3.4:5|::1.2.3.4 |fe80::1%eth0|fe80::1%1|[::1]|::1/128| ::1|::g";
   for (const std::string& address : split(bad, '|')) {
-    refuse(-EINVAL, "invalid address", Bad{"\x0c" + text(7, address), at(20)},
-           Bad{"\x0c" + kFlowPorts + text(8, address), at(36)});
+    refuse(-EINVAL, "invalid address", Bad{kAddFlow + text(kLlSrcAddr, address), at(20)},
+           Bad{kAddFlow + kFlowPorts + text(kLlDstAddr, address), at(36)});
   }
 }
 
@@ -350,7 +386,7 @@ TEST_F(ConformanceTest, DealsWithDatagramsAndLookUpsAsNetlinkDoes) {
   const std::string unpadded = message(family_, 5, "\7\1\0\0\6\0\5\0\x11\x94"s);
   expect(message(family_, 0x0d, "\x09\1\0\0"s), 0);  // NLM_F_ECHO has no effect.
   // What follows a length that cannot be is passed over.
-  send(silent + no_request + unpadded + "\0\0\x0f\0\0\0"s + request("\x09").substr(4));
+  send(silent + no_request + unpadded + "\x0f\0\0\0"s + request(kReset).substr(4));
   EXPECT_EQ(receive(2), acknowledgement(no_request) + acknowledgement(unpadded));
   EXPECT_EQ(state(), "tuple ipv4 tcp 443\ntuple ipv6 udp 4500\nencap 4500\n");
 }
@@ -372,11 +408,12 @@ TEST_F(ConformanceTest, HoldsAndDumpsAsManyTuplesAsItMay) {
     const uint32_t count = std::min(65535 - i, 4095U);
     ASSERT_EQ(corvil_datapath_proxy_update_config_info(&ports[i], count, nullptr, 0), 0);
   }
-  accept("\1" + nested(kTcp443), lines);
-  refuse(-ENOSPC, "too many tuples", Bad{"\1" + nested(kEsp + kUdp4500), at(20)});
-  accept("\1" + nested(kTcp443 + kEsp + kEsp + kTcp443), lines + "tuple ipv4 esp 0x00001001\n");
-  refuse(-ENOSPC, "too many tuples", Bad{"\1" + kBoth, at(20)});
-  refuse(-ENOENT, "no such tuple", Bad{"\2" + nested(kTcp443 + kEsp + kUdp4500), at(60)});
+  accept(kAddTuples + nested(kTcp443), lines);
+  refuse(-ENOSPC, "too many tuples", Bad{kAddTuples + nested(kEsp + kUdp4500), at(20)});
+  accept(kAddTuples + nested(kTcp443 + kEsp + kEsp + kTcp443),
+         lines + "tuple ipv4 esp 0x00001001\n");
+  refuse(-ENOSPC, "too many tuples", Bad{kAddTuples + kBoth, at(20)});
+  refuse(-ENOENT, "no such tuple", Bad{kDelTuples + nested(kTcp443 + kEsp + kUdp4500), at(60)});
   send(dump);  // 1 MB, which no socket buffer takes. Meanwhile others go on.
   corvil_port_tree_clear();
   EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
@@ -395,12 +432,12 @@ TEST_F(ConformanceTest, HoldsAndDumpsAsManyTuplesAsItMay) {
 
 TEST_F(ConformanceTest, HoldsAsManyForwardingsAndFlowsAsItMay) {
   const auto forwarding = [](uint16_t i) {
-    return attribute(6, {static_cast<char>(i / 16)}) + text(3, "wwan0") +
-           text(4, {static_cast<char>('a' + i % 16)});
+    return attribute(kSelector, {static_cast<char>(i / 16)}) + text(kFwdFrom, "wwan0") +
+           text(kFwdTo, {static_cast<char>('a' + i % 16)});
   };
   const auto flow = [](uint16_t i) {
-    return text(7, "10.0.0.1") + text(8, "10.0.0.2") + attribute(9, raw(htons(i))) +
-           attribute(10, "\x13\x89");
+    return text(kLlSrcAddr, "10.0.0.1") + text(kLlDstAddr, "10.0.0.2") +
+           attribute(kLlSrcPort, raw(htons(i))) + attribute(kLlDstPort, "\x13\x89");
   };
   std::string forwardings;
   std::string flows;
@@ -413,14 +450,14 @@ TEST_F(ConformanceTest, HoldsAsManyForwardingsAndFlowsAsItMay) {
   }
   state_ = forwardings + flows;
   refuse(-ENOSPC, "too many forwardings",
-         Bad{"\5" + kSelector1 + text(3, "b") + text(4, "a"), at(36)});
-  refuse(-EEXIST, "the forwarding exists already", Bad{"\5" + forwarding(0), at(40)});
-  refuse(-ENOSPC, "too many flows", Bad{"\x0c" + flow(4096), at(36)});
-  refuse(-EEXIST, "the flow exists already", Bad{"\x0c" + flow(4095), at(36)});
-  accept("\6" + forwarding(0), forwardings.substr(forwardings.find('\n') + 1) + flows);
-  accept("\5" + forwarding(0), forwardings + flows);
-  accept("\x0d", forwardings);
-  accept("\x0c" + flow(0), forwardings + flows.substr(0, flows.find('\n') + 1));
+         Bad{kAddFwdInfo + kSelector1 + text(kFwdFrom, "b") + text(kFwdTo, "a"), at(36)});
+  refuse(-EEXIST, "the forwarding exists already", Bad{kAddFwdInfo + forwarding(0), at(40)});
+  refuse(-ENOSPC, "too many flows", Bad{kAddFlow + flow(4096), at(36)});
+  refuse(-EEXIST, "the flow exists already", Bad{kAddFlow + flow(4095), at(36)});
+  accept(kDelFwdInfo + forwarding(0), forwardings.substr(forwardings.find('\n') + 1) + flows);
+  accept(kAddFwdInfo + forwarding(0), forwardings + flows);
+  accept(kFlushFlows, forwardings);
+  accept(kAddFlow + flow(0), forwardings + flows.substr(0, flows.find('\n') + 1));
 }
 
 TEST_F(ConformanceTest, IsConfiguredByTheLibrary) {

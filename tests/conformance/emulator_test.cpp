@@ -3,7 +3,6 @@
 // exhaust.
 
 #include <gtest/gtest.h>
-#include <linux/genetlink.h>
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -27,6 +26,7 @@
 #include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_kernel/emulator/emulator.h"
 #include "reference_kernel/emulator/unix_socket.h"
+#include "tests/support/netlink_bytes.h"
 
 namespace {
 
@@ -101,10 +101,8 @@ TEST_F(EmulatorTest, IsReplacedByOneAtATimeWhenItIsDead) {
 
 TEST_F(EmulatorTest, HangsUpOnThoseWhoHaveNotReadForLongest) {
   setenv("CORVIL_NETLINK_TIMEOUT_MS", "20000", 1);
-  constexpr struct {
-    nlmsghdr netlink{20, 28, NLM_F_REQUEST | NLM_F_DUMP, 0, 0};
-    genlmsghdr generic{14, 1, 0};
-  } kDump;
+  const std::string dump = netlink_bytes::message(28, NLM_F_REQUEST | NLM_F_DUMP, 0,
+                                                  netlink_bytes::generic(14, ""));  // GET_TUPLES
   for (uint16_t i = 0; i < 15; ++i) {
     std::vector<PortDescriptor> ports;
     for (uint16_t j = 0; j < 4000; ++j) {
@@ -115,7 +113,7 @@ TEST_F(EmulatorTest, HangsUpOnThoseWhoHaveNotReadForLongest) {
   std::vector<FileDescriptor> clients;  // who ask for 1 MB each
   for (int i = 0; i < 100; ++i) {
     clients.push_back(make_socket(connect, path_));
-    EXPECT_EQ(send(clients.back().get(), &kDump, sizeof(kDump), 0), sizeof(kDump));
+    EXPECT_EQ(send(clients.back().get(), dump.data(), dump.size(), 0), 20);
   }
   EXPECT_TRUE(reads_whole_dump(clients.back()));
   EXPECT_FALSE(reads_whole_dump(clients.front()));

@@ -63,20 +63,14 @@ int Injector::next(Operation operation) {
   const size_t number = count++;
   operations[number] = operation;
   armed = count < operations.size();
-  const bool sends = operation == "sendmsg";
-  const bool connects = operation == "connect" || operation == "bind";
-  const bool receives = operation == "recvfrom" || operation == "ppoll";
-  if (number == fault.number) {
-    // Behind a message memory is taken only for the ports that come in its answer.
-    const bool answered = receives || (operation == "malloc" && sent > 0);
-    struck_exchange = sent - (answered ? 1 : 0);
-    struck_fresh = fresh;
-  } else if (!fault.forever || number < fault.number || operation != fault.operation) {
-    fresh = connects || (fresh && !sends);
-    sent += sends ? 1 : 0;
+  const bool strikes = number == fault.number ||
+                       (fault.forever && number > fault.number && operation == fault.operation);
+  if (!strikes) {
     return 0;
   }
-  clock += sends || connects || receives ? kDelay : 0;
+  const bool is_tried_again = operation == "sendmsg" || operation == "connect" ||
+                              operation == "recvfrom" || operation == "ppoll";
+  clock += is_tried_again ? kDelay : 0;
   return fault.error;
 }
 
@@ -137,7 +131,7 @@ ssize_t recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* sender,
     return -1;
   }
   if (error == kStale) {
-    const struct {
+    const struct {  // Without memory, unlike a string.
       nlmsghdr header{sizeof(*this), NLMSG_ERROR, NLM_F_CAPPED, 0, 0};
       nlmsgerr refusal{-EIO, {}};
     } answer;

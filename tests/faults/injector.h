@@ -37,15 +37,9 @@ struct Fault {
 struct Injector {
   Fault fault;
   std::array<Operation, 4096> operations{};
-  size_t count = 0;    // of operations
-  size_t sent = 0;     // messages
-  bool fresh = false;  // The connection has not carried a message yet.
-  bool late = false;   // Every datagram is: it is there once it has been waited for.
-  int64_t clock = 0;   // in nanoseconds; it only goes on by what a fault costs
-
-  // Where the fault struck first: so many exchanges were over, on what connection.
-  size_t struck_exchange = 0;
-  bool struck_fresh = false;
+  size_t count = 0;   // of operations
+  bool late = false;  // Every datagram is: it is there once it has been waited for.
+  int64_t clock = 0;  // in nanoseconds; it only goes on by what a fault costs
 
   // What the tracked thread has got and not given back.
   int blocks = 0;

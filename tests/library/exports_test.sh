@@ -12,23 +12,9 @@ shift 2
 
 exported=$(readelf --dyn-syms --wide "$library" |
   awk '($5 == "GLOBAL" || $5 == "WEAK") && $7 != "UND" { print $8 }' | sort)
-expected=$(sort <<'END'
-corvil_datapath_proxy_act_encap_port_drop
-corvil_datapath_proxy_act_encap_port_pass_through
-corvil_datapath_proxy_add_ipsec_info
-corvil_datapath_proxy_add_ll_dst_addr
-corvil_datapath_proxy_delete_ipsec_info
-corvil_datapath_proxy_flush_config_info
-corvil_datapath_proxy_flush_ll_dst_addr
-corvil_datapath_proxy_get_port_tuple
-corvil_datapath_proxy_set_config_info
-corvil_datapath_proxy_set_udp_encap_port
-corvil_datapath_proxy_unset_config_info
-corvil_datapath_proxy_unset_reverse_dev_mapping
-corvil_datapath_proxy_unset_udp_encap_port
-corvil_datapath_proxy_update_config_info
-END
-)
+header=$(dirname "$0")/../../datapath_proxy/include/corvil_datapath_proxy.h
+expected=$(sed -nE 's/^int (corvil_datapath_proxy_[a-z_]+)\(.*/\1/p' "$header" | sort)
+[ "$(wc -l <<<"$expected")" -eq 14 ]
 diff <(echo "$expected") <(echo "$exported")
 
 needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)

@@ -60,14 +60,27 @@ Events sent() {
   return requests;
 }
 
+const std::string kErrorSlot = " error slot";
+
+/// The event of sending a request: its attributes behind headers of their length, in hexadecimal
+/// digits, with blanks between groups of four bytes.
+std::string send(const std::string& command, const Events& attributes = {}) {
+  std::string bytes = "2a000500 00000000 00000000 " + command + "010000";
+  for (const std::string& attribute : attributes) {
+    bytes += " " + attribute;
+  }
+  const auto length = static_cast<uint32_t>(4 + (bytes.size() + 1) / 9 * 4);
+  return "send " + fake_host::hex(&length, sizeof(length)) + " " + bytes;
+}
+
 /// A request as a step of a call: what it does, and what of it is left when it fails.
 struct Step {
-  std::string name;  // in its messages, without kPrefix
-  int size;          // of its allocation
-  Events messages;   // between the header fill and the send
-  std::string send;  // the event of its sending
-  Events announced;  // messages of the call before it
-  Events failed;     // messages of the call after its failure
+  std::string name;       // in its messages, without kPrefix
+  int size;               // of its allocation
+  Events messages = {};   // between the header fill and the send
+  std::string send = {};  // the event of its sending
+  Events announced = {};  // messages of the call before it
+  Events failed = {};     // messages of the call after its failure
   bool late_allocation_message = false;
   bool forgives = false;  // -EEXIST
   bool ends_call = true;  // when it fails
@@ -174,16 +187,14 @@ std::string length_message(const std::string& name, int length) {
 
 Call encap_call(const std::string& name, int (*call)(uint16_t), const std::string& command,
                 const std::string& announcement, const std::string& failure) {
-  return {
-      name,
-      [call] { return call(htons(4500)); },
-      {{.name = name,
-        .size = 28,
-        .messages = {"HIGH " + kPrefix + name + "(): " + announcement + "\n",
-                     length_message(name, 28)},
-        .send = "send 1c000000 2a000500 00000000 00000000 " + command + "010000 06000500 11940000",
-        .announced = {},
-        .failed = {"ERR " + kPrefix + name + "(): " + failure + "\n"}}}};
+  return {name,
+          [call] { return call(htons(4500)); },
+          {{.name = name,
+            .size = 28,
+            .messages = {"HIGH " + kPrefix + name + "(): " + announcement + "\n",
+                         length_message(name, 28)},
+            .send = send(command, {"06000500 11940000"}),
+            .failed = {"ERR " + kPrefix + name + "(): " + failure + "\n"}}}};
 }
 
 Call ipsec_call(const std::string& name, int (*call)(const IpsecInfo*, const char*),
@@ -199,9 +210,10 @@ Call ipsec_call(const std::string& name, int (*call)(const IpsecInfo*, const cha
         .messages = {"HIGH " + kPrefix + name + "(): " + verb + " IPSEC information\n",
                      "MED " + kPrefix + element + "(): " + verb + " tuple [0x4, 0x32, 0x1234]\n",
                      length_message(name, 40)},
-        .send = "send 28000000 2a000500 00000000 00000000 " + command +
-                "010000 14000180 10000180 0c000100 00001234 04320000",
-        .announced = {},
+        .send = send(command, {"14000180",  // TUPLES
+                               "10000180",  // ELEMENT
+                               "0c000100"   // TUPLE
+                               " 00001234 04320000"}),
         .failed = {"ERR " + kPrefix + name + "(): " + verb + " IPSEC information failed\n"}}}};
 }
 
@@ -212,8 +224,7 @@ const Call kReset = {
       .size = 20,
       .messages = {"HIGH corvil_datapath_proxy_flush_config_info(): Resetting datapath state\n",
                    length_message("flush_config_info", 20)},
-      .send = "send 14000000 2a000500 00000000 00000000 09010000",
-      .announced = {},
+      .send = send("09"),
       .failed = {"ERR corvil_datapath_proxy_flush_config_info(): "
                  "Resetting datapath state failed\n"}}}};
 
@@ -227,21 +238,15 @@ const Call kAddLowLatency = {
       .messages = {"MED corvil_datapath_proxy_add_ll_dst_addr(): XOLINK low latency tuple src: "
                    "10.0.0.1 dest: 10.0.0.2 sport: 4500 dport: 80",
                    length_message("add_ll_dst_addr", 68)},
-      .send = "send 44000000 2a000500 00000000 00000000 0c010000 0d000700 31302e30 2e302e31 "
-              "00000000 0d000800 31302e30 2e302e32 00000000 06000900 11940000 06000a00 00500000 "
-              "error slot",
-      .announced = {},
-      .failed = {},
+      .send = send("0c", {"0d000700 31302e30 2e302e31 00000000",  // LL_SRC_ADDR
+                          "0d000800 31302e30 2e302e32 00000000",  // LL_DST_ADDR
+                          "06000900 11940000",                    // LL_SRC_PORT
+                          "06000a00 00500000"}) +
+              kErrorSlot,
       .forgives = true}}};
 
 const Step kFlushLowLatency = {
-    .name = "flush_ll_dst_addr",
-    .size = 20,
-    .messages = {},
-    .send = "send 14000000 2a000500 00000000 00000000 0d010000 error slot",
-    .announced = {},
-    .failed = {},
-    .forgives = true};
+    .name = "flush_ll_dst_addr", .size = 20, .send = send("0d") + kErrorSlot, .forgives = true};
 
 INSTANTIATE_TEST_SUITE_P(
     SingleRequest, CallTest,
@@ -285,9 +290,9 @@ Step ports_step(const std::string& call, bool add, const Events& announcement,
           .size = 56,
           .messages = {tuple + " tuple [0x4, 0x6, 0x1bb]\n", tuple + " tuple [0x6, 0x11, 0x1194]\n",
                        length_message(name, 56) + " port_count 2"},
-          .send = std::string("send 38000000 2a000500 00000000 00000000 ") + (add ? "01" : "02") +
-                  "010000 24000180 10000180 0c000100 01bb0000 04060000 10000180 0c000100 11940000 "
-                  "06110000",
+          .send = send(add ? "01" : "02", {"24000180",                             // TUPLES
+                                           "10000180 0c000100 01bb0000 04060000",  // ELEMENT, TUPLE
+                                           "10000180 0c000100 11940000 06110000"}),
           .announced = announcement,
           .failed = err(call, failure),
           .late_allocation_message = !add};
@@ -303,9 +308,10 @@ Step forwarding_step(const std::string& call, bool add) {
                            (add ? "(): Forwarding wwan10 to lan\n"
                                 : "(): Stopping forward from wwan10 to lan\n"),
                        length_message(name, 48)},
-          .send = std::string("send 30000000 2a000500 00000000 00000000 ") + (add ? "05" : "06") +
-                  "010000 05000600 01000000 08000400 6c616e00 0b000300 7777616e 31300000" +
-                  (add ? " error slot" : ""),
+          .send = send(add ? "05" : "06", {"05000600 01000000",              // SELECTOR
+                                           "08000400 6c616e00",              // FWD_TO
+                                           "0b000300 7777616e 31300000"}) +  // FWD_FROM
+                  (add ? kErrorSlot : ""),
           .announced = high(call, verb + " FWD information"),
           .failed = err(call, verb + " FWD information failed"),
           .forgives = add};
@@ -320,8 +326,8 @@ Step device_step(const std::string& call, bool set) {
                            (set ? "(): Setting WLAN device to wlan0\n"
                                 : "(): Unsetting WLAN device from wlan0\n"),
                        length_message(name, 40)},
-          .send = std::string("send 28000000 2a000500 00000000 00000000 ") + (set ? "03" : "04") +
-                  "010000 05000600 01000000 0a000200 776c616e 30000000",
+          .send = send(set ? "03" : "04", {"05000600 01000000",             // SELECTOR
+                                           "0a000200 776c616e 30000000"}),  // DEV
           .announced = high(call, verb + " WLAN device information"),
           .failed = err(call, verb + " WLAN device information failed")};
 }
@@ -370,36 +376,35 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& test) { return test.param.name; });
 
 TEST_F(LibraryTest, RefusesNullArguments) {
-  const auto expect_refused = [](const std::string& name, int result, const Events& before = {},
-                                 const Events& after = {}) {
+  const IpsecInfo info{};
+  const auto expect_refused = [](const std::string& name, int result, bool allocates = false) {
+    Events allocated;
+    if (allocates) {
+      allocated = {"calloc 40", "LOW " + kPrefix + name + "(): Allocated 40 bytes for msg"};
+    }
     EXPECT_EQ(result, -1) << name;
-    EXPECT_EQ(host().events, logged(before + err(name, "Invalid parameters") + after));
+    EXPECT_EQ(host().events, logged(allocated + err(name, "Invalid parameters") +
+                                    (allocates ? Events{"free"} : Events{})));
     fake_host::reset();
   };
-  const auto allocation = [](const std::string& name) {
-    return Events{"calloc 40", "LOW " + kPrefix + name + "(): Allocated 40 bytes for msg"};
-  };
-  for (int missing = 0; missing < 3; ++missing) {
-    const char* names[] = {"a", "b", "c"};
-    names[missing] = nullptr;
-    expect_refused("set_config_info", corvil_datapath_proxy_set_config_info(
-                                          names[0], names[1], names[2], kTwoPorts, 2, 1));
-    expect_refused("unset_config_info", corvil_datapath_proxy_unset_config_info(
-                                            names[0], names[1], names[2], kTwoPorts, 2, 1));
-  }
-  for (const char* a : {"a", static_cast<const char*>(nullptr)}) {
-    const char* b = a == nullptr ? "b" : nullptr;
+  for (size_t missing = 0; missing < 3; ++missing) {
+    std::array<const char*, 3> names = {"a", "b", "c"};
+    names.at(missing) = nullptr;
+    const auto [a, b, c] = names;
+    expect_refused("set_config_info",
+                   corvil_datapath_proxy_set_config_info(a, b, c, kTwoPorts, 2, 1));
+    expect_refused("unset_config_info",
+                   corvil_datapath_proxy_unset_config_info(a, b, c, kTwoPorts, 2, 1));
+    if (missing == 2) {
+      continue;
+    }
     expect_refused("unset_reverse_dev_mapping",
                    corvil_datapath_proxy_unset_reverse_dev_mapping(1, a, b));
     expect_refused("add_ll_dst_addr", corvil_datapath_proxy_add_ll_dst_addr(a, b, 1, 2));
-
     // The IPsec calls allocate before they look.
-    const IpsecInfo info{};
-    const IpsecInfo* flow = a == nullptr ? &info : nullptr;
-    expect_refused("add_ipsec_info", corvil_datapath_proxy_add_ipsec_info(flow, a),
-                   allocation("add_ipsec_info"), {"free"});
-    expect_refused("delete_ipsec_info", corvil_datapath_proxy_delete_ipsec_info(flow, a),
-                   allocation("delete_ipsec_info"), {"free"});
+    const IpsecInfo* flow = a == nullptr ? nullptr : &info;
+    expect_refused("add_ipsec_info", corvil_datapath_proxy_add_ipsec_info(flow, b), true);
+    expect_refused("delete_ipsec_info", corvil_datapath_proxy_delete_ipsec_info(flow, b), true);
   }
   expect_refused("update_config_info",
                  corvil_datapath_proxy_update_config_info(nullptr, 2, kTwoPorts, 0));
@@ -437,12 +442,13 @@ TEST_F(LibraryTest, LeavesOutWhatIsAbsent) {
 TEST_F(LibraryTest, SendsEmptyStringsAndTheLowByteOfASelector) {
   EXPECT_EQ(corvil_datapath_proxy_set_config_info("", "", "", nullptr, 0, 0x200), 0);
   EXPECT_EQ(corvil_datapath_proxy_add_ll_dst_addr("", "abc", 0, 0), 0);
-  EXPECT_EQ(sent(), (Events{"send 2c000000 2a000500 00000000 00000000 05010000 05000600 00000000 "
-                            "05000400 00000000 05000300 00000000 error slot",
-                            "send 24000000 2a000500 00000000 00000000 03010000 05000600 00000000 "
-                            "05000200 00000000",
-                            "send 34000000 2a000500 00000000 00000000 0c010000 05000700 00000000 "
-                            "08000800 61626300 06000900 00000000 06000a00 00000000 error slot"}));
+  const std::string selector = "05000600 00000000";
+  EXPECT_EQ(sent(),
+            (Events{send("05", {selector, "05000400 00000000", "05000300 00000000"}) + kErrorSlot,
+                    send("03", {selector, "05000200 00000000"}),
+                    send("0c", {"05000700 00000000", "08000800 61626300", "06000900 00000000",
+                                "06000a00 00000000"}) +
+                        kErrorSlot}));
 }
 
 TEST_F(LibraryTest, TakesAnyAddressWithAColonForIpv6) {
@@ -618,73 +624,24 @@ TEST_F(LibraryTest, SurvivesMalformedReplies) {
 
 // Log statements
 
-/// Every call, with arguments that need all of its requests.
-std::vector<std::function<int()>> all_calls() {
-  static const IpsecInfo info = {{0, 0}, htonl(0x1234)};
-  return {
-      [] { return set_up(kTwoPorts, 2); },
-      [] { return tear_down(kTwoPorts, 2, 1); },
-      [] { return corvil_datapath_proxy_update_config_info(kTwoPorts, 2, kTwoPorts, 2); },
-      [] { return corvil_datapath_proxy_unset_reverse_dev_mapping(1, "lan", "wwan10"); },
-      corvil_datapath_proxy_flush_config_info,
-      [] { return corvil_datapath_proxy_add_ipsec_info(&info, "192.0.2.1"); },
-      [] { return corvil_datapath_proxy_delete_ipsec_info(&info, "192.0.2.1"); },
-      [] { return corvil_datapath_proxy_set_udp_encap_port(1); },
-      [] { return corvil_datapath_proxy_unset_udp_encap_port(1); },
-      [] { return corvil_datapath_proxy_act_encap_port_pass_through(1); },
-      [] { return corvil_datapath_proxy_act_encap_port_drop(1); },
-      [] { return corvil_datapath_proxy_add_ll_dst_addr("10.0.0.1", "10.0.0.2", 1, 2); },
-      corvil_datapath_proxy_flush_ll_dst_addr,
-      corvil_datapath_proxy_get_port_tuple,
-      // What calls refuse themselves.
-      [] { return corvil_datapath_proxy_add_ll_dst_addr(nullptr, "", 1, 2); },
-      [] { return corvil_datapath_proxy_add_ipsec_info(&info, nullptr); },
-      [] { return set_up(kTwoPorts, 4096); },
-      [] {
-        return set_up(std::array{PortDescriptor{5, 6, 80}}.data(), 1);
-      },
-      [] {
-        return set_up(std::array{PortDescriptor{4, 50, 80}}.data(), 1);
-      },
-  };
-}
-
-TEST_F(LibraryTest, EachTextHasALineAndADescriptorOfItsOwn) {
-  std::map<const LogSiteDescriptor*, std::set<std::string>> formats;
-  const auto run = [&formats](const std::function<int()>& call,
-                              const std::function<void()>& fault) {
-    fake_host::reset();
-    zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
-    host().replies = {{},
-                      reply(""),
-                      reply("14000180 10000180 0c000100 01bb0000 04060000"),
-                      reply("08000180 04000180")};
-    fault();
-    call();
-    for (const auto& [site, texts] : host().formats) {
-      formats[site].insert(texts.begin(), texts.end());
+/// What all tests together have seen of the log.
+class StatementsTest : public ::testing::Environment {
+  void TearDown() override {
+    const auto* run = ::testing::UnitTest::GetInstance();
+    if (fake_host::silent() || run->test_to_run_count() != run->total_test_count()) {
+      return;
     }
-  };
-  for (const auto& call : all_calls()) {
-    run(call, [] {});
-    for (int nth = 1; nth <= 4; ++nth) {
-      run(call, [nth] { host().failing_allocation = nth; });
-      run(call, [nth] { host().failing_resolution = nth; });
-      run(call, [nth] {
-        host().answers.assign(static_cast<size_t>(nth) - 1, {0});
-        host().answers.push_back({-1, -EPERM});
-        host().port_results = {1};
-      });
+    std::map<uint16_t, std::string> text_of_line;
+    for (const auto& [site, texts] : fake_host::statements()) {
+      EXPECT_EQ(texts.size(), 1U) << "line " << site->line << " has several texts";
+      EXPECT_TRUE(text_of_line.emplace(site->line, *texts.begin()).second)
+          << "line " << site->line << " has another statement";
+      EXPECT_EQ(fake_host::permissions_of(site), "r--p");
     }
+    EXPECT_EQ(text_of_line.size(), 58U) << "statements reached; a new one needs a test above";
   }
-  std::map<uint16_t, std::string> text_of_line;
-  for (const auto& [site, texts] : formats) {
-    EXPECT_EQ(texts.size(), 1U) << "line " << site->line << " has several texts";
-    EXPECT_TRUE(text_of_line.emplace(site->line, *texts.begin()).second)
-        << "line " << site->line << " has another statement";
-    EXPECT_EQ(fake_host::permissions_of(site), "r--p");
-  }
-  EXPECT_EQ(formats.size(), 58U) << "statements reached; a new one needs a scenario above";
-}
+};
+const auto* const kStatementsTest =
+    ::testing::AddGlobalTestEnvironment(new StatementsTest);  // GoogleTest's from here on.
 
 }  // namespace

@@ -110,18 +110,6 @@ class WiresharkTest(unittest.TestCase):
         self.assertGreater(types.count(SENT), 8 * 20 * 10 * 2)
         self.assertGreaterEqual(types.count(RECEIVED), types.count(SENT))
 
-    def test_a_capture_is_of_one_of_the_processes_that_start_with_it(self):
-        pathlib.Path("batch").write_text("encap set 1\n" * 5)
-        command = self.command[:-1] + ["batch"]
-        for _ in range(3):
-            tools = [subprocess.Popen(command, stderr=subprocess.PIPE, text=True)
-                     for _ in range(20)]
-            errors = {tool.communicate()[1] for tool in tools}
-            self.assertLessEqual(errors, {"", "datapathctl: batch:1: cannot write the capture c: "
-                                              "Device or resource busy\n"})
-            self.assertIn(0, {tool.returncode for tool in tools})
-            self.assertEqual(len(list(packets(self.capture))), 4 * 5)
-
     def test_mutated_messages_are_told_without_an_error_in_lua(self):
         subprocess.run(self.command, input=BATCH, text=True, check=True, stdout=subprocess.DEVNULL)
         sent = [data for _, data in packets(self.capture)]

@@ -1,21 +1,49 @@
 #!/usr/bin/env bash
-# Drives the module in the VM of scripts/vm.sh with the kernel's generic client, which knows of the
-# family only what kernel_interface/tavik_wlan.yaml says.
+# Holds kernel_interface/tavik_wlan.yaml against the kernel's own tools: the schema of its language, a
+# compiler on what the code generator makes of it, and in the VM of scripts/vm.sh the generic client,
+# which drives the module and knows of the family only what it says. The tools are those of Debian's
+# kernel sources, unpacked to build/ynl alone.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
-tests/ship/ynl_check.sh # brings the client
+package=linux-source-6.12
+build=$PWD/build/ynl
+tools=$build/$package/tools/net/ynl
+specs=$build/$package/Documentation/netlink/specs
+
+if ! [ -e "$build/fetched" ]; then
+  if ! apt-cache show $package >/dev/null 2>&1; then
+    echo "skipped: Debian offers no $package here"
+    exit 77
+  fi
+  rm -rf "$build"
+  mkdir -p "$build"
+  (cd "$build" && apt-get -qq -o APT::Sandbox::User=root download $package)
+  dpkg-deb --fsys-tarfile "$build"/*.deb | tar --extract --to-stdout ./usr/src/$package.tar.xz |
+    tar --extract --xz --directory "$build" $package/tools/net/ynl $package/Documentation/netlink
+  rm "$build"/*.deb
+  touch "$build/$package/MAINTAINERS" # or the generator looks for the sources' root forever
+  touch "$build/fetched"
+fi
+
+cp kernel_interface/tavik_wlan.yaml "$specs"
+generate=(/usr/bin/python3 "$tools/ynl-gen-c.py" --mode user --spec "$specs/tavik_wlan.yaml")
+"${generate[@]}" --header -o "$build/tavik_wlan-user.h" # after a validation
+"${generate[@]}" --source -o "$build/tavik_wlan-user.c"
+gcc -std=gnu11 -O2 -Wall -Wextra -Wno-unused-parameter -Wshadow -Werror -I "$tools/lib" -I . \
+  -c "$build/tavik_wlan-user.c" -o "$build/tavik_wlan-user.o"
+
 if ! obstacle=$(scripts/vm.sh --check 2>&1 >/dev/null); then
   echo "skipped: $obstacle"
   exit 77
 fi
 
-export EXTRA=$PWD/build/ynl/root # the client, and a Python for it
+export EXTRA=$build/root # the client, and a Python for it
 python=$(readlink -f /usr/bin/python3)
 version=$(basename "$python")
 rm -rf "$EXTRA"
 mkdir -p "$EXTRA/ynl"
-cp -r build/ynl/linux-source-*/tools/net/ynl/{cli.py,lib} kernel_interface/tavik_wlan.yaml \
+cp -r "$tools"/{cli.py,lib} kernel_interface/tavik_wlan.yaml \
   "$EXTRA/ynl"
 {
   echo "$python"

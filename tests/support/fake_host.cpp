@@ -6,6 +6,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <array>
+#include <bit>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -61,19 +63,11 @@ int call_before_unreadable_page(corvil_netlink_reply_callback callback,
   return result;
 }
 
-const char* level_name(uint32_t mask) {
-  switch (mask) {
-    case LOG_LEVEL_MASK_LOW:
-      return "LOW ";
-    case LOG_LEVEL_MASK_MED:
-      return "MED ";
-    case LOG_LEVEL_MASK_HIGH:
-      return "HIGH ";
-    case LOG_LEVEL_MASK_ERR:
-      return "ERR ";
-    default:
-      return "unknown level ";
-  }
+/// Of LOG_LEVEL_MASK_LOW to LOG_LEVEL_MASK_ERR, one bit each.
+std::string level_name(uint32_t mask) {
+  constexpr std::array<const char*, 4> kNames = {"LOW ", "MED ", "HIGH ", "ERR "};
+  return std::has_single_bit(mask) ? kNames.at(static_cast<size_t>(std::countr_zero(mask)))
+                                   : "several levels ";
 }
 
 }  // namespace
@@ -81,6 +75,11 @@ const char* level_name(uint32_t mask) {
 Host& host() {
   static Host the_host;
   return the_host;
+}
+
+Statements& statements() {
+  static Statements all;
+  return all;
 }
 
 bool silent() { return getenv("FAKE_HOST_SILENT") != nullptr; }
@@ -140,7 +139,10 @@ int corvil_netlink_query_genl(const char* family_name, uint32_t version, uint16_
   return 0;
 }
 
-int corvil_nla_put(nlmsghdr* message, uint16_t type, uint32_t length, const void* payload) {
+// A fuzz target has the reference host's attribute operations in the place of these two.
+
+[[gnu::weak]] int corvil_nla_put(nlmsghdr* message, uint16_t type, uint32_t length,
+                                 const void* payload) {
   const uint32_t start = NLA_ALIGN(message->nlmsg_len);
   const auto capacity = host().live.find(message);
   if (capacity == host().live.end() || start + NLA_HDRLEN + NLA_ALIGN(length) > capacity->second) {
@@ -182,8 +184,8 @@ int corvil_netlink_query(const nlmsghdr* request, int protocol,
   return fake_host::next(host().answers, {}).result;
 }
 
-int corvil_nla_parse(const nlattr* first, const nlattr** table, uint32_t length,
-                     uint16_t max_type) {
+[[gnu::weak]] int corvil_nla_parse(const nlattr* first, const nlattr** table, uint32_t length,
+                                   uint16_t max_type) {
   EXPECT_NE(first, nullptr);
   for (uint16_t type = 0; type <= max_type; ++type) {
     table[type] = nullptr;
@@ -226,11 +228,11 @@ void msg_sprintf(const LogSiteDescriptor* descriptor, ...) {
   EXPECT_STREQ(descriptor->format, "%s");
   va_list arguments;
   va_start(arguments, descriptor);
-  host().events.push_back(std::string(fake_host::level_name(descriptor->level_mask)) +
+  host().events.push_back(fake_host::level_name(descriptor->level_mask) +
                           va_arg(arguments, const char*));
   va_end(arguments);
   host().descriptors.push_back(descriptor);
-  host().formats[descriptor].insert(host().last_format);
+  fake_host::statements()[descriptor].insert(host().last_format);
 }
 
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {

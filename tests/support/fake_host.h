@@ -47,8 +47,6 @@ struct Host {
   int64_t clock_microseconds = 0;
   /// What the sinks were given, apart from `events`.
   std::vector<const LogSiteDescriptor*> descriptors;
-  /// The formats of the messages that came with each descriptor.
-  std::map<const LogSiteDescriptor*, std::set<std::string>> formats;
   /// Runs before each recorded call of a log sink, with the call's name.
   std::function<void(const std::string&)> on_log_call;
 
@@ -60,6 +58,10 @@ struct Host {
 
 /// The one host of the process.
 Host& host();
+
+/// The formats of the messages that have come with each descriptor, in all tests so far.
+using Statements = std::map<const LogSiteDescriptor*, std::set<std::string>>;
+Statements& statements();
 
 /// Whether the environment variable FAKE_HOST_SILENT is set.
 bool silent();

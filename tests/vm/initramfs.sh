@@ -15,8 +15,6 @@ build=$PWD/build/vm/$version
 programs=$PWD/build/release/bin
 root=$build/root
 
-tools=(/usr/bin/strace /usr/bin/genl-ctrl-list /usr/bin/setpriv)
-
 # Prints the libraries that programs load.
 libraries_of() {
   ldd "$@" | sed -nE 's|^[^/]*(/[^ ]+) \(0x.*|\1|p' | sort --unique
@@ -58,7 +56,7 @@ mkdir -p "$root"/{bin,dev,etc/datapath,proc,sbin,sys,tmp,usr/bin,usr/lib,usr/sbi
 cp "$build/busybox/bin/busybox" "$root/bin"
 cp tests/vm/init "$root/init"
 printf '%s' "$command" >"$root/etc/datapath/command"
-put_programs "${tools[@]}" "$programs"/{datapathctl,conformance_test,libnl_peer,fault_test}
+put_programs /usr/bin/setpriv "$programs"/{datapathctl,conformance_test,fault_test}
 put_programs "$programs/libcorvil_datapath_proxy.so"
 cp tests/vm/kernel_test.sh "$root/usr/bin/kernel_test"
 put_modules

@@ -33,7 +33,7 @@ check() {
     echo "its kernels are for amd64 machines"
     return 1
   fi
-  for tool in qemu-system-x86_64 cpio depmod make gcc sparse xz strace genl-ctrl-list; do
+  for tool in qemu-system-x86_64 cpio depmod make gcc sparse xz; do
     if ! command -v "$tool" >/dev/null && ! [ -x "/usr/sbin/$tool" ]; then
       echo "$tool is missing (scripts/setup.sh vm installs it)"
       return 1
