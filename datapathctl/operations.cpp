@@ -115,10 +115,9 @@ Result run_state(Session& session, const Command& command) {
 }
 
 /// What runs an operation that is one call of the library, with the command as `c`.
-#define CALL(function, ...)                                                        \
-  [](Session& session, const Command& c) {                                         \
-    return session.call<decltype(function)>(c.operation->name,                     \
-                                            #function __VA_OPT__(, ) __VA_ARGS__); \
+#define CALL(function, ...)                                                               \
+  [](Session& session, const Command& c) {                                                \
+    return session.call<decltype(function)>(c.operation->name, #function, ##__VA_ARGS__); \
   }
 #define CALL_PROXY(function)                                                     \
   CALL(function, c.device.c_str(), c.to.c_str(), c.from.c_str(), c.ports.data(), \

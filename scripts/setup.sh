@@ -16,12 +16,14 @@ packages_for[asan]=${packages_for[test]}
 packages_for[tsan]=${packages_for[test]}
 packages_for[style]="clang-format git shellcheck"
 packages_for[tools]="${packages_for[test]} abigail-tools man-db mandoc python3 python3-yaml tshark"
-packages_for[clang]="${packages_for[test]} clang clang-tidy libclang-rt-dev"
+packages_for[clang]="${packages_for[test]} clang libclang-rt-dev"
+packages_for[tidy]="${packages_for[clang]} clang-tidy"
 packages_for[arm]="${packages_for[demo]} g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest
   qemu-user"
 # What builds the kernel module and boots a kernel with it.
 packages_for[vm]="${packages_for[test]} cpio kmod libelf1 make qemu-system-x86 sparse xz-utils"
 packages_for[vm_6.1]=${packages_for[vm]}
+packages_for[vm_faults]=${packages_for[vm]}
 packages_for[analyzers]="${packages_for[test]} cppcheck valgrind"
 packages_for[fuzz]="${packages_for[test]} clang libclang-rt-dev"
 packages_for[coverage]="${packages_for[test]} clang-19 libclang-rt-19-dev llvm-19 python3"

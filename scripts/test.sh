@@ -9,8 +9,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(release asan style clang tools tsan coverage fuzz arm vm analyzers vm_6.1 package ynl_kernel
-  android_bp reproducible)
+stages=(release asan style coverage arm fuzz clang tools vm tsan analyzers tidy vm_6.1 vm_faults
+  package ynl_kernel android_bp reproducible)
 
 run_preset() {
   cmake --preset "$1" --log-level=WARNING >/dev/null
@@ -19,7 +19,7 @@ run_preset() {
 }
 
 run_vm() {
-  KERNEL=$1 scripts/vm.sh 'conformance_test --target=kernel && kernel_test && fault_test --target=kernel'
+  KERNEL=$1 scripts/vm.sh 'conformance_test --target=kernel && kernel_test'
 }
 
 run_stage() {
@@ -38,12 +38,20 @@ run_stage() {
       ;;
     coverage) tests/library/coverage.sh ;;
     fuzz) scripts/fuzz.sh 5 ;;
+    tidy)
+      cmake --preset clang --log-level=WARNING >/dev/null
+      run-clang-tidy -quiet -p build/clang >build/clang/tidy.log 2>&1 || {
+        cat build/clang/tidy.log
+        exit 1
+      }
+      ;;
     arm)
       run_preset armhf
       run_preset arm64
       ;;
     vm) run_vm 6.12 ;;
     vm_6.1) run_vm 6.1 ;;
+    vm_faults) scripts/vm.sh 'fault_test --target=kernel' ;;
     analyzers) tests/analyze.sh ;;
     package | ynl_kernel | android_bp | reproducible)
       "tests/ship/$1_test.sh" || [ $? -eq 77 ] # skipped

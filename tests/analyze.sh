@@ -9,9 +9,11 @@ cmake --preset release --log-level=WARNING
 cmake --build --preset release
 
 echo "cppcheck"
-# at() checks its argument itself. The tests' designated initializers are not understood.
+# at() checks its argument itself. A string_view is followed beyond the life of what it was made of,
+# to a call that is over by then. The tests' designated initializers are not understood.
 cppcheck --project=build/release/compile_commands.json -itests --quiet \
   --enable=warning,performance,portability --suppress=containerOutOfBounds \
+  --suppress=danglingTemporaryLifetime:datapathctl/message_decoder.cpp \
   --suppress=missingIncludeSystem --error-exitcode=1
 
 echo "g++ -fanalyzer"

@@ -575,9 +575,9 @@ static const nlattr* first_attribute(AttributeRun run) {
   return whole ? attribute : nullptr;
 }
 
-/// What follows a run's first attribute. Its padding may be missing at the end of the run.
-static AttributeRun after_first(AttributeRun run) {
-  const uint32_t step = checked_align(first_attribute(run)->nla_len);
+/// What follows the first attribute of a run. Its padding may be missing at the end of the run.
+static AttributeRun after(const nlattr* first, AttributeRun run) {
+  const uint32_t step = checked_align(first->nla_len);
   return step < run.length ? AttributeRun{run.start + step, run.length - step} : AttributeRun{};
 }
 
@@ -623,7 +623,7 @@ static int tavik_wlan_tuple_query_cb(const nlmsghdr* reply, void* /*context*/) {
 
   int tree_result = -1;  // of the last port handed over
   AttributeRun elements = payload_of(tuples, attributes);
-  for (; const nlattr* element = first_attribute(elements); elements = after_first(elements)) {
+  for (; const nlattr* element = first_attribute(elements); elements = after(element, elements)) {
     const AttributeRun inside = payload_of(element, elements);
     const nlattr* attribute =
         find_attribute<TAVIK_WLAN_TUPLE_ATTR, TAVIK_WLAN_TUPLE_ATTR_MAX>(inside);

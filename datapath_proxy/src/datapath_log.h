@@ -135,15 +135,15 @@ void write_log(const LogSiteDescriptor& site, const char* name, const char* form
 /// Logs a message at a level (LOW, MED, HIGH or ERR) under a given function name. The format is a
 /// literal of printf whose first conversion takes the name; its other arguments follow. While every
 /// sink is off, nothing but the settings is read and no argument is evaluated.
-#define DATAPATH_LOG_AS(level, name, format, ...)                                                 \
-  do {                                                                                            \
-    static_cast<void>(sizeof(::datapath::check_format(format, name __VA_OPT__(, ) __VA_ARGS__))); \
-    if (::datapath::any_sink_on()) {                                                              \
-      static constexpr LogSiteDescriptor kSite = {__LINE__, ::datapath::kDiagnosticSubsystem,     \
-                                                  LOG_LEVEL_MASK_##level, "%s",                   \
-                                                  ::datapath::kSourcePath};                       \
-      ::datapath::write_log(kSite, name, format __VA_OPT__(, ) __VA_ARGS__);                      \
-    }                                                                                             \
+#define DATAPATH_LOG_AS(level, name, format, ...)                                             \
+  do {                                                                                        \
+    static_cast<void>(sizeof(::datapath::check_format(format, name, ##__VA_ARGS__)));         \
+    if (::datapath::any_sink_on()) {                                                          \
+      static constexpr LogSiteDescriptor kSite = {__LINE__, ::datapath::kDiagnosticSubsystem, \
+                                                  LOG_LEVEL_MASK_##level, "%s",               \
+                                                  ::datapath::kSourcePath};                   \
+      ::datapath::write_log(kSite, name, format, ##__VA_ARGS__);                              \
+    }                                                                                         \
   } while (false)
 
 /// Logs a message under the name of the function that the statement stands in.
