@@ -424,6 +424,15 @@ static DatapathRequest begin_ipsec(const char* name, uint32_t command, const Ips
                        {.parameters_valid = info != nullptr && address != nullptr});
 }
 
+/// Appends the container with the one tuple and sends the request.
+static int send_ipsec(const char* name, DatapathRequest& request, const DatapathTuple& tuple,
+                      void (*put_tuple)(DatapathRequest&, const DatapathTuple&)) {
+  const uint32_t tuples = request.open_container(TAVIK_WLAN_ATTR_TUPLES);
+  put_tuple(request, tuple);
+  request.close_container(tuples);
+  return transact(name, request);
+}
+
 int corvil_datapath_proxy_add_ipsec_info(const IpsecInfo* info, const char* address) {
   DatapathRequest request = begin_ipsec(__func__, TAVIK_WLAN_CMD_ADD_TUPLES, info, address);
   if (!request) {
@@ -431,10 +440,7 @@ int corvil_datapath_proxy_add_ipsec_info(const IpsecInfo* info, const char* addr
   }
   const DatapathTuple tuple = ipsec_tuple(*info, address);
   DATAPATH_LOG(HIGH, "%s(): Adding IPSEC information\n");
-  const uint32_t tuples = request.open_container(TAVIK_WLAN_ATTR_TUPLES);
-  corvil_datapath_proxy_add_tuple(request, tuple);
-  request.close_container(tuples);
-  const int result = transact(__func__, request);
+  const int result = send_ipsec(__func__, request, tuple, corvil_datapath_proxy_add_tuple);
   if (result == -1) {
     DATAPATH_LOG(ERR, "%s(): Adding IPSEC information failed\n");
   }
@@ -448,10 +454,7 @@ int corvil_datapath_proxy_delete_ipsec_info(const IpsecInfo* info, const char* a
   }
   const DatapathTuple tuple = ipsec_tuple(*info, address);
   DATAPATH_LOG(HIGH, "%s(): Removing IPSEC information\n");
-  const uint32_t tuples = request.open_container(TAVIK_WLAN_ATTR_TUPLES);
-  corvil_datapath_proxy_del_tuple(request, tuple);
-  request.close_container(tuples);
-  const int result = transact(__func__, request);
+  const int result = send_ipsec(__func__, request, tuple, corvil_datapath_proxy_del_tuple);
   if (result == -1) {
     DATAPATH_LOG(ERR, "%s(): Removing IPSEC information failed\n");
   }
