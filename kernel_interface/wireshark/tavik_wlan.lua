@@ -58,10 +58,10 @@ local fields = {
   tuple = ProtoField.string("tavik_wlan.tuple", "Tuple"),
   tuple_port = ProtoField.uint16("tavik_wlan.tuple.port", "Port"),
   tuple_spi = ProtoField.uint32("tavik_wlan.tuple.spi", "SPI", base.HEX),
-  tuple_ip_version =
-    ProtoField.uint8("tavik_wlan.tuple.ip_version", "IP version", base.DEC, IP_PROTOS),
-  tuple_protocol =
-    ProtoField.uint8("tavik_wlan.tuple.protocol", "Protocol", base.DEC, TRANS_PROTOS),
+  tuple_ip_proto =
+    ProtoField.uint8("tavik_wlan.tuple.ip_proto", "IP version", base.DEC, IP_PROTOS),
+  tuple_trans_proto =
+    ProtoField.uint8("tavik_wlan.tuple.trans_proto", "Protocol", base.DEC, TRANS_PROTOS),
   tuple_reserved = ProtoField.uint16("tavik_wlan.tuple.reserved", "Reserved", base.HEX),
   device = ProtoField.string("tavik_wlan.device", "Device"),
   forward_from = ProtoField.string("tavik_wlan.forward_from", "Forward from"),
@@ -154,8 +154,8 @@ local function show_tuple(payload, item)
   else
     tuple:add(fields.tuple_port, payload(0, 2))
   end
-  tuple:add(fields.tuple_ip_version, payload(4, 1))
-  tuple:add(fields.tuple_protocol, payload(5, 1))
+  tuple:add(fields.tuple_ip_proto, payload(4, 1))
+  tuple:add(fields.tuple_trans_proto, payload(5, 1))
   tuple:add(fields.tuple_reserved, payload(6, 2))
   if not IP_PROTOS[ip_proto] or not TRANS_PROTOS[trans_proto] then
     tuple:add_proto_expert_info(unexpected, "Unknown IP version or protocol")

@@ -5,6 +5,7 @@ import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import unittest
 
 try:
@@ -19,9 +20,6 @@ TABLE = (FOLDER / "protocol.h").read_text()
 MODULE = (FOLDER.parent / "reference_kernel/module/tavik_wlan.c").read_text()
 SPEC = yaml.safe_load((FOLDER / "tavik_wlan.yaml").read_text())
 CONSTANTS = dict(re.findall(r'TAVIK_WLAN_(\w+)(?: =)? "?([0-9]+|TAVIK_WLAN)\b', HEADER))
-# Of the constants that are the values of a field of the dissector.
-PREFIXES = {"command": "CMD_", "attribute.type": "ATTR_", "tuples.type": "", "element.type": "",
-            "tuple.ip_version": "IP_PROTO_", "tuple.protocol": "TRANS_PROTO_"}
 # What the description, the table and the module call the types of the header's comments.
 TYPES = {"nest": "nested", "string": "string", "u16big-endian": "__be16", "u8": "__u8",
          "Tuples": "nested", "Name": "string", "Address": "string", "Port": "__be16", "U8": "__u8",
@@ -34,15 +32,21 @@ def upper(name):
 
 
 def comments(prefix):
-    """What the header's comments say of each constant, up to a colon."""
+    """What the header's comments list for each constant, up to a semicolon or colon."""
     found = re.findall(rf"TAVIK_WLAN_{prefix}_(\w+) = \d+, +/\* ([^*;:]+)", HEADER)
-    return {name: comment.strip().replace("no attribute", "") for name, comment in found}
+    return {name: set(re.findall(r"\w+", its.replace("no attribute", ""))) for name, its in found}
 
 
 class AgreementTest(unittest.TestCase):
     maxDiff = None
 
-    def test_constants_of_the_description(self):
+    def expect_agreement(self, types, attributes):
+        """With the header, of each attribute's type and of each command's attributes."""
+        self.assertEqual({(name, *its) for name, its in comments("ATTR").items()},
+                         {(name, TYPES[its]) for name, its in types})
+        self.assertEqual(comments("CMD"), {name: set(its) for name, its in attributes.items()})
+
+    def test_description(self):
         found = {"FAMILY_NAME": SPEC["name"], "FAMILY_VERSION": SPEC["version"]}
         for definition in SPEC["definitions"]:
             if definition["type"] == "const":
@@ -53,45 +57,37 @@ class AgreementTest(unittest.TestCase):
             for entry in group.get("attributes") or group["list"]:
                 found[upper(group["name-prefix"] + entry["name"])] = entry["value"]
         self.assertEqual(CONSTANTS, {name: str(value) for name, value in found.items()})
+        self.expect_agreement(
+            ((upper(its["name"]), its["type"] + its.get("byte-order", ""))
+             for its in SPEC["attribute-sets"][0]["attributes"]),
+            {upper(its["name"]): map(upper, its.get("do", {}).get("request", {}).get(
+                "attributes", [])) for its in SPEC["operations"]["list"]})
 
     @unittest.skipUnless(shutil.which("tshark"), "takes tshark")
-    def test_constants_of_the_dissector(self):
+    def test_dissector(self):
         script = f"lua_script:{FOLDER}/wireshark/tavik_wlan.lua"
         values = subprocess.run(["tshark", "-G", "values", "-X", script], check=True, text=True,
                                 capture_output=True).stdout
-        found = re.findall(r"^V\ttavik_wlan\.(\S+)\t(\d+)\t(\S+)$", values, re.MULTILINE)
-        self.assertEqual({name: value for name, value in CONSTANTS.items()
-                          if not re.match("FAMILY_|TUPLES_PER_MESSAGE", name)},
-                         {PREFIXES[field] + name: value for field, value, name in found})
+        found = re.findall(r"^V\ttavik_wlan\.\S+\t(\d+)\t(\S+)$", values, re.MULTILINE)
+        self.assertEqual(sorted((value, re.sub("^(CMD|ATTR|IP_PROTO|TRANS_PROTO)_", "", name))
+                                for name, value in CONSTANTS.items()
+                                if not re.match("FAMILY_|TUPLES_PER_MESSAGE", name)), sorted(found))
 
-    def test_types_and_attributes_of_the_description(self):
-        self.assertEqual(comments("ATTR"), {
-            upper(its["name"]): TYPES[its["type"] + its.get("byte-order", "")]
-            for its in SPEC["attribute-sets"][0]["attributes"]})
-        self.assertEqual(comments("CMD"), {
-            upper(its["name"]): ", ".join(
-                map(upper, its.get("do", {}).get("request", {}).get("attributes", [])))
-            for its in SPEC["operations"]["list"]})
-
-    def test_types_and_attributes_of_the_table(self):
+    def test_table(self):
         attributes = re.findall(r'TAVIK_WLAN_ATTR_(\w+), "(\w+)", Kind::k(\w+)', TABLE)
         commands = re.findall(r'{TAVIK_WLAN_CMD_(\w+),\s+"(\w+)"(?:,\s+{([^}]*)})?', TABLE)
-        self.assertEqual([row[0] for row in attributes + commands],
-                         [row[1] for row in attributes + commands])
-        self.assertEqual(comments("ATTR"), {name: TYPES[kind] for name, _, kind in attributes})
-        self.assertEqual(comments("CMD"), {
-            name: ", ".join(re.findall(r"ATTR_(\w+)", its)) for name, _, its in commands})
+        for constant, name, _ in attributes + commands:
+            self.assertEqual(constant, name)
+        self.expect_agreement(((name, kind) for _, name, kind in attributes),
+                              {name: re.findall(r"ATTR_(\w+)", its) for _, name, its in commands})
 
-    def test_types_and_attributes_of_the_module(self):
-        types, commands = comments("ATTR"), comments("CMD")
+    def test_module(self):
         policies = {name: dict(re.findall(r"TAVIK_WLAN_ATTR_(\w+)\] = (?:{ \.type = )?(\w+)", its))
                     for name, its in re.findall(r"(\w+)\[TAVIK_WLAN_ATTR_MAX \+ 1\] = {(.*?)};",
                                                 MODULE, re.DOTALL)}
-        self.assertEqual(
-            {command: {name: types[name] for name in filter(None, its.split(", "))}
-             for command, its in commands.items()},
-            {command: {name: TYPES[kind] for name, kind in policies[policy].items()}
-             for command, policy in re.findall(r"TAVIK_WLAN_CMD_(\w+),[^;]*?(\w+_policy)", MODULE)})
+        commands = re.findall(r"TAVIK_WLAN_CMD_(\w+),[^;]*?(\w+_policy)", MODULE)
+        self.expect_agreement((its for policy in policies.values() for its in policy.items()),
+                              {command: policies[policy] for command, policy in commands})
 
 
 if __name__ == "__main__":
