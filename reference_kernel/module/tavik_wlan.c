@@ -31,14 +31,9 @@
  */
 
 struct tavik_wlan_tuple {
-	u8 ip_version;
+	u8 ip_proto;
 	u8 trans_proto;
-	__be32 key; /* the SPI when trans_proto is ESP, otherwise the port */
-} __packed;
-
-struct tavik_wlan_device {
-	u8 selector;
-	char name[TAVIK_WLAN_MAX_NAME + 1];
+	__be32 key; /* the SPI when trans_proto is ESP, otherwise the port and two zero bytes */
 } __packed;
 
 struct tavik_wlan_forwarding {
@@ -48,7 +43,7 @@ struct tavik_wlan_forwarding {
 } __packed;
 
 struct tavik_wlan_address {
-	u8 ip_version;
+	u8 ip_proto;
 	u8 bytes[16]; /* IPv4 has the first four */
 } __packed;
 
@@ -58,20 +53,6 @@ struct tavik_wlan_flow {
 	__be16 source_port;
 	__be16 destination_port;
 } __packed;
-
-enum tavik_wlan_encap_action {
-	TAVIK_WLAN_ENCAP_NONE,
-	TAVIK_WLAN_ENCAP_PASS_THROUGH,
-	TAVIK_WLAN_ENCAP_DROP,
-};
-
-struct tavik_wlan_encap {
-	__be16 port;
-	u8 action; /* enum tavik_wlan_encap_action */
-} __packed;
-
-/* The sets, in the order in which the text lists them. */
-enum tavik_wlan_kind { TUPLES, DEVICES, FORWARDINGS, ENCAPS, FLOWS, KINDS };
 
 /* A set of keys of one size, ordered as memcmp() orders them. */
 struct tavik_wlan_set {
@@ -89,7 +70,12 @@ struct tavik_wlan_entry {
 /* What a network namespace holds. */
 struct tavik_wlan_net {
 	struct mutex lock; /* of all that follows */
-	struct tavik_wlan_set sets[KINDS];
+	struct tavik_wlan_set tuples;
+	struct tavik_wlan_set forwardings;
+	struct tavik_wlan_set flows;
+	char devices[U8_MAX + 1][TAVIK_WLAN_MAX_NAME + 1]; /* by selector; empty: not set */
+	const char *encap_action; /* as it is listed; NULL: no encapsulation port is set */
+	__be16 encap_port;
 	u32 tuples_generation; /* changes with the tuples, is never 0 */
 };
 
@@ -106,12 +92,6 @@ static struct tavik_wlan_net *tavik_wlan_net(struct net *net)
 static struct tavik_wlan_entry *entry_of(struct rb_node *node)
 {
 	return rb_entry_safe(node, struct tavik_wlan_entry, node);
-}
-
-/* The first entry, or NULL. */
-static struct tavik_wlan_entry *set_first(const struct tavik_wlan_set *set)
-{
-	return entry_of(rb_first(&set->root));
 }
 
 /* The first entry whose key is not below @key, or NULL. */
@@ -205,10 +185,11 @@ static void set_clear(struct tavik_wlan_set *set)
 
 static void clear_all(struct tavik_wlan_net *tn)
 {
-	int kind;
-
-	for (kind = 0; kind < KINDS; kind++)
-		set_clear(&tn->sets[kind]);
+	set_clear(&tn->tuples);
+	set_clear(&tn->forwardings);
+	set_clear(&tn->flows);
+	memset(tn->devices, 0, sizeof(tn->devices));
+	tn->encap_action = NULL;
 }
 
 /* Moves the entries of @from, none of which is in @to yet. */
@@ -222,45 +203,41 @@ static void set_move_all(struct tavik_wlan_set *to, struct tavik_wlan_set *from)
 	}
 }
 
+/* Has the extack say why a request is refused. Its value is the error. */
+#define REFUSE(extack, attr, err, message)                                                         \
+	({                                                                                         \
+		NL_SET_ERR_MSG_ATTR(extack, attr, message);                                        \
+		(err);                                                                             \
+	})
+
 /* Policies: what the attributes of each command must look like. All of them are required. */
 
 static int validate_tuple(const struct nlattr *attr, struct netlink_ext_ack *extack)
 {
 	const DatapathTuple *tuple = nla_data(attr);
 
-	if (nla_len(attr) != sizeof(*tuple)) {
-		NL_SET_ERR_MSG_ATTR(extack, attr, "invalid attribute length");
-		return -EINVAL;
-	}
+	if (nla_len(attr) != sizeof(*tuple))
+		return REFUSE(extack, attr, -EINVAL, "invalid attribute length");
 	if (tuple->ip_proto != TAVIK_WLAN_IP_PROTO_IPV4 &&
-	    tuple->ip_proto != TAVIK_WLAN_IP_PROTO_IPV6) {
-		NL_SET_ERR_MSG_ATTR(extack, attr, "unknown IP version");
-		return -EINVAL;
-	}
+	    tuple->ip_proto != TAVIK_WLAN_IP_PROTO_IPV6)
+		return REFUSE(extack, attr, -EINVAL, "unknown IP version");
 	if (tuple->trans_proto != TAVIK_WLAN_TRANS_PROTO_TCP &&
 	    tuple->trans_proto != TAVIK_WLAN_TRANS_PROTO_UDP &&
-	    tuple->trans_proto != TAVIK_WLAN_TRANS_PROTO_ESP) {
-		NL_SET_ERR_MSG_ATTR(extack, attr, "unknown transport protocol");
-		return -EINVAL;
-	}
-	if (tuple->reserved[0] || tuple->reserved[1]) {
-		NL_SET_ERR_MSG_ATTR(extack, attr, "reserved bytes of a tuple are not 0");
-		return -EINVAL;
-	}
+	    tuple->trans_proto != TAVIK_WLAN_TRANS_PROTO_ESP)
+		return REFUSE(extack, attr, -EINVAL, "unknown transport protocol");
+	if (tuple->reserved[0] || tuple->reserved[1])
+		return REFUSE(extack, attr, -EINVAL, "reserved bytes of a tuple are not 0");
 	if (tuple->trans_proto != TAVIK_WLAN_TRANS_PROTO_ESP &&
-	    be32_to_cpu(tuple->key.spi) & 0xffff) {
-		NL_SET_ERR_MSG_ATTR(extack, attr, "bytes after the port of a tuple are not 0");
-		return -EINVAL;
-	}
+	    be32_to_cpu(tuple->key.spi) & 0xffff)
+		return REFUSE(extack, attr, -EINVAL, "bytes after the port of a tuple are not 0");
 	return 0;
 }
 
 static int validate_name(const struct nlattr *attr, struct netlink_ext_ack *extack)
 {
-	if (dev_valid_name(nla_data(attr)))
-		return 0;
-	NL_SET_ERR_MSG_ATTR(extack, attr, "invalid device name");
-	return -EINVAL;
+	return dev_valid_name(nla_data(attr))
+		       ? 0
+		       : REFUSE(extack, attr, -EINVAL, "invalid device name");
 }
 
 static bool parse_address(const struct nlattr *attr, struct tavik_wlan_address *address)
@@ -268,10 +245,10 @@ static bool parse_address(const struct nlattr *attr, struct tavik_wlan_address *
 	const char *text = nla_data(attr), *end;
 
 	memset(address, 0, sizeof(*address));
-	address->ip_version = 4;
+	address->ip_proto = TAVIK_WLAN_IP_PROTO_IPV4;
 	if (in4_pton(text, -1, address->bytes, '\0', &end) && !*end)
 		return true;
-	address->ip_version = 6;
+	address->ip_proto = TAVIK_WLAN_IP_PROTO_IPV6;
 	return in6_pton(text, -1, address->bytes, '\0', &end) && !*end;
 }
 
@@ -279,10 +256,7 @@ static int validate_address(const struct nlattr *attr, struct netlink_ext_ack *e
 {
 	struct tavik_wlan_address address;
 
-	if (parse_address(attr, &address))
-		return 0;
-	NL_SET_ERR_MSG_ATTR(extack, attr, "invalid address");
-	return -EINVAL;
+	return parse_address(attr, &address) ? 0 : REFUSE(extack, attr, -EINVAL, "invalid address");
 }
 
 #define NAME_POLICY NLA_POLICY_VALIDATE_FN(NLA_NUL_STRING, validate_name, TAVIK_WLAN_MAX_NAME)
@@ -330,29 +304,12 @@ static const struct nla_policy empty_policy[TAVIK_WLAN_ATTR_MAX + 1] = {};
 static struct tavik_wlan_tuple tuple_from_wire(const struct nlattr *attr)
 {
 	const DatapathTuple *wire = nla_data(attr);
-	struct tavik_wlan_tuple tuple = {
-		.ip_version = wire->ip_proto,
+
+	return (struct tavik_wlan_tuple){
+		.ip_proto = wire->ip_proto,
 		.trans_proto = wire->trans_proto,
 		.key = wire->key.spi,
 	};
-
-	if (tuple.trans_proto != TAVIK_WLAN_TRANS_PROTO_ESP)
-		tuple.key = cpu_to_be32(be16_to_cpu(wire->key.port));
-	return tuple;
-}
-
-static DatapathTuple tuple_to_wire(const struct tavik_wlan_tuple *tuple)
-{
-	DatapathTuple wire = {
-		.ip_proto = tuple->ip_version,
-		.trans_proto = tuple->trans_proto,
-	};
-
-	if (tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP)
-		wire.key.spi = tuple->key;
-	else
-		wire.key.port = cpu_to_be16(be32_to_cpu(tuple->key));
-	return wire;
 }
 
 /* What the policies cannot check: each element holds exactly one tuple attribute. */
@@ -364,17 +321,13 @@ static int check_elements(const struct nlattr *container, struct netlink_ext_ack
 	nla_for_each_nested(element, container, elements_left) {
 		tuple = NULL;
 		nla_for_each_nested(attr, element, attrs_left) {
-			if (tuple) {
-				NL_SET_ERR_MSG_ATTR(extack, attr,
-						    "more than one tuple in an element");
-				return -EINVAL;
-			}
+			if (tuple)
+				return REFUSE(extack, attr, -EINVAL,
+					      "more than one tuple in an element");
 			tuple = attr;
 		}
-		if (!tuple) {
-			NL_SET_ERR_MSG_ATTR(extack, element, "no tuple in an element");
-			return -EINVAL;
-		}
+		if (!tuple)
+			return REFUSE(extack, element, -EINVAL, "no tuple in an element");
 	}
 	return 0;
 }
@@ -394,7 +347,7 @@ static void tuples_changed(struct tavik_wlan_net *tn)
 static int add_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct nlattr *element, *container = info->attrs[TAVIK_WLAN_ATTR_TUPLES];
-	struct tavik_wlan_set *tuples = &tn->sets[TUPLES];
+	struct tavik_wlan_set *tuples = &tn->tuples;
 	struct tavik_wlan_set added = {
 		.key_size = tuples->key_size,
 		.limit = tuples->limit,
@@ -415,8 +368,7 @@ static int add_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 	}
 	err = 0;
 	if (tuples->count + added.count > tuples->limit) {
-		NL_SET_ERR_MSG_ATTR(info->extack, container, "too many tuples");
-		err = -ENOSPC;
+		err = REFUSE(info->extack, container, -ENOSPC, "too many tuples");
 	} else if (added.count) {
 		set_move_all(tuples, &added);
 		tuples_changed(tn);
@@ -437,71 +389,47 @@ static int delete_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 		return err;
 	nla_for_each_nested(element, container, left) {
 		tuple = tuple_from_wire(element_tuple(element));
-		if (!set_find(&tn->sets[TUPLES], &tuple)) {
-			NL_SET_ERR_MSG_ATTR(info->extack, element_tuple(element), "no such tuple");
-			return -ENOENT;
-		}
+		if (!set_find(&tn->tuples, &tuple))
+			return REFUSE(info->extack, element_tuple(element), -ENOENT,
+				      "no such tuple");
 	}
 	nla_for_each_nested(element, container, left) {
 		tuple = tuple_from_wire(element_tuple(element));
 		/* A tuple that the request lists twice is gone the second time. */
-		if (set_delete(&tn->sets[TUPLES], &tuple))
+		if (set_delete(&tn->tuples, &tuple))
 			tuples_changed(tn);
 	}
 	return 0;
 }
 
-static void copy_name(char *name, const struct nlattr *attr)
+/* The device of the request's selector; empty when none is set. */
+static char *device_of(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	/* The padding is part of the key. */
-	strscpy_pad(name, nla_data(attr), TAVIK_WLAN_MAX_NAME + 1);
-}
-
-static struct tavik_wlan_device device_of(struct genl_info *info)
-{
-	struct tavik_wlan_device device = {
-		.selector = nla_get_u8(info->attrs[TAVIK_WLAN_ATTR_SELECTOR]),
-	};
-
-	copy_name(device.name, info->attrs[TAVIK_WLAN_ATTR_DEV]);
-	return device;
-}
-
-/* The one device of a selector, or NULL. */
-static const struct tavik_wlan_device *find_device(struct tavik_wlan_net *tn, u8 selector)
-{
-	const struct tavik_wlan_device first = { .selector = selector };
-	const struct tavik_wlan_entry *entry = set_lower_bound(&tn->sets[DEVICES], &first);
-	const struct tavik_wlan_device *device = entry ? (const void *)entry->key : NULL;
-
-	return device && device->selector == selector ? device : NULL;
+	return tn->devices[nla_get_u8(info->attrs[TAVIK_WLAN_ATTR_SELECTOR])];
 }
 
 static int set_device(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_DEV];
-	const struct tavik_wlan_device device = device_of(info);
-	const struct tavik_wlan_device *held = find_device(tn, device.selector);
+	char *device = device_of(tn, info);
 
-	if (!held)
-		return set_add(&tn->sets[DEVICES], &device);
-	if (!strcmp(held->name, device.name)) {
-		NL_SET_ERR_MSG_ATTR(info->extack, attr, "the device is set already");
-		return -EEXIST;
-	}
-	NL_SET_ERR_MSG_ATTR(info->extack, attr, "another device is set");
-	return -EBUSY;
+	if (!strcmp(device, nla_data(attr)))
+		return REFUSE(info->extack, attr, -EEXIST, "the device is set already");
+	if (*device)
+		return REFUSE(info->extack, attr, -EBUSY, "another device is set");
+	strscpy(device, nla_data(attr), sizeof(tn->devices[0]));
+	return 0;
 }
 
 static int unset_device(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	const struct tavik_wlan_device device = device_of(info);
+	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_DEV];
+	char *device = device_of(tn, info);
 
-	if (set_delete(&tn->sets[DEVICES], &device))
-		return 0;
-	NL_SET_ERR_MSG_ATTR(info->extack, info->attrs[TAVIK_WLAN_ATTR_DEV],
-			    "the device is not set");
-	return -ENOENT;
+	if (strcmp(device, nla_data(attr)))
+		return REFUSE(info->extack, attr, -ENOENT, "the device is not set");
+	*device = '\0';
+	return 0;
 }
 
 static struct tavik_wlan_forwarding forwarding_of(struct genl_info *info)
@@ -510,8 +438,11 @@ static struct tavik_wlan_forwarding forwarding_of(struct genl_info *info)
 		.selector = nla_get_u8(info->attrs[TAVIK_WLAN_ATTR_SELECTOR]),
 	};
 
-	copy_name(forwarding.from, info->attrs[TAVIK_WLAN_ATTR_FWD_FROM]);
-	copy_name(forwarding.to, info->attrs[TAVIK_WLAN_ATTR_FWD_TO]);
+	/* The padding is part of the key. */
+	strscpy_pad(forwarding.from, nla_data(info->attrs[TAVIK_WLAN_ATTR_FWD_FROM]),
+		    sizeof(forwarding.from));
+	strscpy_pad(forwarding.to, nla_data(info->attrs[TAVIK_WLAN_ATTR_FWD_TO]),
+		    sizeof(forwarding.to));
 	return forwarding;
 }
 
@@ -519,7 +450,7 @@ static int add_forwarding(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct tavik_wlan_forwarding forwarding = forwarding_of(info);
 	const struct nlattr *to = info->attrs[TAVIK_WLAN_ATTR_FWD_TO];
-	int err = set_add(&tn->sets[FORWARDINGS], &forwarding);
+	int err = set_add(&tn->forwardings, &forwarding);
 
 	if (err == -EEXIST)
 		NL_SET_ERR_MSG_ATTR(info->extack, to, "the forwarding exists already");
@@ -532,58 +463,42 @@ static int delete_forwarding(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct tavik_wlan_forwarding forwarding = forwarding_of(info);
 
-	if (set_delete(&tn->sets[FORWARDINGS], &forwarding))
-		return 0;
-	NL_SET_ERR_MSG_ATTR(info->extack, info->attrs[TAVIK_WLAN_ATTR_FWD_TO],
-			    "no such forwarding");
-	return -ENOENT;
+	return set_delete(&tn->forwardings, &forwarding)
+		       ? 0
+		       : REFUSE(info->extack, info->attrs[TAVIK_WLAN_ATTR_FWD_TO], -ENOENT,
+				"no such forwarding");
 }
 
 static int set_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	const struct tavik_wlan_encap encap = {
-		.port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT]),
-	};
-	struct tavik_wlan_entry *held = set_first(&tn->sets[ENCAPS]);
-
-	if (!held)
-		return set_add(&tn->sets[ENCAPS], &encap);
-	memcpy(held->key, &encap, sizeof(encap)); /* the only one, so the order stays */
+	tn->encap_port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT]);
+	tn->encap_action = "";
 	return 0;
 }
 
-static int set_encap_action(struct tavik_wlan_net *tn, struct genl_info *info,
-			    enum tavik_wlan_encap_action action)
+static int set_encap_action(struct tavik_wlan_net *tn, struct genl_info *info, const char *action)
 {
 	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT];
-	struct tavik_wlan_entry *held = set_first(&tn->sets[ENCAPS]);
-	struct tavik_wlan_encap *encap = held ? (void *)held->key : NULL;
 
-	if (!encap || encap->port != nla_get_be16(attr)) {
-		NL_SET_ERR_MSG_ATTR(info->extack, attr, "the encapsulation port is not set");
-		return -ENOENT;
-	}
-	encap->action = action;
+	if (!tn->encap_action || tn->encap_port != nla_get_be16(attr))
+		return REFUSE(info->extack, attr, -ENOENT, "the encapsulation port is not set");
+	tn->encap_action = action;
 	return 0;
 }
 
 static int unset_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	int err = set_encap_action(tn, info, TAVIK_WLAN_ENCAP_NONE);
-
-	if (!err)
-		set_clear(&tn->sets[ENCAPS]);
-	return err;
+	return set_encap_action(tn, info, NULL);
 }
 
 static int pass_through_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	return set_encap_action(tn, info, TAVIK_WLAN_ENCAP_PASS_THROUGH);
+	return set_encap_action(tn, info, " pass-through");
 }
 
 static int drop_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	return set_encap_action(tn, info, TAVIK_WLAN_ENCAP_DROP);
+	return set_encap_action(tn, info, " drop");
 }
 
 static int add_flow(struct tavik_wlan_net *tn, struct genl_info *info)
@@ -597,11 +512,10 @@ static int add_flow(struct tavik_wlan_net *tn, struct genl_info *info)
 
 	parse_address(info->attrs[TAVIK_WLAN_ATTR_LL_SRC_ADDR], &flow.source);
 	parse_address(destination, &flow.destination);
-	if (flow.source.ip_version != flow.destination.ip_version) {
-		NL_SET_ERR_MSG_ATTR(info->extack, destination, "addresses of different families");
-		return -EINVAL;
-	}
-	err = set_add(&tn->sets[FLOWS], &flow);
+	if (flow.source.ip_proto != flow.destination.ip_proto)
+		return REFUSE(info->extack, destination, -EINVAL,
+			      "addresses of different families");
+	err = set_add(&tn->flows, &flow);
 	if (err == -EEXIST)
 		NL_SET_ERR_MSG_ATTR(info->extack, destination, "the flow exists already");
 	else if (err == -ENOSPC)
@@ -611,7 +525,7 @@ static int add_flow(struct tavik_wlan_net *tn, struct genl_info *info)
 
 static int flush_flows(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	set_clear(&tn->sets[FLOWS]);
+	set_clear(&tn->flows);
 	return 0;
 }
 
@@ -630,10 +544,14 @@ struct tavik_wlan_cursor {
 };
 static_assert(sizeof(struct tavik_wlan_cursor) <= sizeof_field(struct netlink_callback, ctx));
 
-static int put_element(struct sk_buff *skb, const struct tavik_wlan_tuple *tuple)
+static int put_tuple(struct sk_buff *skb, const struct tavik_wlan_tuple *tuple)
 {
 	struct nlattr *element = nla_nest_start(skb, TAVIK_WLAN_TUPLE_ELEMENT);
-	const DatapathTuple wire = tuple_to_wire(tuple);
+	const DatapathTuple wire = {
+		.key.spi = tuple->key,
+		.ip_proto = tuple->ip_proto,
+		.trans_proto = tuple->trans_proto,
+	};
 
 	if (!element)
 		return -EMSGSIZE;
@@ -645,26 +563,13 @@ static int put_element(struct sk_buff *skb, const struct tavik_wlan_tuple *tuple
 	return 0;
 }
 
-/* Puts as many tuples, from @entry on, as fit. Returns the first that does not fit, or NULL. */
-static const struct tavik_wlan_entry *put_elements(struct sk_buff *skb,
-						   const struct tavik_wlan_entry *entry)
-{
-	int count;
-
-	for (count = 0; entry && count < TAVIK_WLAN_TUPLES_PER_MESSAGE; count++) {
-		if (put_element(skb, (const void *)entry->key))
-			break;
-		entry = entry_of(rb_next(&entry->node));
-	}
-	return entry;
-}
-
-/* Puts one message with tuples from @first on. *@next is the first that did not fit, or NULL. */
+/* Puts one message with the tuples from *@entry on that fit, and moves *@entry behind them. */
 static int put_message(struct sk_buff *skb, struct netlink_callback *cb,
-		       const struct tavik_wlan_entry *first, const struct tavik_wlan_entry **next)
+		       struct tavik_wlan_entry **entry)
 {
 	struct nlattr *container;
 	void *header;
+	int count;
 
 	header = genlmsg_put(skb, NETLINK_CB(cb->skb).portid, cb->nlh->nlmsg_seq,
 			     &tavik_wlan_family, NLM_F_MULTI, TAVIK_WLAN_CMD_GET_TUPLES);
@@ -672,17 +577,18 @@ static int put_message(struct sk_buff *skb, struct netlink_callback *cb,
 		return -EMSGSIZE;
 	genl_dump_check_consistent(cb, header);
 	container = nla_nest_start(skb, TAVIK_WLAN_ATTR_TUPLES);
-	if (!container)
-		goto cancel;
-	*next = put_elements(skb, first);
-	if (*next == first)
-		goto cancel;
+	for (count = 0; *entry && count < TAVIK_WLAN_TUPLES_PER_MESSAGE; count++) {
+		if (!container || put_tuple(skb, (const void *)(*entry)->key))
+			break;
+		*entry = entry_of(rb_next(&(*entry)->node));
+	}
+	if (!count) {
+		genlmsg_cancel(skb, header);
+		return -EMSGSIZE;
+	}
 	nla_nest_end(skb, container);
 	genlmsg_end(skb, header);
 	return 0;
-cancel:
-	genlmsg_cancel(skb, header);
-	return -EMSGSIZE;
 }
 
 /*
@@ -693,16 +599,16 @@ static int dump_tuples(struct sk_buff *skb, struct netlink_callback *cb)
 {
 	struct tavik_wlan_net *tn = tavik_wlan_net(sock_net(cb->skb->sk));
 	struct tavik_wlan_cursor *cursor = (void *)cb->ctx;
-	const struct tavik_wlan_entry *first, *next = NULL;
+	struct tavik_wlan_entry *entry;
 	int err = 0;
 
 	mutex_lock(&tn->lock);
 	cb->seq = tn->tuples_generation;
-	first = set_lower_bound(&tn->sets[TUPLES], &cursor->next);
-	if (first)
-		err = put_message(skb, cb, first, &next);
-	if (next) {
-		memcpy(&cursor->next, next->key, sizeof(cursor->next));
+	entry = set_lower_bound(&tn->tuples, &cursor->next);
+	if (entry)
+		err = put_message(skb, cb, &entry);
+	if (!err && entry) {
+		memcpy(&cursor->next, entry->key, sizeof(cursor->next));
 		err = skb->len;
 	}
 	mutex_unlock(&tn->lock);
@@ -801,21 +707,15 @@ static struct genl_family tavik_wlan_family __ro_after_init = {
 static void show_tuple(struct seq_file *seq, const void *key)
 {
 	const struct tavik_wlan_tuple *tuple = key;
+	const u32 spi = be32_to_cpu(tuple->key);
 
-	seq_printf(seq, "tuple ipv%u ", tuple->ip_version);
+	seq_printf(seq, "tuple ipv%u ", tuple->ip_proto);
 	if (tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP)
-		seq_printf(seq, "esp 0x%08x\n", be32_to_cpu(tuple->key));
+		seq_printf(seq, "esp 0x%08x\n", spi);
 	else
 		seq_printf(seq, "%s %u\n",
 			   tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP ? "tcp" : "udp",
-			   be32_to_cpu(tuple->key));
-}
-
-static void show_device(struct seq_file *seq, const void *key)
-{
-	const struct tavik_wlan_device *device = key;
-
-	seq_printf(seq, "device %u %s\n", device->selector, device->name);
+			   spi >> 16);
 }
 
 static void show_forwarding(struct seq_file *seq, const void *key)
@@ -826,21 +726,9 @@ static void show_forwarding(struct seq_file *seq, const void *key)
 		   forwarding->to);
 }
 
-static void show_encap(struct seq_file *seq, const void *key)
-{
-	static const char *const actions[] = {
-		[TAVIK_WLAN_ENCAP_NONE] = "",
-		[TAVIK_WLAN_ENCAP_PASS_THROUGH] = " pass-through",
-		[TAVIK_WLAN_ENCAP_DROP] = " drop",
-	};
-	const struct tavik_wlan_encap *encap = key;
-
-	seq_printf(seq, "encap %u%s\n", be16_to_cpu(encap->port), actions[encap->action]);
-}
-
 static void show_address(struct seq_file *seq, const struct tavik_wlan_address *address, u16 port)
 {
-	if (address->ip_version == 4)
+	if (address->ip_proto == TAVIK_WLAN_IP_PROTO_IPV4)
 		seq_printf(seq, " %pI4 %u", address->bytes, port);
 	else
 		seq_printf(seq, " %pI6c %u", address->bytes, port);
@@ -856,101 +744,52 @@ static void show_flow(struct seq_file *seq, const void *key)
 	seq_putc(seq, '\n');
 }
 
-static const struct {
-	size_t key_size;
-	u32 limit;
-	void (*show)(struct seq_file *seq, const void *key);
-} kinds[KINDS] = {
-	[TUPLES] = { sizeof(struct tavik_wlan_tuple), TAVIK_WLAN_MAX_TUPLES, show_tuple },
-	[DEVICES] = { sizeof(struct tavik_wlan_device), U8_MAX + 1, show_device },
-	[FORWARDINGS] = { sizeof(struct tavik_wlan_forwarding), TAVIK_WLAN_MAX_FORWARDINGS,
-			  show_forwarding },
-	[ENCAPS] = { sizeof(struct tavik_wlan_encap), 1, show_encap },
-	[FLOWS] = { sizeof(struct tavik_wlan_flow), TAVIK_WLAN_MAX_FLOWS, show_flow },
-};
-
-/*
- * A reader of the text. It holds the lock only while it fills one buffer. An entry that stays is
- * read once, one that is added or removed meanwhile may be read or not.
- */
-struct tavik_wlan_reader {
-	struct seq_net_private net;		/* seq_file_net() expects it first */
-	unsigned int kind;			/* of the next entry */
-	u8 key[sizeof(struct tavik_wlan_flow)]; /* of the next entry, which may be gone by then */
-};
-static_assert(sizeof(struct tavik_wlan_flow) >= sizeof(struct tavik_wlan_forwarding));
-
-/* Moves the reader to @entry, or without one to the first entry of the kinds that follow. */
-static void *reader_move(struct seq_file *seq, struct tavik_wlan_entry *entry)
+static void show_set(struct seq_file *seq, const struct tavik_wlan_set *set,
+		     void (*show)(struct seq_file *seq, const void *key))
 {
-	const struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_net(seq));
-	struct tavik_wlan_reader *reader = seq->private;
+	struct rb_node *node;
 
-	while (!entry && reader->kind < KINDS - 1)
-		entry = set_first(&tn->sets[++reader->kind]);
-	if (entry)
-		memcpy(reader->key, entry->key, kinds[reader->kind].key_size);
-	else
-		reader->kind = KINDS;
-	return entry;
+	/* What does not fit is asked for again, with a larger buffer. */
+	for (node = rb_first(&set->root); node && !seq_has_overflowed(seq); node = rb_next(node)) {
+		show(seq, entry_of(node)->key);
+		cond_resched(); /* a full set takes long */
+	}
 }
 
-static void *reader_start(struct seq_file *seq, loff_t *position)
+static int show_state(struct seq_file *seq, void *unused)
 {
-	struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_net(seq));
-	struct tavik_wlan_reader *reader = seq->private;
+	struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_single_net(seq));
+	int selector;
 
 	mutex_lock(&tn->lock);
-	if (*position == 0) {
-		reader->kind = 0;
-		memset(reader->key, 0, sizeof(reader->key));
+	show_set(seq, &tn->tuples, show_tuple);
+	for (selector = 0; selector <= U8_MAX; selector++) {
+		if (*tn->devices[selector])
+			seq_printf(seq, "device %u %s\n", selector, tn->devices[selector]);
 	}
-	if (reader->kind == KINDS)
-		return NULL;
-	return reader_move(seq, set_lower_bound(&tn->sets[reader->kind], reader->key));
-}
-
-static void *reader_next(struct seq_file *seq, void *entry, loff_t *position)
-{
-	++*position;
-	return reader_move(seq, entry_of(rb_next(&((struct tavik_wlan_entry *)entry)->node)));
-}
-
-static void reader_stop(struct seq_file *seq, void *entry)
-{
-	mutex_unlock(&tavik_wlan_net(seq_file_net(seq))->lock);
-}
-
-static int reader_show(struct seq_file *seq, void *entry)
-{
-	const struct tavik_wlan_reader *reader = seq->private;
-
-	kinds[reader->kind].show(seq, ((struct tavik_wlan_entry *)entry)->key);
+	show_set(seq, &tn->forwardings, show_forwarding);
+	if (tn->encap_action)
+		seq_printf(seq, "encap %u%s\n", be16_to_cpu(tn->encap_port), tn->encap_action);
+	show_set(seq, &tn->flows, show_flow);
+	mutex_unlock(&tn->lock);
 	return 0;
 }
-
-static const struct seq_operations reader_operations = {
-	.start = reader_start,
-	.next = reader_next,
-	.stop = reader_stop,
-	.show = reader_show,
-};
 
 /* Network namespaces and the module */
 
 static int __net_init tavik_wlan_net_init(struct net *net)
 {
 	struct tavik_wlan_net *tn = tavik_wlan_net(net);
-	int kind;
 
 	mutex_init(&tn->lock);
 	tn->tuples_generation = 1;
-	for (kind = 0; kind < KINDS; kind++) {
-		tn->sets[kind].key_size = kinds[kind].key_size;
-		tn->sets[kind].limit = kinds[kind].limit;
-	}
-	if (!proc_create_net("tavik_wlan", 0444, net->proc_net, &reader_operations,
-			     sizeof(struct tavik_wlan_reader)))
+	tn->tuples.key_size = sizeof(struct tavik_wlan_tuple);
+	tn->tuples.limit = TAVIK_WLAN_MAX_TUPLES;
+	tn->forwardings.key_size = sizeof(struct tavik_wlan_forwarding);
+	tn->forwardings.limit = TAVIK_WLAN_MAX_FORWARDINGS;
+	tn->flows.key_size = sizeof(struct tavik_wlan_flow);
+	tn->flows.limit = TAVIK_WLAN_MAX_FLOWS;
+	if (!proc_create_net_single("tavik_wlan", 0444, net->proc_net, show_state, NULL))
 		return -ENOMEM;
 	return 0;
 }
