@@ -13,11 +13,6 @@
 namespace datapathctl {
 namespace {
 
-std::string error_name(int error) {
-  const char* name = strerrorname_np(error);
-  return name != nullptr ? name : std::to_string(error);
-}
-
 /// Says what the kernel refused, and which attribute it complained of.
 void explain_refusal(const CorvilNetlinkError& error, std::span<const uint8_t> request,
                      Failure* failure) {
@@ -55,6 +50,11 @@ void explain_refusal(const CorvilNetlinkError& error, std::span<const uint8_t> r
 }
 
 }  // namespace
+
+std::string error_name(int error) {
+  const char* name = strerrorname_np(error);
+  return name != nullptr ? name : std::to_string(error);
+}
 
 std::string emulator_hint(int error, const std::string& path) {
   return error == ENOENT || error == ECONNREFUSED

@@ -23,6 +23,9 @@ struct Failure {
 Failure explain(const CorvilNetlinkError& error, std::span<const uint8_t> request,
                 const std::string& emulator);
 
+/// "EPERM" and so on, or the number of an errno without a name.
+std::string error_name(int error);
+
 /// Why a socket of an emulator can't be connected to, by the errno; empty where that tells nothing.
 std::string emulator_hint(int error, const std::string& path);
 

@@ -26,8 +26,8 @@ std::span<const Operation> operations();
 /// empty lines and those of '#' are skipped.
 Result run_batch(Session& session, const std::string& path);
 
-/// Serves an emulated kernel at a path until SIGINT or SIGTERM, and prints each request that it
-/// accepts. Throws std::system_error when it can't listen there.
+/// Serves an emulated kernel at a path until SIGINT or SIGTERM, and prints each request and what
+/// became of it. Throws std::system_error when it can't listen there.
 Result serve_emulator(const std::string& path, const Faults& faults);
 
 /// Runs a parsed command. What its parts throw becomes a failure.

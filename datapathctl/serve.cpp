@@ -1,5 +1,6 @@
 // An emulated kernel for other processes.
 
+#include <linux/genetlink.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -8,18 +9,27 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
+#include <ctime>
+#include <iomanip>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
 
+#include "datapathctl/failure.h"
+#include "datapathctl/message_decoder.h"
 #include "datapathctl/operations.h"
 #include "reference_kernel/emulator/emulator.h"
 
 namespace datapathctl {
 namespace {
+
+using tavik_wlan::Bytes;
+using tavik_wlan::Peer;
+using tavik_wlan::Status;
 
 constexpr size_t kMaxWaiting = size_t{1} << 20;
 constexpr std::chrono::seconds kPatience{1};
@@ -92,6 +102,48 @@ class LinePrinter {
   bool has_failed_ = false;
 };
 
+std::string time_of_day() {
+  const auto now = std::chrono::system_clock::now();
+  const time_t seconds = std::chrono::system_clock::to_time_t(now);
+  tm local{};
+  localtime_r(&seconds, &local);
+  const auto since = now - std::chrono::system_clock::from_time_t(seconds);
+  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(since).count();
+  std::ostringstream text;
+  text << std::put_time(&local, "%T.") << std::setw(6) << std::setfill('0') << micros;
+  return text.str();
+}
+
+/// The family's id where the request got as far as the family.
+uint16_t family_id(const nlmsghdr& header, const Status& status) {
+  const bool is_unknown = status.error == -ENOENT && status.message == nullptr;
+  return header.nlmsg_type == GENL_ID_CTRL || is_unknown ? 0 : header.nlmsg_type;
+}
+
+/// What the emulator says of a request, such as
+///
+///     12:00:00.123456 client 1 (pid 4711) accepted TAVIK_WLAN SET_DEV SELECTOR 1 DEV "wlan0"
+///
+/// and where it refuses one, why.
+std::string describe(const Peer& peer, Bytes message, const Status& status) {
+  const uint16_t family = family_id(tavik_wlan::load<nlmsghdr>(message), status);
+  const nlohmann::ordered_json decoded = MessageDecoder(family).decode(message)[0];
+  std::string line = time_of_day() + " client " + std::to_string(peer.port_id) + " (pid " +
+                     std::to_string(peer.pid) + (status.ok() ? ") accepted " : ") refused ") +
+                     decoded["message"].get<std::string>();
+  if (decoded.contains("attributes")) {
+    for (const auto& [name, value] : decoded["attributes"].items()) {
+      line.append(" ").append(name).append(" ").append(value_text(value));
+    }
+  }
+  if (!status.ok()) {
+    line.append(": ").append(error_name(-status.error));
+    line.append(status.message != nullptr ? ": " : "")
+        .append(status.message != nullptr ? status.message : "");
+  }
+  return line;
+}
+
 }  // namespace
 
 Result serve_emulator(const std::string& path, const Faults& faults) {
@@ -105,8 +157,13 @@ Result serve_emulator(const std::string& path, const Faults& faults) {
   const auto printer = std::make_shared<LinePrinter>();
   std::thread([printer] { printer->write_lines(); }).detach();
   {
-    tavik_wlan::Emulator emulator(path,
-                                  [&](std::string_view line) { printer->print(printable(line)); });
+    const auto observer = [&](const Peer& peer, Bytes message, const Status& status) {
+      // Each request is preceded by a look-up of the family.
+      if (!status.ok() || tavik_wlan::load<nlmsghdr>(message).nlmsg_type != GENL_ID_CTRL) {
+        printer->print(printable(describe(peer, message, status)));
+      }
+    };
+    tavik_wlan::Emulator emulator(path, observer);
     emulator.inject(faults);
     printer->print("serving TAVIK_WLAN at " + printable(path));
     int signal = 0;

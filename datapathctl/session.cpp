@@ -15,7 +15,7 @@
 #include <system_error>
 
 #include "reference_host/log/corvil_log_control.h"
-#include "reference_kernel/emulator/unix_socket.h"
+#include "reference_kernel/emulator/control.h"
 
 namespace datapathctl {
 namespace {
@@ -44,14 +44,13 @@ std::optional<Failure> read_kernel_state(std::string* state) {
 
 std::optional<Failure> read_emulator_state(const std::string& emulator, std::string* state) {
   const std::chrono::milliseconds patience{corvil_netlink_timeout()};
-  const std::string path = emulator + ".state";
   try {
-    *state = tavik_wlan::read_stream(path, patience);
+    *state = tavik_wlan::ControlClient(emulator, patience).state();
     return {};
   } catch (const std::system_error& error) {
     const int number = error.code().value();
     return Failure{
-        "cannot read the emulator's state at " + path + ": " +
+        "cannot read the emulator's state at " + emulator + ": " +
             (number == ETIMEDOUT ? "no answer within " + std::to_string(patience.count()) + " ms"
                                  : error.code().message()),
         emulator_hint(number, emulator)};

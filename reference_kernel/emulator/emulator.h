@@ -2,9 +2,7 @@
 #ifndef REFERENCE_KERNEL_EMULATOR_EMULATOR_H_
 #define REFERENCE_KERNEL_EMULATOR_EMULATOR_H_
 
-#include <functional>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -15,32 +13,24 @@ namespace tavik_wlan {
 
 /// Answers generic netlink over AF_UNIX sockets of type SOCK_SEQPACKET, one packet for what is one
 /// datagram of AF_NETLINK, to many clients. It holds one state for all of them. Requests of up to
-/// 128 KiB are taken; a longer one ends its connection. Of more than 1024 clients, or of more than
-/// the descriptors suffice for, those who have been quiet for longest are hung up on; so are those
-/// who have not read for longest when more than 64 MiB of answers wait to be read.
+/// 128 KiB are taken; a longer one ends its connection. Of more clients than the descriptors
+/// suffice for, those who have been quiet for longest are hung up on; so are those who have not
+/// read for longest when more than 64 MiB of answers wait to be read.
 ///
-/// Next to it, at its path with ".state" added, a SOCK_STREAM socket gives whoever connects the
-/// state as text and closes, as a file under /proc would. Both are for the emulator's user alone.
-/// While it serves, its path with ".lock" added is a file that keeps another from serving there. A
-/// path such as "@name" is the abstract address of that name: it takes no file, and clients of
-/// other users than its own and root are hung up on.
+/// Only the emulator's user, and root, may connect. A path such as "@name" is the abstract address
+/// of that name: it takes no file. A ControlClient connects to the same path.
 class Emulator {
  public:
-  /// Gets one line for each accepted command, such as "ADD_TUPLES ipv4 tcp 443, ipv6 udp 4500" or
-  /// "SET_DEV 1 wlan0", on the serving thread. It must not throw, nor destroy the emulator.
-  using Observer = std::function<void(std::string_view line)>;
-
-  /// Serves at `path`, of at most 101 bytes, on a thread of its own. Sockets that a dead emulator
-  /// left there are replaced. Throws std::system_error, with EADDRINUSE when a live one or any
-  /// other file is there.
-  explicit Emulator(std::string path, Observer observer = {})
+  /// Serves at `path`, of at most 107 bytes, on a thread of its own, on which the observer sees the
+  /// requests. A socket that a dead emulator left there is replaced. Throws std::system_error, with
+  /// EADDRINUSE when a live one or any other file is there.
+  explicit Emulator(std::string path, Server::Observer observer = {})
       : path_(std::move(path)),
-        kernel_(std::move(observer)),
-        server_(path_, kernel_),
+        server_(path_, kernel_, std::move(observer)),
         thread_([this] { server_.run(); }) {}
   Emulator(const Emulator&) = delete;
   Emulator& operator=(const Emulator&) = delete;
-  /// Hangs up on its clients, unsent answers or not, and removes its files.
+  /// Hangs up on its clients, unsent answers or not, and removes its file.
   ~Emulator() {
     server_.stop();
     thread_.join();

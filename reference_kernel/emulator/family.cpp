@@ -9,7 +9,11 @@
 #include <cstddef>
 #include <iterator>
 #include <optional>
+#include <set>
+#include <string>
 #include <vector>
+
+#include "reference_kernel/tavik_wlan_limits.h"
 
 namespace tavik_wlan {
 namespace {
@@ -18,16 +22,23 @@ namespace {
 constexpr size_t kMaxDumpDatagram = 32768;
 constexpr size_t kTupleElement = NLA_HDRLEN + NLA_HDRLEN + sizeof(DatapathTuple);
 
-// What commands are about, read from their validated attributes.
+// What commands are about, in their validated attributes.
 
 uint8_t selector_in(const Attributes& attributes) {
   return attributes[TAVIK_WLAN_ATTR_SELECTOR]->payload[0];
 }
 
-uint16_t port_in(const Attribute& attribute) { return ntohs(load<uint16_t>(attribute.payload)); }
+std::string name_in(const Attributes& attributes, uint16_t type) {
+  return string_in(*attributes.at(type));
+}
 
-/// What the policies cannot say is checked here: each element holds one tuple.
-Status read(const Attributes& attributes, Tuples& tuples) {
+uint16_t port_in(const Attributes& attributes, uint16_t type) {
+  return ntohs(load<uint16_t>(attributes.at(type)->payload));
+}
+
+/// The tuple attributes of the request. What the policies cannot say is checked here: each element
+/// holds one.
+Status read_tuples(const Attributes& attributes, std::vector<Attribute>& tuples) {
   AttributeReader elements(*attributes[TAVIK_WLAN_ATTR_TUPLES]);
   while (const std::optional<Attribute> element = elements.next()) {
     AttributeReader inside(*element);
@@ -38,101 +49,164 @@ Status read(const Attributes& attributes, Tuples& tuples) {
     if (const std::optional<Attribute> second = inside.next()) {
       return {-EINVAL, "more than one tuple in an element", second->offset};
     }
-    tuples.push_back(load<DatapathTuple>(tuple->payload));
+    tuples.push_back(*tuple);
   }
   return {};
 }
 
-Status read(const Attributes& attributes, Device& device) {
-  device = {selector_in(attributes), string_in(*attributes[TAVIK_WLAN_ATTR_DEV])};
-  return {};
-}
+// What each command does. A command that fails changes nothing.
 
-Status read(const Attributes& attributes, Forwarding& forwarding) {
-  forwarding = {selector_in(attributes), string_in(*attributes[TAVIK_WLAN_ATTR_FWD_FROM]),
-                string_in(*attributes[TAVIK_WLAN_ATTR_FWD_TO])};
-  return {};
-}
-
-Status read(const Attributes& attributes, Encapsulation& encapsulation) {
-  encapsulation.port = port_in(*attributes[TAVIK_WLAN_ATTR_ENCAP_PORT]);
-  return {};
-}
-
-Status read(const Attributes& attributes, Flow& flow) {
-  const Attribute& destination = *attributes[TAVIK_WLAN_ATTR_LL_DST_ADDR];
-  flow = {*parse_address(string_in(*attributes[TAVIK_WLAN_ATTR_LL_SRC_ADDR])),
-          *parse_address(string_in(destination)), port_in(*attributes[TAVIK_WLAN_ATTR_LL_SRC_PORT]),
-          port_in(*attributes[TAVIK_WLAN_ATTR_LL_DST_PORT])};
-  return flow.source.ip_proto == flow.destination.ip_proto
-             ? Status{}
-             : Status{-EINVAL, "addresses of different families", destination.offset};
-}
-
-/// Appends the arguments to `description` unless that is null.
-using Apply = Status (*)(State& state, const Attributes& attributes, std::string* description);
-
-template <typename Argument, Status (State::*kChange)(const Argument&)>
-Status apply(State& state, const Attributes& attributes, std::string* description) {
-  Argument argument;
-  if (Status status = read(attributes, argument); !status.ok()) {
+Status add_tuples(State& state, const Attributes& attributes) {
+  std::vector<Attribute> tuples;
+  if (Status status = read_tuples(attributes, tuples); !status.ok()) {
     return status;
   }
-  if (description != nullptr) {
-    *description += ' ' + to_text(argument);
+  TupleSet added;
+  for (const Attribute& tuple : tuples) {
+    added.insert(load<DatapathTuple>(tuple.payload));
   }
-  return (state.*kChange)(argument);
+  std::erase_if(added, [&](const DatapathTuple& tuple) { return state.tuples.contains(tuple); });
+  if (state.tuples.size() + added.size() > TAVIK_WLAN_MAX_TUPLES) {
+    return {-ENOSPC, "too many tuples"};
+  }
+  state.tuples.merge(added);
+  return {};
 }
 
-/// The bad attribute is the first tuple that is not held.
-Status delete_tuples(State& state, const Attributes& attributes, std::string* description) {
-  Status status = apply<Tuples, &State::delete_tuples>(state, attributes, description);
-  if (status.error == -ENOENT) {
-    AttributeReader elements(*attributes[TAVIK_WLAN_ATTR_TUPLES]);
-    std::optional<Attribute> tuple;
-    do {
-      tuple = AttributeReader(*elements.next()).next();
-    } while (state.tuples().contains(load<DatapathTuple>(tuple->payload)));
-    status.offset = tuple->offset;
+Status delete_tuples(State& state, const Attributes& attributes) {
+  std::vector<Attribute> tuples;
+  if (Status status = read_tuples(attributes, tuples); !status.ok()) {
+    return status;
+  }
+  for (const Attribute& tuple : tuples) {
+    if (!state.tuples.contains(load<DatapathTuple>(tuple.payload))) {
+      return {-ENOENT, "no such tuple", tuple.offset};
+    }
+  }
+  for (const Attribute& tuple : tuples) {
+    state.tuples.erase(load<DatapathTuple>(tuple.payload));
+  }
+  return {};
+}
+
+Status set_device(State& state, const Attributes& attributes) {
+  const std::string device = name_in(attributes, TAVIK_WLAN_ATTR_DEV);
+  const auto [held, is_new] = state.devices.try_emplace(selector_in(attributes), device);
+  if (is_new) {
+    return {};
+  }
+  return held->second == device ? Status{-EEXIST, "the device is set already"}
+                                : Status{-EBUSY, "another device is set"};
+}
+
+Status unset_device(State& state, const Attributes& attributes) {
+  const auto held = state.devices.find(selector_in(attributes));
+  if (held == state.devices.end() || held->second != name_in(attributes, TAVIK_WLAN_ATTR_DEV)) {
+    return {-ENOENT, "the device is not set"};
+  }
+  state.devices.erase(held);
+  return {};
+}
+
+template <typename Entry>
+Status add(std::set<Entry>& held, const Entry& entry, size_t limit, const char* is_there,
+           const char* is_full) {
+  if (held.contains(entry)) {
+    return {-EEXIST, is_there};
+  }
+  if (held.size() == limit) {
+    return {-ENOSPC, is_full};
+  }
+  held.insert(entry);
+  return {};
+}
+
+Forwarding forwarding_in(const Attributes& attributes) {
+  return {selector_in(attributes), name_in(attributes, TAVIK_WLAN_ATTR_FWD_FROM),
+          name_in(attributes, TAVIK_WLAN_ATTR_FWD_TO)};
+}
+
+Status add_forwarding(State& state, const Attributes& attributes) {
+  return add(state.forwardings, forwarding_in(attributes), TAVIK_WLAN_MAX_FORWARDINGS,
+             "the forwarding exists already", "too many forwardings");
+}
+
+Status delete_forwarding(State& state, const Attributes& attributes) {
+  const bool was_held = state.forwardings.erase(forwarding_in(attributes)) == 1;
+  return was_held ? Status{} : Status{-ENOENT, "no such forwarding"};
+}
+
+Status set_encapsulation(State& state, const Attributes& attributes) {
+  state.encapsulation = {port_in(attributes, TAVIK_WLAN_ATTR_ENCAP_PORT), ""};
+  return {};
+}
+
+Status set_encapsulation_action(State& state, const Attributes& attributes, const char* action) {
+  const uint16_t port = port_in(attributes, TAVIK_WLAN_ATTR_ENCAP_PORT);
+  if (!state.encapsulation || state.encapsulation->port != port) {
+    return {-ENOENT, "the encapsulation port is not set"};
+  }
+  state.encapsulation->action = action;
+  return {};
+}
+
+Status pass_encapsulation_through(State& state, const Attributes& attributes) {
+  return set_encapsulation_action(state, attributes, " pass-through");
+}
+
+Status drop_encapsulation(State& state, const Attributes& attributes) {
+  return set_encapsulation_action(state, attributes, " drop");
+}
+
+Status unset_encapsulation(State& state, const Attributes& attributes) {
+  Status status = set_encapsulation_action(state, attributes, "");
+  if (status.ok()) {
+    state.encapsulation.reset();
   }
   return status;
 }
 
-Status reset(State& state, const Attributes& /*attributes*/, std::string* /*description*/) {
-  state = {};
+Status add_flow(State& state, const Attributes& attributes) {
+  const Flow flow{*parse_address(name_in(attributes, TAVIK_WLAN_ATTR_LL_SRC_ADDR)),
+                  *parse_address(name_in(attributes, TAVIK_WLAN_ATTR_LL_DST_ADDR)),
+                  port_in(attributes, TAVIK_WLAN_ATTR_LL_SRC_PORT),
+                  port_in(attributes, TAVIK_WLAN_ATTR_LL_DST_PORT)};
+  if (flow.source.ip_proto != flow.destination.ip_proto) {
+    return {-EINVAL, "addresses of different families"};
+  }
+  return add(state.flows, flow, TAVIK_WLAN_MAX_FLOWS, "the flow exists already", "too many flows");
+}
+
+Status flush_flows(State& state, const Attributes& /*attributes*/) {
+  state.flows.clear();
   return {};
 }
 
-Status flush_flows(State& state, const Attributes& /*attributes*/, std::string* /*description*/) {
-  state.flush_flows();
+Status reset(State& state, const Attributes& /*attributes*/) {
+  state = {};
   return {};
 }
 
 struct Operation {
   uint8_t command;
   uint16_t bad_attribute;  // that an extack points at, unless the status does
-  Apply apply;
+  Status (*apply)(State& state, const Attributes& attributes);
 };
 
 constexpr Operation kOperations[] = {
-    {TAVIK_WLAN_CMD_ADD_TUPLES, TAVIK_WLAN_ATTR_TUPLES, apply<Tuples, &State::add_tuples>},
+    {TAVIK_WLAN_CMD_ADD_TUPLES, TAVIK_WLAN_ATTR_TUPLES, add_tuples},
     {TAVIK_WLAN_CMD_DEL_TUPLES, TAVIK_WLAN_ATTR_TUPLES, delete_tuples},
-    {TAVIK_WLAN_CMD_SET_DEV, TAVIK_WLAN_ATTR_DEV, apply<Device, &State::set_device>},
-    {TAVIK_WLAN_CMD_UNSET_DEV, TAVIK_WLAN_ATTR_DEV, apply<Device, &State::unset_device>},
-    {TAVIK_WLAN_CMD_ADD_FWD_INFO, TAVIK_WLAN_ATTR_FWD_TO,
-     apply<Forwarding, &State::add_forwarding>},
-    {TAVIK_WLAN_CMD_DEL_FWD_INFO, TAVIK_WLAN_ATTR_FWD_TO,
-     apply<Forwarding, &State::delete_forwarding>},
-    {TAVIK_WLAN_CMD_SET_ENCAP_PORT, TAVIK_WLAN_ATTR_ENCAP_PORT,
-     apply<Encapsulation, &State::set_encapsulation>},
-    {TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, TAVIK_WLAN_ATTR_ENCAP_PORT,
-     apply<Encapsulation, &State::unset_encapsulation>},
+    {TAVIK_WLAN_CMD_SET_DEV, TAVIK_WLAN_ATTR_DEV, set_device},
+    {TAVIK_WLAN_CMD_UNSET_DEV, TAVIK_WLAN_ATTR_DEV, unset_device},
+    {TAVIK_WLAN_CMD_ADD_FWD_INFO, TAVIK_WLAN_ATTR_FWD_TO, add_forwarding},
+    {TAVIK_WLAN_CMD_DEL_FWD_INFO, TAVIK_WLAN_ATTR_FWD_TO, delete_forwarding},
+    {TAVIK_WLAN_CMD_SET_ENCAP_PORT, TAVIK_WLAN_ATTR_ENCAP_PORT, set_encapsulation},
+    {TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, TAVIK_WLAN_ATTR_ENCAP_PORT, unset_encapsulation},
     {TAVIK_WLAN_CMD_RESET, 0, reset},
     {TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH, TAVIK_WLAN_ATTR_ENCAP_PORT,
-     apply<Encapsulation, &State::pass_encapsulation_through>},
-    {TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, TAVIK_WLAN_ATTR_ENCAP_PORT,
-     apply<Encapsulation, &State::drop_encapsulation>},
-    {TAVIK_WLAN_CMD_LL_ADDR_ADD, TAVIK_WLAN_ATTR_LL_DST_ADDR, apply<Flow, &State::add_flow>},
+     pass_encapsulation_through},
+    {TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, TAVIK_WLAN_ATTR_ENCAP_PORT, drop_encapsulation},
+    {TAVIK_WLAN_CMD_LL_ADDR_ADD, TAVIK_WLAN_ATTR_LL_DST_ADDR, add_flow},
     {TAVIK_WLAN_CMD_LL_ADDR_FLUSH, 0, flush_flows},
 };
 static_assert(std::size(kOperations) + 1 == std::size(kCommands), "all but the dump are here");
@@ -193,7 +267,7 @@ FamilyDescription describe_family(uint16_t id) {
           .commands = kCommands};
 }
 
-Outcome handle_family_request(Bytes message, State& state, std::string* description) {
+Outcome handle_family_request(Bytes message, State& state) {
   const CommandInfo* command = nullptr;
   Attributes attributes;
   if (Status status = validate_headers(message, command); !status.ok()) {
@@ -202,14 +276,11 @@ Outcome handle_family_request(Bytes message, State& state, std::string* descript
   if (Status status = parse_attributes(message, *command, attributes); !status.ok()) {
     return {.status = status};
   }
-  if (description != nullptr) {
-    *description = command->name;
-  }
   if (command->command == TAVIK_WLAN_CMD_GET_TUPLES) {
-    return {.replies = dump_tuples(load<nlmsghdr>(message), state.tuples())};
+    return {.replies = dump_tuples(load<nlmsghdr>(message), state.tuples)};
   }
   const auto operation = std::ranges::find(kOperations, command->command, &Operation::command);
-  Outcome outcome{.status = operation->apply(state, attributes, description)};
+  Outcome outcome{.status = operation->apply(state, attributes)};
   if (!outcome.status.ok() && !outcome.status.offset) {
     outcome.status.offset = attributes.at(operation->bad_attribute)->offset;
   }

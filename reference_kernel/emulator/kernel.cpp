@@ -23,24 +23,15 @@ Datagram stale_error(nlmsghdr request) {
 
 }  // namespace
 
-Kernel::Kernel(std::function<void(std::string_view)> observer) : observer_(std::move(observer)) {}
-
-Answer Kernel::receive(Bytes datagram) {
-  Exchange exchange;
-  Answer answer;
-  {
-    const std::lock_guard lock(mutex_);
-    while (const std::optional<Bytes> message = take_message(datagram)) {
-      receive_message(*message, exchange);
-    }
-    injector_.spoil(exchange.datagrams);
-    answer.datagrams = std::move(exchange.datagrams);
-    answer.delay = std::chrono::milliseconds(injector_.faults().delay_ms);
+Answer Kernel::receive(Bytes datagram, const RequestObserver& observer) {
+  const std::lock_guard lock(mutex_);
+  answer_.clear();
+  has_dumped_ = false;
+  while (const std::optional<Bytes> message = take_message(datagram)) {
+    receive_message(*message, observer);
   }
-  for (const std::string& description : exchange.descriptions) {
-    observer_(description);
-  }
-  return answer;
+  injector_.spoil(answer_);
+  return {std::move(answer_), std::chrono::milliseconds(injector_.faults().delay_ms)};
 }
 
 std::string Kernel::state() const {
@@ -53,36 +44,39 @@ void Kernel::inject(const Faults& faults) {
   injector_.set(faults);
 }
 
-void Kernel::receive_message(Bytes message, Exchange& exchange) {
+void Kernel::receive_message(Bytes message, const RequestObserver& observer) {
   const auto header = load<nlmsghdr>(message);
   const bool is_request =
       (header.nlmsg_flags & NLM_F_REQUEST) != 0 && header.nlmsg_type >= NLMSG_MIN_TYPE;
-  auto [status, replies] = is_request ? handle(message, exchange) : Outcome{};
+  auto [status, replies] = is_request ? handle(message) : Outcome{};
+  if (is_request && observer) {
+    observer(message, status);
+  }
   // NLMSG_DONE takes the place of an accepted dump's acknowledgement.
-  const bool dumped = is_request && is_dump(header) && status.ok();
-  exchange.dumped |= dumped;
-  if (!status.ok() || ((header.nlmsg_flags & NLM_F_ACK) != 0 && !dumped)) {
+  const bool has_dumped = is_request && is_dump(header) && status.ok();
+  has_dumped_ |= has_dumped;
+  if (!status.ok() || ((header.nlmsg_flags & NLM_F_ACK) != 0 && !has_dumped)) {
     replies.push_back(acknowledgement(header, status));
   }
   if (injector_.faults().stale && !replies.empty()) {
     replies.insert(replies.begin(), stale_error(header));
   }
-  std::move(replies.begin(), replies.end(), std::back_inserter(exchange.datagrams));
+  std::move(replies.begin(), replies.end(), std::back_inserter(answer_));
 }
 
-Outcome Kernel::handle(Bytes message, Exchange& exchange) {
+Outcome Kernel::handle(Bytes message) {
   const auto header = load<nlmsghdr>(message);
   const bool is_absent = injector_.faults().absent;
   const bool is_controller = header.nlmsg_type == GENL_ID_CTRL;
   if (!is_controller && (is_absent || header.nlmsg_type != family_id())) {
     return {.status = {-ENOENT}};
   }
-  if (is_dump(header) && exchange.dumped) {
+  if (is_dump(header) && has_dumped_) {
     // The kernel allows a socket one dump at a time. That also bounds the answer to one datagram.
     return {.status = {-EBUSY}};
   }
   if (!is_controller) {
-    return handle_for_family(message, exchange);
+    return handle_for_family(message);
   }
   std::vector<FamilyDescription> families{describe_controller()};
   if (!is_absent) {
@@ -91,19 +85,12 @@ Outcome Kernel::handle(Bytes message, Exchange& exchange) {
   return handle_controller_request(message, families);
 }
 
-Outcome Kernel::handle_for_family(Bytes message, Exchange& exchange) {
+Outcome Kernel::handle_for_family(Bytes message) {
   if (Status status = injector_.before_request(); !status.ok()) {
     return {.status = status};
   }
-  std::string description;
-  Outcome outcome = handle_family_request(message, state_, observer_ ? &description : nullptr);
-  if (!outcome.status.ok()) {
-    return outcome;
-  }
-  if (observer_) {
-    exchange.descriptions.push_back(std::move(description));
-  }
-  if (is_dump(load<nlmsghdr>(message))) {
+  Outcome outcome = handle_family_request(message, state_);
+  if (outcome.status.ok() && is_dump(load<nlmsghdr>(message))) {
     injector_.after_dump(outcome.replies);
   }
   return outcome;

@@ -7,7 +7,6 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "reference_kernel/emulator/faults.h"
@@ -18,19 +17,19 @@ namespace tavik_wlan {
 
 /// What a client gets for one datagram of requests.
 struct Answer {
-  std::vector<Datagram> datagrams;
+  std::vector<Datagram> datagrams{};
   std::chrono::milliseconds delay{0};  // to wait before they are sent
 };
+
+/// Sees a request, one message, and whether it was accepted, whatever becomes of the answer. It
+/// must neither throw nor call the kernel.
+using RequestObserver = std::function<void(Bytes message, const Status& status)>;
 
 /// Thread-safe.
 class Kernel {
  public:
-  /// `observer`, which may be empty, gets a line for each accepted command to the family, such as
-  /// "SET_DEV 1 wlan0", on the thread of the receive() concerned. It must not throw.
-  explicit Kernel(std::function<void(std::string_view)> observer);
-
   /// Handles a datagram of requests, whatever it holds.
-  Answer receive(Bytes datagram);
+  Answer receive(Bytes datagram, const RequestObserver& observer = {});
 
   /// See State::text().
   std::string state() const;
@@ -39,23 +38,16 @@ class Kernel {
   void inject(const Faults& faults);
 
  private:
-  /// What is collected while the messages of a datagram are handled.
-  struct Exchange {
-    std::vector<Datagram> datagrams;
-    std::vector<std::string> descriptions;  // of accepted commands, where there is an observer
-    bool dumped = false;
-  };
-
-  void receive_message(Bytes message, Exchange& exchange);
-  Outcome handle(Bytes message, Exchange& exchange);
-  Outcome handle_for_family(Bytes message, Exchange& exchange);
+  void receive_message(Bytes message, const RequestObserver& observer);
+  Outcome handle(Bytes message);
+  Outcome handle_for_family(Bytes message);
   uint16_t family_id() const;
-
-  const std::function<void(std::string_view)> observer_;
 
   mutable std::mutex mutex_;  // of all that follows
   State state_;
   FaultInjector injector_;
+  std::vector<Datagram> answer_;  // to the messages of the current datagram so far
+  bool has_dumped_ = false;       // whether one of them was a dump
 };
 
 }  // namespace tavik_wlan

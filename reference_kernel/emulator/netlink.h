@@ -14,11 +14,21 @@
 #include <vector>
 
 #include "kernel_interface/protocol.h"
-#include "reference_kernel/emulator/status.h"
 
 namespace tavik_wlan {
 
 using Datagram = std::vector<uint8_t>;
+
+/// What the acknowledgement of a request says: its errno, and the extack that explains it.
+struct [[nodiscard]] Status {
+  int error = 0;                              // a negative errno
+  const char* message = nullptr;              // a literal; null: there is no extack
+  std::optional<uint32_t> offset = {};        // of the bad attribute's header in the request
+  std::optional<Kind> policy = {};            // that the bad attribute fails
+  std::optional<uint32_t> missing_type = {};  // of the top-level attribute that is missing
+
+  [[nodiscard]] bool ok() const { return error == 0; }
+};
 
 /// What becomes of a request.
 struct Outcome {

@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
-#include <cstdint>
+#include <optional>
 #include <system_error>
+#include <thread>
 #include <utility>
+
+#include "reference_kernel/emulator/control.h"
 
 namespace tavik_wlan {
 namespace {
@@ -16,20 +18,17 @@ namespace {
 /// Longest datagram of requests; who sends a longer one is hung up on.
 constexpr size_t kMaxRequest = 131072;
 
-/// Most clients at a time; descriptors may set a lower bound.
-constexpr size_t kMaxClients = 1024;
-
 /// Most bytes that wait for all clients together; the longest answer takes less than 4 MiB.
 constexpr size_t kMaxQueued = size_t{64} << 20;
 
-/// How long a client has to be quiet before it is hung up on to make room for another.
-constexpr std::chrono::seconds kPatience{1};
+/// Longest piece of the state in one message.
+constexpr size_t kMaxPiece = 32768;
 
-/// How long no connection is accepted when there is no room.
-constexpr std::chrono::milliseconds kAcceptPause{100};
+/// How long to wait when there are no descriptors, and no client to take one from.
+constexpr std::chrono::milliseconds kPause{10};
 
 /// The positions of what poll() waits for.
-enum Watched : size_t { kStopped, kRequests, kState, kFirstClient };
+enum Watched : size_t { kStopped, kListener, kFirstClient };
 
 }  // namespace
 
@@ -40,37 +39,25 @@ short Server::Client::awaited(Clock::time_point now) const {
   return unsent.front().due <= now ? POLLOUT : 0;
 }
 
-void Server::Client::flush() {
-  const Clock::time_point now = Clock::now();
-  while (!unsent.empty() && unsent.front().due <= now) {
-    Outgoing& next = unsent.front();
-    const Bytes left = Bytes(next.bytes).subspan(next.sent);
-    const ssize_t sent = send(socket.get(), left.data(), left.size(), MSG_NOSIGNAL);
-    if (sent == -1) {
-      if (errno != EAGAIN && errno != EINTR) {
-        // Nobody is there to take it. What the client sent before it left still counts.
-        unsent.clear();
-      }
-      return;
-    }
-    active = now;
-    next.sent += static_cast<size_t>(sent);
-    if (next.sent == next.bytes.size()) {
-      unsent.pop_front();
-    }
-  }
+void Server::Client::queue(Datagram bytes, Clock::time_point due) {
+  unsent_bytes += bytes.size();
+  unsent.push_back({std::move(bytes), due});
+}
+
+void Server::Client::drop_unsent() {
+  unsent.clear();
+  unsent_bytes = 0;
 }
 
 void Server::Client::hang_up() {
-  unsent.clear();
+  drop_unsent();
   socket = FileDescriptor(-1);
 }
 
-Server::Server(const std::string& path, Kernel& kernel)
+Server::Server(const std::string& path, Kernel& kernel, Observer observer)
     : kernel_(kernel),
-      lock_(path),
-      requests_(path, SOCK_SEQPACKET),
-      state_(path + ".state", SOCK_STREAM),
+      observer_(std::move(observer)),
+      listener_(path),
       stopped_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       buffer_(kMaxRequest) {
   if (!stopped_.is_open()) {
@@ -91,11 +78,8 @@ void Server::run() {
     for (Client& client : clients_) {
       serve(client, (events++)->revents);
     }
-    if (polled[kRequests].revents != 0) {
-      accept_client(requests_, false);
-    }
-    if (polled[kState].revents != 0) {
-      accept_client(state_, true);
+    if (polled[kListener].revents != 0) {
+      accept_client();
     }
     clients_.remove_if([](const Client& client) { return !client.socket.is_open(); });
   }
@@ -105,11 +89,9 @@ void Server::stop() const { eventfd_write(stopped_.get(), 1); }
 
 std::vector<pollfd> Server::watched() const {
   const Clock::time_point now = Clock::now();
-  const short accepting = accept_again_ <= now ? POLLIN : 0;
   std::vector<pollfd> polled{
       {.fd = stopped_.get(), .events = POLLIN, .revents = 0},
-      {.fd = requests_.fd(), .events = accepting, .revents = 0},
-      {.fd = state_.fd(), .events = accepting, .revents = 0},
+      {.fd = listener_.fd(), .events = POLLIN, .revents = 0},
   };
   for (const Client& client : clients_) {
     polled.push_back({.fd = client.socket.get(), .events = client.awaited(now), .revents = 0});
@@ -117,68 +99,45 @@ std::vector<pollfd> Server::watched() const {
   return polled;
 }
 
-/// Milliseconds up to the next thing to do without an event; -1 when there is none.
+/// In milliseconds; while answers are kept back, their time is looked at as often.
 int Server::poll_timeout() const {
   const Clock::time_point now = Clock::now();
-  Clock::time_point next = accept_again_ > now ? accept_again_ : Clock::time_point::max();
-  for (const Client& client : clients_) {
-    if (!client.unsent.empty() && client.unsent.front().due > now) {
-      next = std::min(next, client.unsent.front().due);
-    }
-  }
-  if (next == Clock::time_point::max()) {
-    return -1;
-  }
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
-  return static_cast<int>(std::min<int64_t>(left, INT32_MAX));
+  const auto keeps_back = [now](const Client& client) {
+    return !client.unsent.empty() && client.unsent.front().due > now;
+  };
+  return std::ranges::any_of(clients_, keeps_back) ? 1 : -1;
 }
 
-void Server::accept_client(const Listener& listener, bool reads_state) {
-  if (clients_.size() >= kMaxClients) {
+void Server::accept_client() {
+  FileDescriptor socket = listener_.accept();
+  if (socket.is_open()) {
+    const pid_t pid = peer_of(socket).pid;
+    clients_.push_back({std::move(socket), {.port_id = ++connections_, .pid = pid}});
+  } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
     make_room_for_client();
-    return;
   }
-  FileDescriptor socket = listener.accept();
-  if (!socket.is_open()) {
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      make_room_for_client();
-    }
-    return;
-  }
-  Client client{std::move(socket), reads_state};
-  if (reads_state) {
-    const std::string text = kernel_.state();
-    client.unsent.push_back({.bytes = {text.begin(), text.end()}, .sent = 0, .due = {}});
-  }
-  clients_.push_back(std::move(client));
-  make_room_for_answers();
 }
 
-/// The waiting connection is accepted at the next turn, or after a pause.
+/// The waiting connection is accepted at the next turn.
 void Server::make_room_for_client() {
-  const Clock::time_point now = Clock::now();
   const auto quietest = std::ranges::min_element(clients_, {}, &Client::active);
-  if (quietest != clients_.end() && quietest->active + kPatience <= now) {
+  if (quietest != clients_.end()) {
     quietest->hang_up();
   } else {
-    accept_again_ = now + kAcceptPause;
+    std::this_thread::sleep_for(kPause);
   }
-}
-
-/// Bytes that wait for all clients.
-size_t Server::queued() const {
-  size_t bytes = 0;
-  for (const Client& client : clients_) {
-    for (const Outgoing& outgoing : client.unsent) {
-      bytes += outgoing.bytes.size();
-    }
-  }
-  return bytes;
 }
 
 void Server::make_room_for_answers() {
   const auto last_took = [](const Client& client) {
     return client.unsent.empty() ? Clock::time_point::max() : client.active;
+  };
+  const auto queued = [&] {
+    size_t bytes = 0;
+    for (const Client& client : clients_) {
+      bytes += client.unsent_bytes;
+    }
+    return bytes;
   };
   while (queued() > kMaxQueued) {
     std::ranges::min_element(clients_, {}, last_took)->hang_up();
@@ -190,17 +149,13 @@ void Server::serve(Client& client, short events) {
     return;
   }
   if ((events & (POLLHUP | POLLERR)) != 0) {
-    client.unsent.clear();
+    client.drop_unsent();
   }
-  if (client.unsent.empty() && !client.reads_state) {
+  if (client.unsent.empty()) {
     receive(client);
   }
-  client.flush();
-  if (!client.unsent.empty()) {
-    make_room_for_answers();
-  } else if (client.reads_state) {
-    client.hang_up();
-  }
+  flush(client);
+  make_room_for_answers();
 }
 
 /// Receives one datagram and queues its answer, or hangs up at the end of the connection.
@@ -218,11 +173,61 @@ void Server::receive(Client& client) {
     client.hang_up();
     return;
   }
-  Answer answer = kernel_.receive(Bytes(buffer_).first(size));
   client.active = Clock::now();
-  const Clock::time_point due = client.active + answer.delay;
-  for (Datagram& datagram : answer.datagrams) {
-    client.unsent.push_back({.bytes = std::move(datagram), .sent = 0, .due = due});
+  handle(client, Bytes(buffer_).first(size));
+}
+
+void Server::handle(Client& client, Bytes datagram) {
+  Bytes rest = datagram;
+  const std::optional<Bytes> first = take_message(rest);
+  if (first && load<nlmsghdr>(*first).nlmsg_type >= kControlState) {
+    handle_control(client, *first);
+    return;
+  }
+  RequestObserver observer;
+  if (observer_) {
+    observer = [&](Bytes message, const Status& status) {
+      observer_(client.peer, message, status);
+    };
+  }
+  Answer answer = kernel_.receive(datagram, observer);
+  for (Datagram& bytes : answer.datagrams) {
+    client.queue(std::move(bytes), client.active + answer.delay);
+  }
+}
+
+void Server::handle_control(Client& client, Bytes message) {
+  const auto header = load<nlmsghdr>(message);
+  Status status;
+  if (header.nlmsg_type == kControlState) {
+    const std::string state = kernel_.state();
+    Bytes left{reinterpret_cast<const uint8_t*>(state.data()), state.size()};
+    while (!left.empty()) {
+      const Bytes piece = left.first(std::min(left.size(), kMaxPiece));
+      client.queue(control_message(kControlState, piece), client.active);
+      left = left.subspan(piece.size());
+    }
+  } else {
+    status = {-EOPNOTSUPP};
+  }
+  client.queue(acknowledgement(header, status), client.active);
+}
+
+/// Sends what is due, as far as it is taken.
+void Server::flush(Client& client) {
+  const Clock::time_point now = Clock::now();
+  while (!client.unsent.empty() && client.unsent.front().due <= now) {
+    const Datagram& next = client.unsent.front().bytes;
+    if (send(client.socket.get(), next.data(), next.size(), MSG_NOSIGNAL) == -1) {
+      if (errno != EAGAIN && errno != EINTR) {
+        // Nobody is there to take it. What the client sent before it left still counts.
+        client.drop_unsent();
+      }
+      return;
+    }
+    client.active = now;
+    client.unsent_bytes -= next.size();
+    client.unsent.pop_front();
   }
 }
 

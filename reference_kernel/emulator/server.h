@@ -3,12 +3,14 @@
 #define REFERENCE_KERNEL_EMULATOR_SERVER_H_
 
 #include <poll.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
+#include <functional>
 #include <list>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,14 +20,23 @@
 
 namespace tavik_wlan {
 
-/// Serves a kernel's clients at a path, and readers of its state at the path with ".state" added.
-/// Hangs up on the client that has been quiet for longest when there are too many clients, and on
-/// the one that has not read for longest when too many bytes wait for all of them. All but stop()
-/// is for one thread.
+/// Who sends requests.
+struct Peer {
+  uint32_t port_id = 0;  // the connection's number, which no other one gets
+  pid_t pid = 0;         // of the process that connected; 0: not known
+};
+
+/// Serves a kernel's clients at a path. When there are no descriptors for another client it hangs
+/// up on the one that has been quiet for longest, and when too many bytes wait for all of them on
+/// the one that has not read for longest. All but stop() is for one thread.
 class Server {
  public:
+  /// Sees each request, one message, and whether it was accepted. It must neither throw nor call
+  /// the server or its kernel.
+  using Observer = std::function<void(const Peer& peer, Bytes message, const Status& status)>;
+
   /// Listens; nothing is served before run(). Throws std::system_error.
-  Server(const std::string& path, Kernel& kernel);
+  Server(const std::string& path, Kernel& kernel, Observer observer);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
   ~Server() = default;
@@ -41,41 +52,42 @@ class Server {
 
   struct Outgoing {
     Datagram bytes;
-    size_t sent = 0;  // Only a stream takes a part.
     Clock::time_point due;
   };
 
   /// While it has something unsent nothing is received from it, which bounds its queue.
   struct Client {
     FileDescriptor socket;
-    bool reads_state;  // a reader of the state, which is closed once it has it
+    Peer peer;
     Clock::time_point active = Clock::now();  // when it last connected, sent or received
     std::deque<Outgoing> unsent{};
+    size_t unsent_bytes = 0;
 
     /// What to poll for.
     [[nodiscard]] short awaited(Clock::time_point now) const;
-    /// Sends what is due, as far as it is taken.
-    void flush();
-    /// Forgets what is unsent. The client is gone when the others are through.
+    void queue(Datagram bytes, Clock::time_point due);
+    void drop_unsent();
+    /// The client is gone when the others are through.
     void hang_up();
   };
 
   [[nodiscard]] std::vector<pollfd> watched() const;
   [[nodiscard]] int poll_timeout() const;
-  [[nodiscard]] size_t queued() const;
-  void accept_client(const Listener& listener, bool reads_state);
+  void accept_client();
   void make_room_for_client();
   void make_room_for_answers();
   void serve(Client& client, short events);
   void receive(Client& client);
+  void handle(Client& client, Bytes datagram);
+  void handle_control(Client& client, Bytes message);
+  void flush(Client& client);
 
   Kernel& kernel_;
-  PathLock lock_;
-  Listener requests_;
-  Listener state_;
+  const Observer observer_;
+  Listener listener_;
   FileDescriptor stopped_;  // an eventfd
   std::list<Client> clients_;
-  Clock::time_point accept_again_{};  // until then no connection is accepted
+  uint32_t connections_ = 0;  // so far
   std::vector<uint8_t> buffer_;
 };
 

@@ -1,74 +1,55 @@
 #include "reference_kernel/emulator/unix_socket.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <system_error>
-#include <utility>
 
 namespace tavik_wlan {
 namespace {
 
-[[noreturn]] void fail(int error, const std::string& path) {
-  throw std::system_error(error, std::generic_category(), "cannot listen at " + path);
+[[noreturn]] void fail(int error, const std::string& what) {
+  throw std::system_error(error, std::generic_category(), what);
 }
 
-struct Address {
-  sockaddr_un name{};
-  socklen_t length = sizeof(name);
-};
+[[noreturn]] void fail_to_listen(int error, const std::string& path) {
+  fail(error, "cannot listen at " + path);
+}
 
 bool is_abstract(const std::string& path) { return path.starts_with('@'); }
 
-Address make_address(const std::string& path) {
-  Address address;
-  address.name.sun_family = AF_UNIX;
+/// Applies bind() or connect() to a path. Returns 0 or the errno.
+int at_path(int (*use)(int, const sockaddr*, socklen_t), const FileDescriptor& socket,
+            const std::string& path) {
+  sockaddr_un address{AF_UNIX, {}};
+  socklen_t length = sizeof(address);
   if (path.empty()) {
-    fail(EINVAL, "an empty path");
+    return EINVAL;
   }
-  if (path.size() >= sizeof(address.name.sun_path)) {
-    fail(ENAMETOOLONG, path);
+  if (path.size() >= sizeof(address.sun_path)) {
+    return ENAMETOOLONG;
   }
-  path.copy(address.name.sun_path, path.size());
+  path.copy(address.sun_path, path.size());
   if (is_abstract(path)) {
     // Such an address begins with a NUL, and ends where its length says.
-    address.name.sun_path[0] = '\0';
-    address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+    address.sun_path[0] = '\0';
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
   }
-  return address;
+  const int result = use(socket.get(), reinterpret_cast<const sockaddr*>(&address), length);
+  return result == 0 ? 0 : errno;
 }
 
-FileDescriptor open_socket(int type) {
-  return FileDescriptor(socket(AF_UNIX, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-}
-
-const sockaddr* generic(const Address& address) {
-  return reinterpret_cast<const sockaddr*>(&address.name);
+FileDescriptor open_socket(int flags) {
+  return FileDescriptor(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
 }
 
 /// Whether a socket's file is there, but nobody who listens at it.
-bool is_stale(const Address& address, int type) {
+bool is_stale(const std::string& path) {
   struct stat file {};
-  if (lstat(address.name.sun_path, &file) != 0 || !S_ISSOCK(file.st_mode)) {
-    return false;
-  }
-  const FileDescriptor probe = open_socket(type);
-  return probe.is_open() && connect(probe.get(), generic(address), address.length) == -1 &&
-         errno == ECONNREFUSED;
-}
-
-/// Whether a client runs as this process's user or as root: what a file's mode would settle.
-bool is_trusted(const FileDescriptor& client) {
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  return getsockopt(client.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 &&
-         (peer.uid == geteuid() || peer.uid == 0);
+  return lstat(path.c_str(), &file) == 0 && S_ISSOCK(file.st_mode) &&
+         at_path(connect, open_socket(SOCK_NONBLOCK), path) == ECONNREFUSED;
 }
 
 }  // namespace
@@ -79,94 +60,63 @@ FileDescriptor::~FileDescriptor() {
   }
 }
 
-OwnFile::OwnFile(std::string path) : path_(std::move(path)) {
-  struct stat file {};
-  if (lstat(path_.c_str(), &file) == -1) {
-    fail(errno, path_);
-  }
-  device_ = file.st_dev;
-  inode_ = file.st_ino;
-}
-
-OwnFile::~OwnFile() {
-  struct stat file {};
-  if (lstat(path_.c_str(), &file) == 0 && file.st_dev == device_ && file.st_ino == inode_) {
-    unlink(path_.c_str());
-  }
-}
-
-PathLock::PathLock(const std::string& path) {
-  if (is_abstract(path)) {
-    return;  // The kernel gives the name to one at a time, and takes it back.
-  }
-  lock_ = FileDescriptor(
-      open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-  if (!lock_.is_open()) {
-    fail(errno, path);
-  }
-  struct stat file {};
-  // Whoever had the lock until now has removed the file.
-  if (flock(lock_.get(), LOCK_EX | LOCK_NB) == -1 || fstat(lock_.get(), &file) == -1 ||
-      file.st_nlink == 0 || file.st_size > 0) {
-    fail(EADDRINUSE, path);
-  }
-  file_.emplace(path + ".lock");
-}
-
-Listener::Listener(const std::string& path, int type)
-    : socket_(open_socket(type)), is_abstract_(is_abstract(path)) {
-  const Address address = make_address(path);
+Listener::Listener(std::string path) : path_(std::move(path)), socket_(open_socket(SOCK_NONBLOCK)) {
   // The file gets the socket's mode.
   if (!socket_.is_open() || fchmod(fd(), S_IRUSR | S_IWUSR) == -1) {
-    fail(errno, path);
+    fail_to_listen(errno, path_);
   }
-  const auto bind_socket = [&] {
-    return bind(fd(), generic(address), address.length) == 0 ? 0 : errno;
-  };
-  int error = bind_socket();
-  if (error == EADDRINUSE && !is_abstract_ && is_stale(address, type)) {
-    unlink(path.c_str());
-    error = bind_socket();
+  int error = at_path(bind, socket_, path_);
+  if (error == EADDRINUSE && !is_abstract(path_) && is_stale(path_)) {
+    unlink(path_.c_str());
+    error = at_path(bind, socket_, path_);
   }
   if (error != 0) {
-    fail(error, path);
+    fail_to_listen(error, path_);
   }
-  if (!is_abstract_) {
-    file_.emplace(path);
+  if (!is_abstract(path_)) {
+    lstat(path_.c_str(), &file_);
   }
   if (listen(fd(), SOMAXCONN) == -1) {
-    fail(errno, path);
+    fail_to_listen(errno, path_);
+  }
+}
+
+Listener::~Listener() {
+  struct stat file {};
+  if (lstat(path_.c_str(), &file) == 0 && file.st_dev == file_.st_dev &&
+      file.st_ino == file_.st_ino) {
+    unlink(path_.c_str());
   }
 }
 
 FileDescriptor Listener::accept() const {
   FileDescriptor client(accept4(fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  if (client.is_open() && is_abstract_ && !is_trusted(client)) {
-    errno = EPERM;
-    return FileDescriptor(-1);
+  if (client.is_open() && is_abstract(path_)) {
+    const uid_t user = peer_of(client).uid;
+    if (user != geteuid() && user != 0) {  // A file's mode would settle this.
+      errno = EPERM;
+      return FileDescriptor(-1);
+    }
   }
   return client;
 }
 
-std::string read_stream(const std::string& path, std::chrono::milliseconds patience) {
-  const Address address = make_address(path);
-  const FileDescriptor stream(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  // A wait that takes longer, that of connect() too, ends with EAGAIN.
+ucred peer_of(const FileDescriptor& connection) {
+  ucred peer{.pid = 0, .uid = static_cast<uid_t>(-1), .gid = static_cast<gid_t>(-1)};
+  socklen_t size = sizeof(peer);
+  getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
+  return peer;
+}
+
+FileDescriptor connect_to(const std::string& path, std::chrono::milliseconds patience) {
+  FileDescriptor connection = open_socket(0);
   const timeval limit{patience.count() / 1000, patience.count() % 1000 * 1000};
-  setsockopt(stream.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-  setsockopt(stream.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-  std::string text;
-  ssize_t length = connect(stream.get(), generic(address), address.length);
-  if (length == 0) {
-    char buffer[65536];
-    while ((length = read(stream.get(), buffer, sizeof(buffer))) > 0) {
-      text.append(buffer, static_cast<size_t>(length));
-    }
+  setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  if (const int error = at_path(connect, connection, path); error != 0) {
+    fail(error, "cannot connect to " + path);
   }
-  if (length == -1) {
-    throw std::system_error(errno == EAGAIN ? ETIMEDOUT : errno, std::generic_category());
-  }
-  return text;
+  return connection;
 }
 
 }  // namespace tavik_wlan

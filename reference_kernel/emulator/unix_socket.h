@@ -1,11 +1,11 @@
-// Listening sockets of AF_UNIX, and who may have them.
+// Sockets of AF_UNIX and of type SOCK_SEQPACKET, and who may have them.
 #ifndef REFERENCE_KERNEL_EMULATOR_UNIX_SOCKET_H_
 #define REFERENCE_KERNEL_EMULATOR_UNIX_SOCKET_H_
 
-#include <sys/types.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <chrono>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -32,45 +32,20 @@ class FileDescriptor {
   int fd_;
 };
 
-/// A file that this process made at a path. It is removed in the end, unless another has taken its
-/// place.
-class OwnFile {
- public:
-  /// Throws std::system_error when there is no file.
-  explicit OwnFile(std::string path);
-  OwnFile(const OwnFile&) = delete;
-  OwnFile& operator=(const OwnFile&) = delete;
-  ~OwnFile();
-
- private:
-  std::string path_;
-  dev_t device_;
-  ino_t inode_;
-};
-
-/// The right to listen at a path, which one at a time has: a lock on the file at the path with
-/// ".lock" added. A process that dies leaves the file, but not the lock. An abstract address needs
-/// no file.
-class PathLock {
- public:
-  /// Throws std::system_error, with EADDRINUSE when another has the right or when the file isn't
-  /// one of these.
-  explicit PathLock(const std::string& path);
-
- private:
-  FileDescriptor lock_{-1};
-  std::optional<OwnFile> file_;
-};
+// A path that begins with '@' is an abstract address, which has no file.
 
 /// A listening socket, non-blocking and close-on-exec, and its file, which only its user may
-/// connect to. A path that begins with '@' is an abstract address, which has no file: there clients
-/// of other users than the process's own and root are turned away.
+/// connect to. At an abstract address clients of other users than the process's own and root are
+/// turned away.
 class Listener {
  public:
-  /// Listens at `path`, to which the caller has the right; `type` is SOCK_SEQPACKET or SOCK_STREAM.
   /// Replaces the file of a socket nobody listens at. Throws std::system_error, with EADDRINUSE
   /// when there is another file.
-  Listener(const std::string& path, int type);
+  explicit Listener(std::string path);
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+  /// Removes the file, unless another has taken its place.
+  ~Listener();
 
   /// The next waiting connection, non-blocking and close-on-exec; not open, with errno, when none
   /// can be had.
@@ -79,14 +54,17 @@ class Listener {
   [[nodiscard]] int fd() const { return socket_.get(); }
 
  private:
+  const std::string path_;
   FileDescriptor socket_;
-  bool is_abstract_;
-  std::optional<OwnFile> file_;
+  struct stat file_ {};  // all zero: none
 };
 
-/// Reads to its end what a Listener of type SOCK_STREAM gives at a path. Throws std::system_error,
-/// with ETIMEDOUT when nothing comes for as long as the reader's patience.
-std::string read_stream(const std::string& path, std::chrono::milliseconds patience);
+/// The process that opened a connection; its pid is 0 when it is not known here.
+ucred peer_of(const FileDescriptor& connection);
+
+/// A connection, close-on-exec, to the listener at a path. To connect, send and receive end with
+/// EAGAIN when they have waited for as long as the patience. Throws std::system_error.
+FileDescriptor connect_to(const std::string& path, std::chrono::milliseconds patience);
 
 }  // namespace tavik_wlan
 

@@ -100,7 +100,7 @@ void look_up(const MessageDecoder& decoder, std::span<const uint8_t> request, ui
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider input(data, size);
-  tavik_wlan::Kernel kernel({});
+  tavik_wlan::Kernel kernel;
   MessageDecoder decoder(input.ConsumeBool() ? kFamilyId : 0);
   while (input.remaining_bytes() > 0) {
     const auto offset = input.ConsumeIntegral<uint32_t>();
