@@ -79,6 +79,10 @@ std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto) {
   return transport + (ip_proto == TAVIK_WLAN_IP_PROTO_IPV6 ? "6" : "");
 }
 
+nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, std::uint32_t value) {
+  return {{"ip", ip}, {"transport", transport}, {transport == "esp" ? "spi" : "port", value}};
+}
+
 std::vector<PortDescriptor> parse_ports(const std::vector<std::string>& texts) {
   std::vector<PortDescriptor> ports;
   for (const std::string& text : texts) {

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,6 +34,10 @@ std::vector<PortDescriptor> parse_ports(const std::vector<std::string>& texts);
 
 /// "tcp", "udp6", "esp" and so on, by a tuple's IP version and IANA protocol number.
 std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto);
+
+/// A tuple as every JSON output writes it: {"ip":4,"transport":"tcp","port":443}, or with the whole
+/// SPI {"ip":6,"transport":"esp","spi":4097}. The value is in host byte order.
+nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, std::uint32_t value);
 
 /// Has a parser convert the text, or the texts, of an option or argument to a value.
 template <typename Text, typename Value>
