@@ -34,7 +34,7 @@ misbehave silent |$faults
 proxy update --old tcp/1 u|udp/ udp6/
 proxy up wlan0 |tcp/ udp/ tcp6/ udp6/
 proxy up --from a|
-encap set |
+ipsec add |
 frob |
 END
 }
@@ -43,7 +43,6 @@ END
 edits="encap p|encap pass-through |
 --dry|--dry-run |
 --misbehave=ref|--misbehave=refuse=|
-proxy update --old tcp6|proxy update --old tcp6/|
 --socket=$folder/a\\ f|--socket=$folder/a\\ file |
 --pcap \"$folder/a b/c=|--pcap \"$folder/a b/c=d\" |
 --pcap=a --socket \"a b\" --log-file c\\ d enc|--pcap=a --socket \"a b\" --log-file c\\ d encap |"
