@@ -744,36 +744,116 @@ static void show_flow(struct seq_file *seq, const void *key)
 	seq_putc(seq, '\n');
 }
 
-static void show_set(struct seq_file *seq, const struct tavik_wlan_set *set,
-		     void (*show)(struct seq_file *seq, const void *key))
+static void show_devices(struct seq_file *seq, const void *net)
 {
-	struct rb_node *node;
-
-	/* What does not fit is asked for again, with a larger buffer. */
-	for (node = rb_first(&set->root); node && !seq_has_overflowed(seq); node = rb_next(node)) {
-		show(seq, entry_of(node)->key);
-		cond_resched(); /* a full set takes long */
-	}
-}
-
-static int show_state(struct seq_file *seq, void *unused)
-{
-	struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_single_net(seq));
+	const struct tavik_wlan_net *tn = net;
 	int selector;
 
-	mutex_lock(&tn->lock);
-	show_set(seq, &tn->tuples, show_tuple);
 	for (selector = 0; selector <= U8_MAX; selector++) {
 		if (*tn->devices[selector])
 			seq_printf(seq, "device %u %s\n", selector, tn->devices[selector]);
 	}
-	show_set(seq, &tn->forwardings, show_forwarding);
+}
+
+static void show_encap(struct seq_file *seq, const void *net)
+{
+	const struct tavik_wlan_net *tn = net;
+
 	if (tn->encap_action)
 		seq_printf(seq, "encap %u%s\n", be16_to_cpu(tn->encap_port), tn->encap_action);
-	show_set(seq, &tn->flows, show_flow);
-	mutex_unlock(&tn->lock);
+}
+
+/* The parts of the text: a set is shown key by key, what is not a set at one go. */
+static const struct {
+	size_t set; /* its offset; 0: not a set */
+	void (*show)(struct seq_file *seq, const void *key_or_net);
+} parts[] = {
+	{ offsetof(struct tavik_wlan_net, tuples), show_tuple },
+	{ 0, show_devices },
+	{ offsetof(struct tavik_wlan_net, forwardings), show_forwarding },
+	{ 0, show_encap },
+	{ offsetof(struct tavik_wlan_net, flows), show_flow },
+};
+
+/*
+ * A reader of the text. It holds the lock only while it fills one buffer. A key that stays is read
+ * once, one that is added or removed meanwhile may be read or not.
+ */
+struct tavik_wlan_reader {
+	struct seq_net_private net;		/* seq_file_net() expects it first */
+	unsigned int part;			/* that is shown next */
+	u8 key[sizeof(struct tavik_wlan_flow)]; /* that is shown next; may be gone by then */
+};
+static_assert(sizeof(struct tavik_wlan_flow) >= sizeof(struct tavik_wlan_forwarding));
+
+static const struct tavik_wlan_set *reader_set(struct seq_file *seq)
+{
+	const struct tavik_wlan_reader *reader = seq->private;
+	const size_t set = parts[reader->part].set;
+
+	return set ? (void *)tavik_wlan_net(seq_file_net(seq)) + set : NULL;
+}
+
+/* Moves the reader to @entry, or without one to the beginning of the next part. */
+static void *reader_move(struct seq_file *seq, struct tavik_wlan_entry *entry)
+{
+	struct tavik_wlan_reader *reader = seq->private;
+
+	while (!entry && ++reader->part < ARRAY_SIZE(parts)) {
+		if (!reader_set(seq))
+			return SEQ_START_TOKEN;
+		entry = entry_of(rb_first(&reader_set(seq)->root));
+	}
+	if (entry)
+		memcpy(reader->key, entry->key, reader_set(seq)->key_size);
+	return entry;
+}
+
+static void *reader_start(struct seq_file *seq, loff_t *position)
+{
+	struct tavik_wlan_reader *reader = seq->private;
+
+	mutex_lock(&tavik_wlan_net(seq_file_net(seq))->lock);
+	if (*position == 0) {
+		reader->part = 0;
+		memset(reader->key, 0, sizeof(reader->key));
+	}
+	if (reader->part == ARRAY_SIZE(parts))
+		return NULL;
+	if (!reader_set(seq))
+		return SEQ_START_TOKEN;
+	return reader_move(seq, set_lower_bound(reader_set(seq), reader->key));
+}
+
+static void *reader_next(struct seq_file *seq, void *shown, loff_t *position)
+{
+	struct tavik_wlan_entry *entry = shown == SEQ_START_TOKEN ? NULL : shown;
+
+	++*position;
+	return reader_move(seq, entry ? entry_of(rb_next(&entry->node)) : NULL);
+}
+
+static void reader_stop(struct seq_file *seq, void *entry)
+{
+	mutex_unlock(&tavik_wlan_net(seq_file_net(seq))->lock);
+}
+
+static int reader_show(struct seq_file *seq, void *entry)
+{
+	const struct tavik_wlan_reader *reader = seq->private;
+	const void *shown = entry == SEQ_START_TOKEN ? (void *)tavik_wlan_net(seq_file_net(seq))
+						     : ((struct tavik_wlan_entry *)entry)->key;
+
+	parts[reader->part].show(seq, shown);
 	return 0;
 }
+
+static const struct seq_operations reader_operations = {
+	.start = reader_start,
+	.next = reader_next,
+	.stop = reader_stop,
+	.show = reader_show,
+};
 
 /* Network namespaces and the module */
 
@@ -789,7 +869,8 @@ static int __net_init tavik_wlan_net_init(struct net *net)
 	tn->forwardings.limit = TAVIK_WLAN_MAX_FORWARDINGS;
 	tn->flows.key_size = sizeof(struct tavik_wlan_flow);
 	tn->flows.limit = TAVIK_WLAN_MAX_FLOWS;
-	if (!proc_create_net_single("tavik_wlan", 0444, net->proc_net, show_state, NULL))
+	if (!proc_create_net("tavik_wlan", 0444, net->proc_net, &reader_operations,
+			     sizeof(struct tavik_wlan_reader)))
 		return -ENOMEM;
 	return 0;
 }
