@@ -1,10 +1,13 @@
 #include "reference_kernel/emulator/unix_socket.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <filesystem>
 #include <system_error>
 
 namespace tavik_wlan {
@@ -52,6 +55,17 @@ bool is_stale(const std::string& path) {
          at_path(connect, open_socket(SOCK_NONBLOCK), path) == ECONNREFUSED;
 }
 
+/// Keeps others from listening at the paths of a folder, or from ceasing to, while it is open.
+FileDescriptor lock_folder(const std::string& path) {
+  if (is_abstract(path)) {
+    return FileDescriptor(-1);  // The kernel gives such an address to one at a time.
+  }
+  const std::string folder = std::filesystem::path(path).parent_path();
+  FileDescriptor lock(open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_CLOEXEC));
+  flock(lock.get(), LOCK_EX);
+  return lock;
+}
+
 }  // namespace
 
 FileDescriptor::~FileDescriptor() {
@@ -61,6 +75,7 @@ FileDescriptor::~FileDescriptor() {
 }
 
 Listener::Listener(std::string path) : path_(std::move(path)), socket_(open_socket(SOCK_NONBLOCK)) {
+  const FileDescriptor lock = lock_folder(path_);
   // The file gets the socket's mode.
   if (!socket_.is_open() || fchmod(fd(), S_IRUSR | S_IWUSR) == -1) {
     fail_to_listen(errno, path_);
@@ -82,6 +97,7 @@ Listener::Listener(std::string path) : path_(std::move(path)), socket_(open_sock
 }
 
 Listener::~Listener() {
+  const FileDescriptor lock = lock_folder(path_);
   struct stat file {};
   if (lstat(path_.c_str(), &file) == 0 && file.st_dev == file_.st_dev &&
       file.st_ino == file_.st_ino) {
