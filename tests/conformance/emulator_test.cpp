@@ -29,6 +29,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using tavik_wlan::FileDescriptor;
 
 /// A socket after `use`, which is bind() or connect(), to a path.
@@ -86,6 +87,28 @@ TEST_F(EmulatorTest, ReplacesAndRemovesNoFileButItsOwn) {
   EXPECT_TRUE(std::filesystem::remove(path_));
 }
 
+TEST_F(EmulatorTest, AnswersEachMessageOfADatagram) {
+  using netlink_bytes::generic;
+  using netlink_bytes::message;
+  using netlink_bytes::raw;
+  const std::string silent = message(28, NLM_F_REQUEST, 1, generic(7, "\6\0\5\0\1\2"s));
+  const std::string no_request = message(28, NLM_F_ACK, 2, generic(9, ""), 77);
+  const std::string unpadded = message(28, NLM_F_REQUEST | NLM_F_ACK, 3, silent.substr(16, 10));
+  const FileDescriptor client = make_socket(connect, path_);
+  // What follows a length that cannot be is passed over.
+  const std::string requests = silent + no_request + unpadded + raw(15) + no_request.substr(4);
+  send(client.get(), requests.data(), requests.size(), 0);
+  std::string answers(1000, '\0');
+  for (const std::string& acknowledged : {no_request, unpadded}) {
+    const ssize_t size = recv(client.get(), answers.data(), answers.size(), 0);
+    const auto* request = reinterpret_cast<const nlmsghdr*>(acknowledged.data());
+    EXPECT_EQ(answers.substr(0, static_cast<size_t>(size)),
+              message(NLMSG_ERROR, NLM_F_CAPPED, request->nlmsg_seq,
+                      raw(0) + acknowledged.substr(0, 16), request->nlmsg_pid));
+  }
+  EXPECT_EQ(emulator_->state(), "encap 258\n");
+}
+
 TEST_F(EmulatorTest, HangsUpOnThoseWhoHaveNotReadForLongest) {
   setenv("CORVIL_NETLINK_TIMEOUT_MS", "20000", 1);
   const std::string dump = netlink_bytes::message(28, NLM_F_REQUEST | NLM_F_DUMP, 0,
@@ -120,42 +143,33 @@ TEST_F(EmulatorTest, IsFoundAgainWhenItComesBack) {
 }
 
 TEST_F(EmulatorTest, InjectsFaultsWithoutHarm) {
-  struct Case {
-    std::string name;
+  const struct {
+    const char* name;
     tavik_wlan::Faults faults;
     int error;  // the exchange's, or the kernel's
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"never answers", {.silent = true}, ETIMEDOUT},
       {"answers in time", {.delay_ms = 20}, 0},
       {"answers too late", {.delay_ms = 400}, ETIMEDOUT},
       {"cuts its answers", {.truncate = 18}, EBADMSG},
       {"answers with garbage", {.garbage = true}, EBADMSG},
       {"answers another request first", {.stale = true}, 0},
-      {"refuses", {.refuse_nth = 1, .refuse_error = EPERM}, EPERM},
       {"has another id for the family", {.family_id = 999}, 0},
       {"lost the family", {.absent = true}, ENOENT},
   };
   for (const auto& [name, faults, error] : cases) {
     SCOPED_TRACE(name);
     emulator_->inject(faults);
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), error == 0 ? 0 : -1);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
     EXPECT_EQ(corvil_netlink_last_error()->error, error);
-    emulator_->inject({});
-    EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0) << "the next call is well again";
+    emulator_->inject({.interrupted_dumps = error == 0 ? 2U : 4U});
+    EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0) << "only the log tells";
+    EXPECT_EQ(corvil_netlink_last_error()->error, error == 0 ? 0 : EINTR);
   }
   emulator_->inject({.refuse_nth = 2, .refuse_error = EPERM});
   for (const int result : {0, -1, 0}) {
     EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), result) << "the second alone is refused";
   }
-  emulator_->inject({.interrupted_dumps = 2});
-  EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0);
-  EXPECT_EQ(corvil_netlink_last_error()->error, 0) << "asked again until the dump was whole";
-  emulator_->inject({.interrupted_dumps = 100});
-  EXPECT_EQ(corvil_datapath_proxy_get_port_tuple(), 0) << "only the log tells";
-  EXPECT_EQ(corvil_netlink_last_error()->error, EINTR);
 }
 
 }  // namespace

@@ -65,7 +65,7 @@ std::vector<std::string> answer_from(FuzzedDataProvider& input, const nlmsghdr& 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static ScriptedKernel kernel("/tmp/hostile_kernel." + std::to_string(getpid()), answer_well);
+  static ScriptedKernel kernel(answer_well);
   setenv("CORVIL_NETLINK_TIMEOUT_MS", "1000", 1);
   corvil_log_set_diagnostic_handler(
       [](const LogSiteDescriptor*, const char*, const char*, void*) {}, nullptr);

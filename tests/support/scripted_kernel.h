@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -15,42 +16,49 @@
 
 #include "reference_host/netlink/corvil_netlink_control.h"
 
-/// Answers each request when the trace hook shows it, that is before it is sent: over the newest
-/// connection, on the thread that sends it. For one thread at a time.
+/// Takes the place of the machine's kernel until its end. Answers each request when the trace hook
+/// shows it, that is before it is sent: over the newest connection, on the thread that sends it.
 class ScriptedKernel {
  public:
   /// The datagrams that answer a request; an empty one ends the connection.
   using Script = std::function<std::vector<std::string>(const nlmsghdr& request)>;
 
-  /// Takes the place of the machine's kernel until its end, at a path where nothing is.
-  ScriptedKernel(std::string path, Script script)
-      : path_(std::move(path)), script_(std::move(script)) {
+  explicit ScriptedKernel(Script script) : script_(std::move(script)) {
     sockaddr_un address{AF_UNIX, {}};
-    path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+    name_.copy(&address.sun_path[1], sizeof(address.sun_path) - 1, 1);
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name_.size());
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
         listen(listener_, 8) != 0) {
       abort();
     }
-    setenv("CORVIL_NETLINK_EMULATOR", path_.c_str(), 1);
+    corvil_netlink_set_emulator(name_.c_str());
     corvil_netlink_set_trace(trace, this);
   }
   ScriptedKernel(const ScriptedKernel&) = delete;
   ScriptedKernel& operator=(const ScriptedKernel&) = delete;
   ~ScriptedKernel() {
     corvil_netlink_set_trace(nullptr, nullptr);
-    unsetenv("CORVIL_NETLINK_EMULATOR");
-    unlink(path_.c_str());
+    corvil_netlink_set_emulator(nullptr);
     close(listener_);
     close(peer_);
   }
 
   void answer_with(Script script) { script_ = std::move(script); }
 
+  /// Sends a datagram after each one that the library has received from now on.
+  void babble(const std::string& datagram) { babble_ = datagram; }
+
+  /// How many have been made to it.
+  [[nodiscard]] int connections() const { return connections_; }
+
  private:
   static void trace(CorvilNetlinkDirection direction, const void* bytes, size_t /*length*/,
-                    void* kernel) {
+                    void* context) {
+    auto* kernel = static_cast<ScriptedKernel*>(context);
     if (direction == CORVIL_NETLINK_SENT) {
-      static_cast<ScriptedKernel*>(kernel)->answer(*static_cast<const nlmsghdr*>(bytes));
+      kernel->answer(*static_cast<const nlmsghdr*>(bytes));
+    } else if (!kernel->babble_.empty()) {
+      kernel->send(kernel->babble_);
     }
   }
 
@@ -58,20 +66,26 @@ class ScriptedKernel {
     if (const int peer = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC); peer != -1) {
       close(peer_);
       peer_ = peer;
+      ++connections_;
     }
     for (const std::string& datagram : script_(request)) {
-      if (datagram.empty()) {
-        shutdown(peer_, SHUT_WR);
-      } else {
-        send(peer_, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-      }
+      datagram.empty() ? static_cast<void>(shutdown(peer_, SHUT_WR)) : send(datagram);
     }
+  }
+
+  void send(const std::string& datagram) const {
+    ::send(peer_, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   }
 
   const int listener_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   int peer_ = -1;
-  const std::string path_;
+  int connections_ = 0;
+  static inline int count_ = 0;
+  // Each kernel has an address of its own, because the library keeps its connection to one.
+  const std::string name_ =
+      "@scripted_kernel." + std::to_string(getpid()) + "." + std::to_string(++count_);
   Script script_;
+  std::string babble_;
 };
 
 #endif  // TESTS_SUPPORT_SCRIPTED_KERNEL_H_
