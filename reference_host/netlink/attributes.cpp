@@ -7,33 +7,16 @@
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
 
-namespace {
-
-/// Appends to a message that does not end at a multiple of 4, as only other code leaves one. This
-/// is a function of its own because corvil_nla_put() then needs no stack frame: it takes 30 instead
-/// of 42 instructions.
-[[gnu::noinline]] int pad_and_put(nlmsghdr* message, uint16_t type, uint32_t length,
-                                  const void* payload) {
-  const uint32_t end = message->nlmsg_len;
-  message->nlmsg_len = NLMSG_ALIGN(end);
-  memset(reinterpret_cast<char*>(message) + end, 0, message->nlmsg_len - end);
-  return corvil_nla_put(message, type, length, payload);
-}
-
-}  // namespace
-
 CORVIL_EXPORT int corvil_nla_put(struct nlmsghdr* message, uint16_t type, uint32_t length,
                                  const void* payload) {
   if (length > UINT16_MAX - NLA_HDRLEN) {
     return -1;
   }
-  const uint32_t start = message->nlmsg_len;
-  if (start % NLA_ALIGNTO != 0) {
-    return pad_and_put(message, type, length, payload);
-  }
   auto* bytes = reinterpret_cast<char*>(message);
+  const uint32_t start = NLMSG_ALIGN(message->nlmsg_len);
   const uint32_t end = NLMSG_ALIGN(start + NLA_HDRLEN + length);
   const nlattr header = {static_cast<uint16_t>(NLA_HDRLEN + length), type};
+  memset(bytes + message->nlmsg_len, 0, start - message->nlmsg_len);
   memset(bytes + end - NLA_ALIGNTO, 0, NLA_ALIGNTO);  // The padding is in the last word.
   memcpy(bytes + start, &header, sizeof(header));
   message->nlmsg_len = end;

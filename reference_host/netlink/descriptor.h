@@ -2,7 +2,10 @@
 #ifndef REFERENCE_HOST_NETLINK_DESCRIPTOR_H_
 #define REFERENCE_HOST_NETLINK_DESCRIPTOR_H_
 
-#include <sys/types.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 namespace corvil::netlink {
 
@@ -11,21 +14,36 @@ namespace corvil::netlink {
 /// which is left alone. The destructor closes nothing.
 class Descriptor {
  public:
-  /// Closes the descriptor held so far and holds `fd`, the result of a system call that opens one.
-  /// Returns 0, or that call's errno when it failed.
-  [[nodiscard]] int adopt(int fd);
+  /// Holds `fd`, the result of a system call that opens one, in place of the descriptor held so
+  /// far, which is closed. Returns 0, or that call's errno when it failed.
+  [[nodiscard]] int adopt(int fd) {
+    if (fd == -1) {
+      return errno;
+    }
+    close();
+    number_ = fd;
+    return fstat(fd, &opened_) == 0 ? 0 : errno;
+  }
 
   /// Whether the number still refers to what was adopted.
-  [[nodiscard]] bool is_open() const;
+  [[nodiscard]] bool is_open() const {
+    struct stat status {};
+    return number_ != -1 && fstat(number_, &status) == 0 && status.st_dev == opened_.st_dev &&
+           status.st_ino == opened_.st_ino;
+  }
 
-  void close();
+  void close() {
+    if (is_open()) {
+      ::close(number_);
+    }
+    number_ = -1;
+  }
 
   [[nodiscard]] int number() const { return number_; }
 
  private:
   int number_ = -1;
-  dev_t device_ = 0;
-  ino_t inode_ = 0;
+  struct stat opened_ {};
 };
 
 }  // namespace corvil::netlink

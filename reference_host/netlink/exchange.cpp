@@ -16,7 +16,6 @@
 
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
-#include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_host/netlink/last_error.h"
 #include "reference_host/netlink/netlink_socket.h"
 #include "reference_host/netlink/observers.h"
@@ -49,17 +48,12 @@ const char* emulator_setting() {
   return value != nullptr ? value : "";
 }
 
-uint32_t sequence_seed() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
-
 /// What a thread keeps from one exchange to the next.
 struct Connection {
   NetlinkSocket socket;
   /// Goes on counting when the socket is replaced, so that a late reply never bears the number of a
   /// later request.
-  uint32_t sequence = sequence_seed();
+  uint32_t sequence = 0;
   bool busy = false;
 };
 
@@ -81,22 +75,6 @@ Connection* thread_connection() {
   }
   std::unique_ptr<Connection> created(new (std::nothrow) Connection);
   return pthread_setspecific(*kKey, created.get()) == 0 ? created.release() : nullptr;
-}
-
-/// Whether a datagram consists of whole messages, and its errors are long enough to be read.
-bool is_well_formed(std::span<const std::byte> datagram) {
-  const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
-  int left = static_cast<int>(datagram.size());
-  while (mnl_nlmsg_ok(message, left)) {
-    // mnl_nlmsg_ok() lets lengths from 2^31 on pass, which it takes for negative ones.
-    if (message->nlmsg_len > datagram.size() ||
-        (message->nlmsg_type == NLMSG_ERROR &&
-         mnl_nlmsg_get_payload_len(message) < sizeof(nlmsgerr))) {
-      return false;
-    }
-    message = mnl_nlmsg_next(message, &left);
-  }
-  return left <= 0;
 }
 
 /// The header of a request as it is sent.
@@ -134,10 +112,9 @@ class Exchange {
  public:
   Exchange(const Request& request, Connection& connection, int* kernel_error)
       : request_(request),
-        socket_(connection.socket),
         connection_(connection),
         kernel_error_(kernel_error),
-        endpoint_{request.protocol, emulator_setting()} {
+        emulator_(emulator_setting()) {
     connection_.busy = true;
   }
   ~Exchange() { connection_.busy = false; }
@@ -156,10 +133,9 @@ class Exchange {
   Progress give_up(int error);
 
   const Request& request_;
-  NetlinkSocket& socket_;
   Connection& connection_;
   int* kernel_error_;
-  Endpoint endpoint_;
+  const char* emulator_;
   Deadline deadline_;
   uint32_t sequence_ = 0;
   bool lost_ = false;         // The receive buffer overflowed.
@@ -178,7 +154,7 @@ Progress Exchange::ask() {
   // are no answer never lets it wait, so the clock is looked at here, too.
   do {
     std::span<const std::byte> datagram;
-    const int error = socket_.receive(deadline_, &datagram);
+    const int error = connection_.socket.receive(deadline_, &datagram);
     if (error != 0 && error != ENOBUFS) {
       return give_up(error);
     }
@@ -193,64 +169,59 @@ Progress Exchange::ask() {
 
 int Exchange::send() {
   const nlmsghdr header = header_of(request_, sequence_);
-  const bool kept = socket_.is_open_to(endpoint_);
+  const bool kept = connection_.socket.is_open_to(request_.protocol, emulator_);
   if ((!kept && open() == -1) || show_request(request_.protocol, header, request_.message) == -1) {
     return -1;
   }
-  int error = socket_.send(header, request_.message);
+  int error = connection_.socket.send(header, request_.message);
   if (kept && (error == EPIPE || error == ECONNRESET)) {
     // The peer has closed the kept connection since the last exchange. It may have been restarted.
     if (open() == -1) {
       return -1;
     }
-    error = socket_.send(header, request_.message);
+    error = connection_.socket.send(header, request_.message);
   }
   if (error != 0) {
-    socket_.close();
+    connection_.socket.close();
     return fail(error, "cannot send the request: %m");
   }
   return 0;
 }
 
 int Exchange::open() {
-  const int error = socket_.open(endpoint_);
+  const int error = connection_.socket.open(request_.protocol, emulator_);
   if (error == 0) {
     return 0;
   }
-  return endpoint_.emulator[0] != '\0'
-             ? fail(error, "cannot reach the emulator: %m: %s", endpoint_.emulator)
-             : fail(error, "cannot open a socket of netlink protocol %d: %m", endpoint_.protocol);
+  return emulator_[0] != '\0'
+             ? fail(error, "cannot reach the emulator: %m: %s", emulator_)
+             : fail(error, "cannot open a socket of netlink protocol %d: %m", request_.protocol);
 }
 
 Progress Exchange::take(std::span<const std::byte> datagram) {
-  if (!is_well_formed(datagram)) {
-    return give_up(EBADMSG);
-  }
   const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
   int left = static_cast<int>(datagram.size());
-  while (mnl_nlmsg_ok(message, left)) {
-    if (message->nlmsg_seq == sequence_) {
-      const Progress progress = take(message);
-      if (progress != Progress::kPending) {
-        return progress;
-      }
+  // mnl_nlmsg_ok() lets lengths from 2^31 on pass, which it takes for negative ones.
+  while (mnl_nlmsg_ok(message, left) && message->nlmsg_len <= datagram.size()) {
+    const Progress progress = message->nlmsg_seq == sequence_ ? take(message) : Progress::kPending;
+    if (progress != Progress::kPending) {
+      return progress;
     }
     message = mnl_nlmsg_next(message, &left);
   }
-  return Progress::kPending;
+  return left > 0 ? give_up(EBADMSG) : Progress::kPending;
 }
 
 Progress Exchange::take(const nlmsghdr* message) {
   interrupted_ |= (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
-  const void* payload = mnl_nlmsg_get_payload(message);
-  if (message->nlmsg_type == NLMSG_ERROR) {
-    const int result = static_cast<const nlmsgerr*>(payload)->error;
-    return request_.dump && result == 0 ? Progress::kPending : finish(result, message);
-  }
-  if (message->nlmsg_type == NLMSG_DONE && request_.dump) {
-    return mnl_nlmsg_get_payload_len(message) < sizeof(int)
-               ? give_up(EBADMSG)
-               : finish(*static_cast<const int*>(payload), message);
+  const bool is_error = message->nlmsg_type == NLMSG_ERROR;
+  if (is_error || (message->nlmsg_type == NLMSG_DONE && request_.dump)) {
+    if (mnl_nlmsg_get_payload_len(message) < (is_error ? sizeof(nlmsgerr) : sizeof(int))) {
+      return give_up(EBADMSG);
+    }
+    // Both begin with the result. The acknowledgement of a dump is followed by the dump.
+    const int result = *static_cast<const int*>(mnl_nlmsg_get_payload(message));
+    return is_error && request_.dump && result == 0 ? Progress::kPending : finish(result, message);
   }
   if (message->nlmsg_type == request_.message->nlmsg_type && request_.callback != nullptr) {
     request_.callback(message, request_.context);
@@ -290,7 +261,7 @@ Progress Exchange::give_up(int error) {
   // After these two errors the socket can be kept: a late answer is recognised by its number. A
   // dump is no such case, because the kernel has more of it to send and starts no other meanwhile.
   if (request_.dump || (error != ETIMEDOUT && error != ENOBUFS)) {
-    socket_.close();
+    connection_.socket.close();
   }
   fail_to_receive(error, deadline_.timeout());
   return Progress::kFailed;
@@ -310,14 +281,14 @@ int exchange(const Request& request, int* kernel_error) {
     return fail(EINVAL, "the request is shorter than its header");
   }
   if (dry_run_family_id() != 0) {
-    clear_last_error();
+    last_error = {};
     return show_request(request.protocol, header_of(request, 0), request.message);
   }
   Exchange current(request, *connection, kernel_error);
   for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
     const Progress progress = current.ask();
     if (progress == Progress::kDone) {
-      clear_last_error();
+      last_error = {};
       return 0;
     }
     if (progress == Progress::kFailed) {

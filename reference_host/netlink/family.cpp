@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 #include "host_interfaces/corvil_netlink.h"
@@ -17,10 +18,10 @@ namespace {
 
 using corvil::netlink::dry_run_family_id;
 using corvil::netlink::fail;
+using corvil::netlink::last_error;
 
 struct Family {
-  bool known;
-  uint16_t id;
+  uint16_t id;  // 0: unknown
   uint32_t version;
 };
 
@@ -39,7 +40,7 @@ int take_family(const nlmsghdr* reply, void* context) {
       mnl_attr_get_payload_len(version) < sizeof(uint32_t)) {
     return 0;
   }
-  *static_cast<Family*>(context) = {true, mnl_attr_get_u16(id), mnl_attr_get_u32(version)};
+  *static_cast<Family*>(context) = {mnl_attr_get_u16(id), mnl_attr_get_u32(version)};
   return 1;
 }
 
@@ -66,14 +67,17 @@ CORVIL_EXPORT int corvil_netlink_query_genl(const char* family_name, uint32_t ve
   }
   Family family{};
   if (query_family(family_name, &family) == -1) {
-    corvil::netlink::explain_kernel_error("netlink family %s is not available", family_name);
+    if (last_error.from_kernel == 1 && last_error.message[0] == '\0') {
+      snprintf(last_error.message, sizeof(last_error.message), "netlink family %s is not available",
+               family_name);
+    }
     return -1;
   }
   if (dry_run_family_id() != 0) {
     *family_id = dry_run_family_id();
     return 0;
   }
-  if (!family.known) {
+  if (family.id == 0) {
     return fail(EBADMSG, "the controller's answer lacks the id or version of family %s",
                 family_name);
   }

@@ -11,12 +11,9 @@
 
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
-#include "reference_host/netlink/corvil_netlink_control.h"
 
 namespace corvil::netlink {
 namespace {
-
-constinit thread_local CorvilNetlinkError last_error{};
 
 /// Where the extack's attributes begin in the payload of an answer that has them. May lie beyond
 /// the payload: an uncapped answer repeats the request, whose length is the peer's word.
@@ -39,18 +36,10 @@ uint32_t u32_or_zero(const nlattr* attribute) {
 
 }  // namespace
 
-void clear_last_error() {
-  // Every success comes here, so the rest of the message's bytes stay as they are.
-  last_error.error = 0;
-  last_error.from_kernel = 0;
-  last_error.attribute_offset = 0;
-  last_error.missing_attribute = 0;
-  last_error.missing_nest_offset = 0;
-  last_error.message[0] = '\0';
-}
+constinit thread_local CorvilNetlinkError last_error{};
 
 int fail(int error, const char* format, ...) {
-  clear_last_error();
+  last_error = {};
   last_error.error = error;
   va_list arguments;
   va_start(arguments, format);
@@ -61,7 +50,7 @@ int fail(int error, const char* format, ...) {
 }
 
 void record_kernel_error(int error, const nlmsghdr* answer) {
-  clear_last_error();
+  last_error = {};
   last_error.error = error;
   last_error.from_kernel = 1;
   const uint64_t offset = extack_offset(answer);
@@ -82,19 +71,9 @@ void record_kernel_error(int error, const nlmsghdr* answer) {
   }
 }
 
-void explain_kernel_error(const char* format, ...) {
-  if (last_error.from_kernel == 0 || last_error.message[0] != '\0') {
-    return;
-  }
-  va_list arguments;
-  va_start(arguments, format);
-  vsnprintf(last_error.message, sizeof(last_error.message), format, arguments);
-  va_end(arguments);
-}
-
 }  // namespace corvil::netlink
 
-CORVIL_EXPORT void corvil_netlink_clear_last_error() { corvil::netlink::clear_last_error(); }
+CORVIL_EXPORT void corvil_netlink_clear_last_error() { corvil::netlink::last_error = {}; }
 
 CORVIL_EXPORT const CorvilNetlinkError* corvil_netlink_last_error() {
   return &corvil::netlink::last_error;

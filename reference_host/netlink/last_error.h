@@ -4,9 +4,11 @@
 
 #include <linux/netlink.h>
 
+#include "reference_host/netlink/corvil_netlink_control.h"
+
 namespace corvil::netlink {
 
-void clear_last_error();
+extern constinit thread_local CorvilNetlinkError last_error;
 
 /// Records that the exchange itself failed: a positive errno, and a printf text in which %m stands
 /// for that errno's text. Returns -1.
@@ -16,9 +18,6 @@ int fail(int error, const char* format, ...) __attribute__((__format__(__printf_
 /// (extack) of its answer says. The answer is a well-formed NLMSG_ERROR, or an NLMSG_DONE that has
 /// room for the errno.
 void record_kernel_error(int error, const nlmsghdr* answer);
-
-/// Sets the message of a recorded kernel's error, if the kernel gave none.
-void explain_kernel_error(const char* format, ...) __attribute__((__format__(__printf__, 1, 2)));
 
 }  // namespace corvil::netlink
 

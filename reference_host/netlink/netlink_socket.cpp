@@ -74,15 +74,15 @@ std::chrono::nanoseconds Deadline::remaining() {
   return std::max(std::chrono::nanoseconds{end_ - now}, std::chrono::nanoseconds::zero());
 }
 
-bool NetlinkSocket::is_open_to(const Endpoint& endpoint) const {
-  return protocol_ == endpoint.protocol &&
+bool NetlinkSocket::is_open_to(int protocol, const char* emulator) const {
+  return protocol_ == protocol &&
          fork_generation_ == fork_generation.load(std::memory_order_relaxed) &&
-         strcmp(emulator_.sun_path, endpoint.emulator) == 0 && socket_.is_open();
+         strcmp(emulator_.sun_path, emulator) == 0 && socket_.is_open();
 }
 
-int NetlinkSocket::open(const Endpoint& endpoint) {
+int NetlinkSocket::open(int protocol, const char* emulator) {
   count_forks();
-  const size_t path_length = strlen(endpoint.emulator);
+  const size_t path_length = strlen(emulator);
   if (path_length >= sizeof(emulator_.sun_path)) {
     return ENAMETOOLONG;
   }
@@ -92,9 +92,9 @@ int NetlinkSocket::open(const Endpoint& endpoint) {
   if (buffer_ == nullptr) {
     return ENOMEM;
   }
-  protocol_ = endpoint.protocol;
+  protocol_ = protocol;
   emulator_.sun_family = AF_UNIX;
-  memcpy(emulator_.sun_path, endpoint.emulator, path_length + 1);
+  memcpy(emulator_.sun_path, emulator, path_length + 1);
   fork_generation_ = fork_generation.load(std::memory_order_relaxed);
   const int error = is_emulated() ? open_emulator() : open_kernel();
   if (error != 0) {

@@ -31,12 +31,6 @@ class Deadline {
   std::chrono::steady_clock::time_point end_;
 };
 
-/// Where requests go.
-struct Endpoint {
-  int protocol;          // netlink protocol
-  const char* emulator;  // path of the emulator's socket; empty: the kernel
-};
-
 /// What returns an int returns 0 or a positive errno, which is ETIMEDOUT when it would have had to
 /// wait longer than the time-out. For one thread only.
 class NetlinkSocket {
@@ -46,12 +40,13 @@ class NetlinkSocket {
   NetlinkSocket(const NetlinkSocket&) = delete;
   NetlinkSocket& operator=(const NetlinkSocket&) = delete;
 
-  /// Whether requests to the endpoint can go through this socket. Not in a forked child, because
-  /// the parent still uses the connection, and not once the host has closed the descriptor.
-  [[nodiscard]] bool is_open_to(const Endpoint& endpoint) const;
+  /// Whether requests of a netlink protocol to an emulator, or to the kernel where its path is
+  /// empty, can go through this socket. Not in a forked child, because the parent still uses the
+  /// connection, and not once the host has closed the descriptor.
+  [[nodiscard]] bool is_open_to(int protocol, const char* emulator) const;
 
-  /// Closes the socket and opens one to the endpoint.
-  [[nodiscard]] int open(const Endpoint& endpoint);
+  /// Closes the socket and opens one to there.
+  [[nodiscard]] int open(int protocol, const char* emulator);
 
   void close() { socket_.close(); }
 
