@@ -9,8 +9,6 @@ cmake --preset coverage --log-level=WARNING
 cmake --build --preset coverage
 
 build=build/coverage
-LLVM_PROFILE_FILE=$build/logging.profraw $build/bin/library_test --gtest_brief=1
-LLVM_PROFILE_FILE=$build/silent.profraw FAKE_HOST_SILENT=1 $build/bin/library_test \
-  --gtest_brief=1 --gtest_filter=-LogTest.*
-llvm-profdata-19 merge -o $build/profile $build/logging.profraw $build/silent.profraw
+LLVM_PROFILE_FILE=$build/profraw $build/bin/library_test --gtest_brief=1
+llvm-profdata-19 merge -o $build/profile $build/profraw
 llvm-cov-19 export $build/bin/library_test -instr-profile=$build/profile | tests/library/coverage_report.py

@@ -26,9 +26,13 @@ if [ -e "$host" ]; then
   diff <(echo secure_getenv) <(nm -D --undefined-only "$host" | grep -o '[a-z_]*getenv')
 fi
 
-# Full RELRO: the log statements' descriptors hold pointers and are read-only after relocation.
+# Full RELRO: the log statements' descriptors hold pointers and are read-only after relocation. What
+# stays writable is the compiler's own handle.
 readelf -l "$library" | grep GNU_RELRO >/dev/null
 readelf -d "$library" | grep -E 'BIND_NOW|FLAGS.*NOW' >/dev/null
+writable=$(readelf -S --wide "$library" |
+  sed -nE 's/.* \.data +PROGBITS +[0-9a-f]+ [0-9a-f]+ ([0-9a-f]+) .*/\1/p')
+[ $((16#${writable:-0})) -le 8 ]
 
 stripped=$(mktemp)
 trap 'rm -f "$stripped"' EXIT

@@ -4,11 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <limits>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -18,50 +16,16 @@
 
 namespace {
 
-using fake_host::Events;
 using fake_host::host;
-
-/// A log file in memory.
-class LogFile {
- public:
-  LogFile() : stream_(open_memstream(&text_, &size_)) {}
-  LogFile(const LogFile&) = delete;
-  LogFile& operator=(const LogFile&) = delete;
-  ~LogFile() {
-    fclose(stream_);
-    std::free(text_);
-  }
-  [[nodiscard]] FILE* stream() const { return stream_; }
-  [[nodiscard]] std::string text() const { return {text_, size_}; }
-
- private:
-  char* text_ = nullptr;
-  size_t size_ = 0;
-  FILE* stream_;
-};
 
 class LogTest : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("TZ", "UTC", 1);
     fake_host::reset();
-    host().clock_seconds = 36942;  // 10:15:42
-    host().on_log_call = [this](const std::string& call) { calls_.push_back(call); };
     zu_log_mask = 0;
   }
-  void TearDown() override {
-    fake_host::reset();
-    fake_host::statements() = statements_;
-  }
-
-  void open_log_file() {
-    log_to_file = 1;
-    logging_fd = file_.stream();
-  }
-
-  LogFile file_;
-  Events calls_;
-  const fake_host::Statements statements_ = fake_host::statements();  // without this test's own
+  void TearDown() override { fake_host::reset(); }
 };
 
 void log_each_level() {
@@ -74,148 +38,87 @@ void log_each_level() {
 #line 7000
   DATAPATH_LOG_AS(ERR, "a_name", "%s(): err 0x%x", uint32_t{255});
 }
-#line 75 "tests/library/log_test.cpp"
+#line 42 "tests/library/log_test.cpp"
 
 TEST_F(LogTest, SwitchedOffItReadsTheSettingsAndNothingElse) {
   int evaluated = 0;
-  for (const uint32_t mask : {0U, 4U, 0xfffffffcU}) {
+  for (const auto& [mask, to_file, stream] :
+       {std::tuple{0U, 0, stderr}, {4U, 1, nullptr}, {0xfffffffcU, 0, nullptr}}) {
     zu_log_mask = mask;
+    log_to_file = static_cast<uint8_t>(to_file);
+    logging_fd = stream;
     DATAPATH_LOG(ERR, "%s(): %d", ++evaluated);
   }
-  log_to_file = 1;  // and no stream
-  DATAPATH_LOG(ERR, "%s(): %d", ++evaluated);
-  log_to_file = 0;
-  logging_fd = file_.stream();
-  DATAPATH_LOG(ERR, "%s(): %d", ++evaluated);
-
   EXPECT_EQ(evaluated, 0);
-  EXPECT_EQ(calls_, Events{});
-  EXPECT_EQ(file_.text(), "");
+  EXPECT_EQ(host().transcript, "");
 }
 
-TEST_F(LogTest, WritesTheFileInColumns) {
-  open_log_file();
-  host().clock_microseconds = 7999;
+TEST_F(LogTest, ReachesTheSinksThatAreOn) {
+  const std::string place =
+      "fprintf                10:15:42.7                               "
+      "datapath_proxy/src/corvil_datapath_proxy                           ";
+  const std::string end = "fputc \\n\nfflush\n";
+  host().clock = {36942, 7999};  // 10:15:42.007999
+  fake_host::open_log_file();
   log_each_level();
-  const auto line = [](const std::string& name, const std::string& rest) {
-    return "               10:15:42.7                               datapath_proxy/src/"
-           "corvil_datapath_proxy" +
-           name + rest + "\n";
-  };
-  const std::string name = "                           log_each_level():";
-  EXPECT_EQ(file_.text(), line(name, "  7 (LOW):log_each_level(): low 1") +
-                              line(name, " 70 (MED):log_each_level(): med two\n") +
-                              line(name, "700 (HIGH):log_each_level(): high 3\n") +
-                              line("                                   a_name():",
-                                   "7000 (ERR):a_name(): err 0xff"));
+  EXPECT_EQ(host().transcript,
+            place + "log_each_level():  7 (LOW):\nfprintf log_each_level(): low 1\n" + end +  //
+                place + "log_each_level(): 70 (MED):\nfprintf log_each_level(): med two\\n\n" +
+                end + place +
+                "log_each_level():700 (HIGH):\nfprintf log_each_level(): high 3\\n\n" + end +
+                place + "        a_name():7000 (ERR):\nfprintf a_name(): err 0xff\n" + end);
+  log_to_file = 0;
+  host().transcript.clear();
+  zu_log_mask = 3;
+  log_each_level();
+  EXPECT_EQ(host().transcript, R"(LOW log_each_level(): low 1
+android 3 VX-CORVIL-LIB log_each_level(): low 1
+MED log_each_level(): med two\n
+android 4 VX-CORVIL-LIB log_each_level(): med two\n
+HIGH log_each_level(): high 3\n
+android 4 VX-CORVIL-LIB log_each_level(): high 3\n
+ERR a_name(): err 0xff
+android 6 VX-CORVIL-LIB a_name(): err 0xff
+)");
 }
 
 TEST_F(LogTest, StampsTheTimeWithoutLeadingZeros) {
-  open_log_file();
-  const std::vector<std::pair<int, std::string>> cases = {
-      {0, "10:15:42.0 "},      {999, "10:15:42.0 "},      {12000, "10:15:42.12 "},
-      {70000, "10:15:42.70 "}, {700000, "10:15:42.700 "}, {999999, "10:15:42.999 "}};
-  for (const auto& [microseconds, stamp] : cases) {
-    host().clock_microseconds = microseconds;
+  const std::vector<std::pair<timeval, std::string>> cases = {
+      {{36942, 999}, " 10:15:42.0 "},
+      {{36942, 12000}, " 10:15:42.12 "},
+      {{0, 700000}, " 00:00:00.700 "},
+      {{86399, 999999}, " 23:59:59.999 "},
+      {{std::numeric_limits<time_t>::max(), 42000}, ".42 "}};  // in a year that no int holds
+  for (const auto& [clock, stamp] : cases) {
+    host().clock = clock;
+    host().transcript.clear();
+    fake_host::open_log_file();
     DATAPATH_LOG(LOW, "%s()");
-    EXPECT_NE(file_.text().find(stamp), std::string::npos) << stamp << "in\n" << file_.text();
-  }
-  host().clock_works = false;
-  DATAPATH_LOG(LOW, "%s()");
-  EXPECT_NE(file_.text().find("               00:00:00.0 "), std::string::npos);
-  if (sizeof(time_t) > 4) {
-    host().clock_works = true;
-    host().clock_seconds = INT64_MAX;  // in a year that no int holds
-    host().clock_microseconds = 42000;
-    DATAPATH_LOG(LOW, "%s()");
-    EXPECT_NE(file_.text().find("\n                      .42 "), std::string::npos);
-  }
-}
-
-TEST_F(LogTest, WritesThreeTimesToTheStreamOfTheMoment) {
-  open_log_file();
-  LogFile others[3];
-  int next = 0;
-  host().on_log_call = [&](const std::string& call) {
-    calls_.push_back(call);
-    if (next < 3 && (call == "fprintf" || call == "fputc")) {
-      logging_fd = others[next++].stream();
-    }
-  };
-  DATAPATH_LOG_AS(MED, "f", "%s(): text");
-  EXPECT_EQ(calls_, (Events{"gettimeofday", "fprintf", "fprintf", "fputc", "fflush"}));
-  fflush(file_.stream());
-  fflush(others[0].stream());
-  fflush(others[1].stream());
-  EXPECT_TRUE(file_.text().ends_with("(MED):")) << file_.text();
-  EXPECT_EQ(others[0].text(), "f(): text");
-  EXPECT_EQ(others[1].text(), "\n");
-}
-
-TEST_F(LogTest, ReachesTheSinksOfTheMask) {
-  const std::vector<std::pair<std::string, std::string>> messages = {
-      {"LOW ", "3 VX-CORVIL-LIB log_each_level(): low 1"},
-      {"MED ", "4 VX-CORVIL-LIB log_each_level(): med two\n"},
-      {"HIGH ", "4 VX-CORVIL-LIB log_each_level(): high 3\n"},
-      {"ERR ", "6 VX-CORVIL-LIB a_name(): err 0xff"}};
-  for (const uint32_t mask : {1U, 2U, 7U}) {
-    Events expected;
-    for (const auto& [level, android] : messages) {
-      if ((mask & 1) != 0) {
-        expected.push_back(level + android.substr(strlen("3 VX-CORVIL-LIB ")));
-      }
-      if ((mask & 2) != 0) {
-        expected.push_back("android " + android);
-      }
-    }
-    host().events.clear();
-    zu_log_mask = mask;
-    log_each_level();
-    EXPECT_EQ(host().events, expected) << "mask " << mask;
+    EXPECT_NE(host().transcript.find(stamp), std::string::npos) << host().transcript;
   }
 }
 
 TEST_F(LogTest, ReadsTheMaskAgainAfterTheDiagnosticSink) {
-  for (const auto& [before, after, android] : {std::tuple{1U, 2U, 1}, std::tuple{3U, 1U, 0}}) {
-    calls_.clear();
+  for (const auto& [before, after, transcript] :
+       {std::tuple{1U, 2U, "LOW f()\nandroid 3 VX-CORVIL-LIB f()\n"},
+        {3U, 1U, "LOW f()\n"},
+        {2U, 1U, "android 3 VX-CORVIL-LIB f()\n"}}) {
+    host().transcript.clear();
+    host().next_log_mask = after;
     zu_log_mask = before;
-    host().on_log_call = [&, next = after](const std::string& call) {
-      calls_.push_back(call);
-      if (call == "msg_sprintf") {
-        zu_log_mask = next;
-      }
-    };
-    DATAPATH_LOG(LOW, "%s()");
-    EXPECT_EQ(std::count(calls_.begin(), calls_.end(), "__android_log_print"), android);
+    DATAPATH_LOG_AS(LOW, "f", "%s()");
+    EXPECT_EQ(host().transcript, transcript);
   }
 }
 
 TEST_F(LogTest, CutsALongMessageForTheDiagnosticSinkOnly) {
-  open_log_file();
+  fake_host::open_log_file();
   zu_log_mask = 3;
   const std::string text(600, 'x');
   DATAPATH_LOG_AS(LOW, "f", "%s:%s", text.c_str());
-  EXPECT_EQ(host().events,
-            (Events{"LOW f:" + text.substr(0, 509), "android 3 VX-CORVIL-LIB f:" + text}));
-  EXPECT_NE(file_.text().find("f:" + text + "\n"), std::string::npos);
-}
-
-TEST_F(LogTest, DescribesEachStatementInReadOnlyMemory) {
-  zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
-  log_each_level();
-  log_each_level();
-  const auto& descriptors = host().descriptors;
-  ASSERT_EQ(descriptors.size(), 8U);
-  const std::vector<std::pair<uint16_t, uint32_t>> lines_and_masks = {
-      {7, 1}, {70, 2}, {700, 4}, {7000, 8}};
-  for (size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(descriptors[i], descriptors[i + 4]) << "one descriptor a statement";
-    EXPECT_EQ(descriptors[i]->line, lines_and_masks[i].first);
-    EXPECT_EQ(descriptors[i]->level_mask, lines_and_masks[i].second);
-    EXPECT_EQ(descriptors[i]->subsystem, 65);
-    EXPECT_STREQ(descriptors[i]->file, "datapath_proxy/src/corvil_datapath_proxy");
-    EXPECT_EQ(fake_host::permissions_of(descriptors[i]), "r--p");
-  }
+  EXPECT_TRUE(host().transcript.ends_with("\nfprintf f:" + text +
+                                          "\nfputc \\n\nfflush\nLOW f:" + text.substr(0, 509) +
+                                          "\nandroid 3 VX-CORVIL-LIB f:" + text + "\n"));
 }
 
 }  // namespace
