@@ -1,214 +1,265 @@
-// datapath_bench: the library beside a client on libmnl, one on libnl and the bare system calls.
-// Prints rows of the table whose head is in scripts/bench.sh.
+// datapath_bench UNIT: what the library's calls cost beside the same requests sent by means of
+// libmnl and of libnl. Prints the rows of a table whose head is in scripts/bench.sh: instructions
+// under callgrind, else nanoseconds.
 //
-//   datapath_bench count UNIT FILE   instructions and heap allocations, under callgrind with FILE
-//   datapath_bench calls UNIT        time of whole calls
-//   datapath_bench look-up UNIT      time of asking any kernel's controller: half a call
-//   datapath_bench emulator PATH     serves the emulator that the others talk to, without any
-//   output
-#include <dlfcn.h>
+// The other two ways send again what the library has sent in a call: they look the family up, put
+// the attributes of each request into a message of its exact size, and wait for the answer. Sockets
+// are kept. So they have no argument to check, no size to sum up and nothing to log.
+#include <libmnl/libmnl.h>
+#include <linux/genetlink.h>
+#include <netlink/genl/ctrl.h>
+#include <netlink/genl/genl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 #include <valgrind/callgrind.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "bench/clients.h"
-#include "datapath_proxy/src/datapath_log.h"
-#include "reference_kernel/emulator/emulator.h"
+#include "host_interfaces/corvil_port_utils.h"
+#include "kernel_interface/tavik_wlan.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
+#include "tests/support/calls.h"
 
-namespace bench {
-namespace {
-
-/// The ways to do the same.
-enum Way : uint8_t { kLibrary, kLibmnl, kLibnl, kFloor, kWays };
-
-using Run = int (*)();  // -1: failed
-
-struct Case {
-  const char* name;
-  uint32_t size;    // ports or tuples; figures are those of one of them
-  Run runs[kWays];  // null where there is none
-};
-
-uint32_t listed = 0;  // ports that the case at hand lists
-std::string* recorded = nullptr;
-size_t allocations = 0;
-
-/// The bytes of the requests that a case sends.
-std::string record(const Case& each, Way way) {
-  std::string bytes;
-  recorded = &bytes;
-  null_host = true;
-  listed = each.size;
-  each.runs[way]();
-  null_host = false;
-  recorded = nullptr;
-  return bytes;
-}
-
-/// As many as the family can hold.
-const auto kPorts = [] {
-  std::vector<PortDescriptor> all(65536);
-  for (uint32_t i = 0; i < all.size(); ++i) {
-    all[i] = {i % 2 == 0 ? 4U : 6U, i % 4 < 2 ? 6U : 17U, static_cast<uint16_t>(i / 4 + 1)};
-  }
-  return all;
-}();
-
-const PortDescriptor* ports(uint32_t from = 0) { return kPorts.data() + from; }
-
-/// A call by the library and by a generic client, which is to send the same bytes.
-template <typename Client>
-Case call(const char* name, uint32_t size, Run library, Client /*stateless*/) {
-  const Case each{name,
-                  size,
-                  {library, [] { return Client{}.template operator()<MnlMessage>(); },
-                   [] { return Client{}.template operator()<NlMessage>(); }, bare_call}};
-  const std::string bytes = record(each, kLibrary);
-  if (bytes.empty() || record(each, kLibmnl) != bytes || record(each, kLibnl) != bytes) {
-    fprintf(stderr, "datapath_bench: %s: a client sends other bytes\n", name);
-    exit(1);
-  }
-  return each;
-}
-
-// What the library is called with, and what a client does instead, its messages being M.
-#define CALL_OF(label, size, name, arguments, ...)                        \
-  call(                                                                   \
-      label, size, [] { return corvil_datapath_proxy_##name arguments; }, \
-      []<class M>() -> int { return __VA_ARGS__; })
-#define CALL(name, arguments, ...) CALL_OF(#name, 1, name, arguments, __VA_ARGS__)
-
-constexpr Flow kFlow{{{0, 0}, 0x01100000}, "2001:db8::1"};
-constexpr Attribute<const char*> kDevice{TAVIK_WLAN_ATTR_DEV, "wlan0"};
-constexpr Attribute<const char*> kTo{TAVIK_WLAN_ATTR_FWD_TO, "wlan0"};
-constexpr Attribute<const char*> kFrom{TAVIK_WLAN_ATTR_FWD_FROM, "rmnet_data0"};
-constexpr Attribute<uint8_t> kSelector{TAVIK_WLAN_ATTR_SELECTOR, 1};
-constexpr Attribute<const char*> kSource{TAVIK_WLAN_ATTR_LL_SRC_ADDR, "10.0.0.1"};
-constexpr Attribute<const char*> kSink{TAVIK_WLAN_ATTR_LL_DST_ADDR, "10.0.0.2"};
-constexpr Attribute<uint16_t> kSourcePort{TAVIK_WLAN_ATTR_LL_SRC_PORT, 0x8813};
-constexpr Attribute<uint16_t> kSinkPort{TAVIK_WLAN_ATTR_LL_DST_PORT, 0x8913};
-constexpr Attribute<uint16_t> kEncap{TAVIK_WLAN_ATTR_ENCAP_PORT, 0x9411};
-
-Tuples<PortDescriptor> list(uint32_t from = 0) { return {ports(from), listed}; }
-
-Case list_of_ports(const char* label, uint32_t count) {
-  return CALL_OF(label, count, update_config_info, (ports(), listed, nullptr, 0),
-                 request<M>(TAVIK_WLAN_CMD_ADD_TUPLES, list()));
-}
-
-Case set_udp_encap_port() {
-  return CALL(set_udp_encap_port, (kEncap.value),
-              request<M>(TAVIK_WLAN_CMD_SET_ENCAP_PORT, kEncap));
-}
-
-std::vector<Case> request_cases() {
-  return {
-      CALL(set_config_info,
-           (kDevice.value, kTo.value, kFrom.value, ports(), listed, kSelector.value),
-           -(request<M>(TAVIK_WLAN_CMD_ADD_TUPLES, list()) ||
-             request<M>(TAVIK_WLAN_CMD_ADD_FWD_INFO, kSelector, kTo, kFrom) ||
-             request<M>(TAVIK_WLAN_CMD_SET_DEV, kSelector, kDevice))),
-      CALL(unset_config_info,
-           (kDevice.value, kTo.value, kFrom.value, ports(), listed, kSelector.value),
-           -(request<M>(TAVIK_WLAN_CMD_UNSET_DEV, kSelector, kDevice) ||
-             request<M>(TAVIK_WLAN_CMD_DEL_FWD_INFO, kSelector, kTo, kFrom) ||
-             request<M>(TAVIK_WLAN_CMD_DEL_TUPLES, list()) ||
-             request<M>(TAVIK_WLAN_CMD_LL_ADDR_FLUSH))),
-      CALL(update_config_info, (ports(), listed, ports(listed), listed),
-           -(request<M>(TAVIK_WLAN_CMD_DEL_TUPLES, list(listed)) ||
-             request<M>(TAVIK_WLAN_CMD_ADD_TUPLES, list()))),
-      CALL(unset_reverse_dev_mapping, (kSelector.value, kTo.value, kFrom.value),
-           request<M>(TAVIK_WLAN_CMD_DEL_FWD_INFO, kSelector, kTo, kFrom)),
-      CALL(flush_config_info, (), request<M>(TAVIK_WLAN_CMD_RESET)),
-      CALL(add_ipsec_info, (&kFlow.info, kFlow.address),
-           request<M>(TAVIK_WLAN_CMD_ADD_TUPLES, Tuples<Flow>{&kFlow, 1})),
-      CALL(delete_ipsec_info, (&kFlow.info, kFlow.address),
-           request<M>(TAVIK_WLAN_CMD_DEL_TUPLES, Tuples<Flow>{&kFlow, 1})),
-      set_udp_encap_port(),
-      CALL(unset_udp_encap_port, (kEncap.value),
-           request<M>(TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, kEncap)),
-      CALL(act_encap_port_pass_through, (kEncap.value),
-           request<M>(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH, kEncap)),
-      CALL(act_encap_port_drop, (kEncap.value),
-           request<M>(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, kEncap)),
-      CALL(add_ll_dst_addr, (kSource.value, kSink.value, kSourcePort.value, kSinkPort.value),
-           request<M>(TAVIK_WLAN_CMD_LL_ADDR_ADD, kSource, kSink, kSourcePort, kSinkPort)),
-      CALL(flush_ll_dst_addr, (), request<M>(TAVIK_WLAN_CMD_LL_ADDR_FLUSH)),
-      CALL(get_port_tuple, (), request<M>(TAVIK_WLAN_CMD_GET_TUPLES)),
-      list_of_ports("1 port", 1),
-      list_of_ports("16 ports, each", 16),
-      list_of_ports("256 ports, each", 256),
-      list_of_ports("4095 ports, each", CORVIL_DATAPATH_PROXY_MAX_PORTS),
-  };
-}
-
-const Case kReadBack{
-    "60,000 tuples read back, each",
-    60000,
-    {corvil_datapath_proxy_get_port_tuple, read_back_by_libmnl, nullptr, bare_call}};
-
-int library_look_up() {
-  uint16_t family = 0;
-  return corvil_netlink_query_genl(family_name, 2, &family);
-}
-
-const Case kLookUp{"look-up of a family",
-                   1,
-                   {library_look_up, MnlMessage::resolve, NlMessage::resolve, bare_look_up}};
-
-int log_statement() {
-  DATAPATH_LOG(LOW, "%s(): Value %u\n", listed);
+// Keeps no port that is read back: the host's tree would take most of the time.
+extern "C" __attribute__((visibility("default"))) int corvil_port_utils_add_port_from_kernel(
+    uint16_t /*port*/, uint8_t /*ip_proto*/, uint8_t /*trans_proto*/) {
   return 0;
 }
 
-const Case kLog{"log statement, sinks off", 1, {log_statement, nullptr, nullptr, nullptr}};
-const Case kNothing{"nothing", 1, {[] { return 0; }, nullptr, nullptr, nullptr}};
+namespace {
 
-/// Has the kernel hold as many ports as the case has, and the floor send the request of the case.
-void prepare_call(const Case& each) {
-  corvil_datapath_proxy_flush_config_info();
-  for (uint32_t held = 0, more = 0; held < each.size; held += more) {
-    more = std::min(each.size - held, uint32_t{CORVIL_DATAPATH_PROXY_MAX_PORTS});
-    corvil_datapath_proxy_update_config_info(ports(held), more, nullptr, 0);
+using Run = std::function<int()>;  // -1: failed
+
+constexpr size_t kBufferSize = size_t{128} * 1024;
+alignas(nlmsghdr) char buffer[kBufferSize];
+
+/// A socket to the emulator that CORVIL_NETLINK_EMULATOR names, or else to the kernel.
+int open_socket() {
+  const char* emulator = getenv("CORVIL_NETLINK_EMULATOR");
+  if (emulator == nullptr) {
+    return socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC);
   }
-  bare_request = record(each, kLibrary);
-  auto* header = reinterpret_cast<nlmsghdr*>(bare_request.data());
-  header->nlmsg_type = static_cast<uint16_t>(MnlMessage::resolve());
-  header->nlmsg_flags |= each.runs[kLibrary] == kReadBack.runs[kLibrary] ? NLM_F_DUMP : 0;
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  sockaddr_un address{AF_UNIX, {}};
+  strncpy(address.sun_path, emulator, sizeof(address.sun_path) - 1);
+  return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 ? fd : -1;
+}
+
+/// Runs `take` on each attribute from `start` to `end`.
+void walk(const void* start, const void* end, auto&& take) {
+  const auto* attribute = static_cast<const nlattr*>(start);
+  const auto left = [&] {
+    return static_cast<int>(static_cast<const char*>(end) -
+                            reinterpret_cast<const char*>(attribute));
+  };
+  for (; mnl_attr_ok(attribute, left()); attribute = mnl_attr_next(attribute)) {
+    take(attribute);
+  }
+}
+
+void walk(const nlmsghdr* message, auto&& take) {
+  walk(mnl_nlmsg_get_payload_offset(message, GENL_HDRLEN), mnl_nlmsg_get_payload_tail(message),
+       take);
+}
+
+void walk(const nlattr* nest, auto&& take) {
+  const auto* payload = static_cast<const char*>(mnl_attr_get_payload(nest));
+  walk(payload, payload + mnl_attr_get_payload_len(nest), take);
+}
+
+/// Puts an attribute, with those inside it, into a message.
+void copy(const nlattr* attribute, auto& message) {
+  const uint16_t type = mnl_attr_get_type(attribute);
+  if ((attribute->nla_type & NLA_F_NESTED) == 0) {
+    message.put(type, mnl_attr_get_payload_len(attribute), mnl_attr_get_payload(attribute));
+    return;
+  }
+  nlattr* nest = message.open(type);
+  walk(attribute, [&](const nlattr* inside) { copy(inside, message); });
+  message.close(nest);
+}
+
+const genlmsghdr* generic_header(const nlmsghdr* request) {
+  return static_cast<const genlmsghdr*>(mnl_nlmsg_get_payload(request));
+}
+
+// By libmnl
+
+class MnlMessage {
+ public:
+  MnlMessage(uint32_t size, uint16_t type, uint16_t flags, uint8_t command)
+      : header_(mnl_nlmsg_put_header(calloc(1, size))) {
+    header_->nlmsg_type = type;
+    header_->nlmsg_flags = flags;
+    auto* generic = static_cast<genlmsghdr*>(mnl_nlmsg_put_extra_header(header_, GENL_HDRLEN));
+    generic->cmd = command;
+    generic->version = TAVIK_WLAN_FAMILY_VERSION;
+  }
+  MnlMessage(const MnlMessage&) = delete;
+  MnlMessage& operator=(const MnlMessage&) = delete;
+  ~MnlMessage() { free(header_); }
+
+  void put(uint16_t type, size_t size, const void* data) {
+    mnl_attr_put(header_, type, size, data);
+  }
+  nlattr* open(uint16_t type) { return mnl_attr_nest_start(header_, type); }
+  void close(nlattr* nest) { mnl_attr_nest_end(header_, nest); }
+
+  /// Sends it and takes replies up to the last, or until the callback has what it wants.
+  int exchange(mnl_cb_t callback, void* context) {
+    static const int fd = open_socket();
+    static uint32_t sequence = 0;
+    header_->nlmsg_seq = ++sequence;
+    ssize_t size = send(fd, header_, header_->nlmsg_len, 0);
+    int result = MNL_CB_OK;
+    while (size >= 0 && result > MNL_CB_STOP) {
+      size = recv(fd, buffer, kBufferSize, 0);
+      result = mnl_cb_run(buffer, static_cast<size_t>(size), sequence, 0, callback, context);
+    }
+    return size < 0 ? -1 : result;
+  }
+
+ private:
+  nlmsghdr* header_;
+};
+
+void take_tuple(const nlattr* attribute) {
+  DatapathTuple tuple;
+  if (mnl_attr_get_type(attribute) == TAVIK_WLAN_TUPLE_ATTR &&
+      mnl_attr_get_payload_len(attribute) == sizeof(tuple)) {
+    memcpy(&tuple, mnl_attr_get_payload(attribute), sizeof(tuple));
+    corvil_port_utils_add_port_from_kernel(ntohs(tuple.key.port), tuple.ip_proto,
+                                           tuple.trans_proto);
+  }
+}
+
+int take_tuples(const nlmsghdr* reply, void* /*context*/) {
+  walk(reply, [](const nlattr* container) {
+    walk(container, [](const nlattr* element) { walk(element, take_tuple); });
+  });
+  return MNL_CB_OK;
+}
+
+int take_family(const nlmsghdr* reply, void* id) {
+  walk(reply, [id](const nlattr* attribute) {
+    if (mnl_attr_get_type(attribute) == CTRL_ATTR_FAMILY_ID) {
+      *static_cast<uint16_t*>(id) = mnl_attr_get_u16(attribute);
+    }
+  });
+  return MNL_CB_STOP;
+}
+
+int send_by_libmnl(const nlmsghdr* request) {
+  uint16_t family = 0;
+  MnlMessage look_up(64, GENL_ID_CTRL, NLM_F_REQUEST, CTRL_CMD_GETFAMILY);
+  look_up.put(CTRL_ATTR_FAMILY_NAME, sizeof(TAVIK_WLAN_FAMILY_NAME), TAVIK_WLAN_FAMILY_NAME);
+  if (look_up.exchange(take_family, &family) < 0) {
+    return -1;
+  }
+  MnlMessage message(request->nlmsg_len, family, request->nlmsg_flags,
+                     generic_header(request)->cmd);
+  walk(request, [&](const nlattr* attribute) { copy(attribute, message); });
+  return message.exchange(take_tuples, nullptr);
+}
+
+// By libnl
+
+struct NlMessage {
+  nl_msg* message;
+  void put(uint16_t type, uint16_t size, const void* data) { nla_put(message, type, size, data); }
+  nlattr* open(uint16_t type) { return nla_nest_start(message, type); }
+  void close(nlattr* nest) { nla_nest_end(message, nest); }
+};
+
+/// Takes the place of nl_recv(), which insists on a netlink address.
+int receive_for_libnl(nl_sock* socket, sockaddr_nl* sender, unsigned char** bytes,
+                      ucred** /*credentials*/) {
+  *sender = {};
+  *bytes = static_cast<unsigned char*>(malloc(kBufferSize));
+  return static_cast<int>(recv(nl_socket_get_fd(socket), *bytes, kBufferSize, 0));
+}
+
+int send_by_libnl(const nlmsghdr* request) {
+  static nl_sock* const kSocket = [] {
+    nl_sock* opened = nl_socket_alloc();
+    genl_connect(opened);
+    nl_socket_modify_cb(
+        opened, NL_CB_VALID, NL_CB_CUSTOM,
+        [](nl_msg* reply, void* /*context*/) {
+          take_tuples(nlmsg_hdr(reply), nullptr);
+          return static_cast<int>(NL_OK);
+        },
+        nullptr);
+    if (getenv("CORVIL_NETLINK_EMULATOR") != nullptr) {
+      dup2(open_socket(), nl_socket_get_fd(opened));
+      nl_cb_overwrite_recv(nl_socket_get_cb(opened), receive_for_libnl);
+    }
+    return opened;
+  }();
+  const int family = genl_ctrl_resolve(kSocket, TAVIK_WLAN_FAMILY_NAME);
+  NlMessage message{nlmsg_alloc_size(request->nlmsg_len)};
+  genlmsg_put(message.message, NL_AUTO_PORT, NL_AUTO_SEQ, family, 0, request->nlmsg_flags,
+              generic_header(request)->cmd, TAVIK_WLAN_FAMILY_VERSION);
+  walk(request, [&](const nlattr* attribute) { copy(attribute, message); });
+  return family < 0 ? -1 : nl_send_sync(kSocket, message.message);
 }
 
 // Measuring
 
-using std::chrono::steady_clock;
-using Nanoseconds = std::chrono::duration<double, std::nano>;
+struct Case {
+  const char* name;
+  Run prepare;  // what the kernel holds already, after a reset
+  Run call;
+  uint32_t size = 1;  // in ports or tuples; figures are those of one of them
+};
 
-/// Of each way: a count, or the times of all rounds.
-using Samples = std::array<std::vector<double>, kWays>;
+int nothing() { return 0; }
 
-void run(const Case& each, size_t way, int times) {
-  listed = each.size;
-  for (int i = 0; i < times; ++i) {
-    if (each.runs[way]() < 0) {
-      fprintf(stderr, "datapath_bench: %s failed\n", each.name);
-      exit(1);
-    }
+/// All TCP ports over IPv4.
+const std::vector<PortDescriptor> kPorts = [] {
+  std::vector<PortDescriptor> ports(UINT16_MAX, {4, 6, 0});
+  for (size_t i = 0; i < ports.size(); ++i) {
+    ports[i].port = static_cast<uint16_t>(i);
   }
+  return ports;
+}();
+
+int add_ports(uint32_t count) {
+  int result = 0;
+  for (uint32_t held = 0, more = 0; held < count && result != -1; held += more) {
+    more = std::min(count - held, uint32_t{CORVIL_DATAPATH_PROXY_MAX_PORTS});
+    result = corvil_datapath_proxy_update_config_info(kPorts.data() + held, more, nullptr, 0);
+  }
+  return result;
 }
 
-/// Instructions since the counter was reset: callgrind's next dump says.
-double counted_instructions(const std::string& file) {
+const std::vector<Case> kCases = {
+    {"set_config_info", nothing, calls::up},
+    {"unset_config_info", calls::up, calls::down},
+    {"update_config_info", calls::up, calls::update},
+    {"unset_reverse_dev_mapping", calls::up, calls::unmap},
+    {"flush_config_info", calls::up, calls::reset},
+    {"add_ipsec_info", nothing, calls::add_ipsec},
+    {"delete_ipsec_info", calls::add_ipsec, calls::delete_ipsec},
+    {"each of the encapsulation port's four", calls::set_encap, calls::drop_encap},
+    {"add_ll_dst_addr", nothing, calls::add_flow},
+    {"flush_ll_dst_addr", calls::add_flow, calls::flush_flows},
+    {"get_port_tuple, two tuples", calls::up, calls::get_ports},
+    {"256 ports added, each", nothing, [] { return add_ports(256); }, 256},
+    {"60,000 tuples read back, each", [] { return add_ports(60000); }, calls::get_ports, 60000},
+};
+
+/// Instructions since the last time, where callgrind has collected them into a file.
+double collected_instructions(const std::string& file) {
   static int dumps = 0;
   CALLGRIND_DUMP_STATS;
   std::ifstream dump(file + '.' + std::to_string(++dumps));
@@ -217,198 +268,81 @@ double counted_instructions(const std::string& file) {
       return std::stod(line.substr(strlen("summary: ")));
     }
   }
-  return NAN;  // not under callgrind
-}
-
-/// Instructions of one run, the loop around it included, and its heap allocations.
-std::pair<double, size_t> count(const Case& each, size_t way, const std::string& file) {
-  const int times = each.size > 1000 ? 2 : 100;
-  run(each, way, 2);
-  const size_t before = allocations;
-  CALLGRIND_ZERO_STATS;
-  run(each, way, times);
-  const size_t allocated = allocations - before;
-  return {counted_instructions(file) / times, allocated / static_cast<size_t>(times)};
-}
-
-/// Time of one run on the clock on the wall, since most of it may be another process's.
-Nanoseconds measure(const Case& each, size_t way, int times) {
-  const auto start = steady_clock::now();
-  run(each, way, times);
-  return Nanoseconds(steady_clock::now() - start) / times;
-}
-
-double quantile(std::vector<double> values, size_t quarters) {
-  std::ranges::sort(values);
-  return values[(values.size() - 1) * quarters / 4];
-}
-
-/// The middle of the library's ratios to another way, round by round, and the quartiles.
-void print_ratio(const std::vector<double>& library, const std::vector<double>& other) {
-  std::vector<double> ratios;
-  std::ranges::transform(library, other, std::back_inserter(ratios), std::divides<>());
-  if (!ratios.empty()) {
-    printf(" %.2f", quantile(ratios, 2));
-  }
-  if (ratios.size() > 1) {
-    printf(" [%.2f, %.2f]", quantile(ratios, 1), quantile(ratios, 3));
-  }
-  printf(" |");
-}
-
-void print_row(const Case& each, const char* unit, const Samples& samples,
-               const std::string& allocated) {
-  printf("| %s | %s |", each.name, unit);
-  for (const auto& of_way : samples) {
-    const double figure = of_way.empty() ? 0 : quantile(of_way, 2) / each.size;
-    printf(of_way.empty() ? " |" : figure < 100 ? " %.1f |" : " %.0f |", figure);
-  }
-  for (const Way other : {kLibmnl, kLibnl, kFloor}) {
-    print_ratio(samples[kLibrary], samples[other]);
-  }
-  printf(" %s |\n", allocated.c_str());
-}
-
-void print_counts(const Case& each, const char* unit, const std::string& file) {
-  static const double kLoop = count(kNothing, kLibrary, file).first;
-  Samples samples;
-  std::string allocated;
-  for (const Way way : {kLibrary, kLibmnl, kLibnl}) {
-    if (each.runs[way] != nullptr) {
-      const auto [instructions, allocated_here] = count(each, way, file);
-      samples[way] = {instructions - kLoop};
-      allocated += (way == kLibrary ? "" : ", ") + std::to_string(allocated_here);
-    }
-  }
-  print_row(each, unit, samples, allocated);
-}
-
-/// A second of rounds, in which each way runs for half a millisecond; another comes first each
-/// time.
-void print_times(const Case& each, const char* unit) {
-  Samples samples;
-  run(each, kLibrary, 2);
-  const int times = 1 + static_cast<int>(5e5 / measure(each, kLibrary, 1).count());
-  const auto end = steady_clock::now() + std::chrono::seconds(1);
-  for (size_t round = 0; steady_clock::now() < end; ++round) {
-    for (size_t i = 0; i < kWays; ++i) {
-      const size_t way = (round + i) % kWays;
-      if (each.runs[way] != nullptr) {
-        samples[way].push_back(measure(each, way, times).count());
-      }
-    }
-  }
-  print_row(each, unit, samples, "");
-}
-
-}  // namespace
-}  // namespace bench
-
-namespace {
-
-/// The reference host's operation behind the one that takes its place here.
-template <typename Operation>
-Operation* next(Operation* /*type*/, const char* name) {
-  return reinterpret_cast<Operation*>(dlsym(RTLD_NEXT, name));
-}
-
-const auto kHostQueryGenl = next(corvil_netlink_query_genl, "corvil_netlink_query_genl");
-const auto kHostTransact = next(corvil_netlink_transact, "corvil_netlink_transact");
-const auto kHostQuery = next(corvil_netlink_query, "corvil_netlink_query");
-
-int swallow(const nlmsghdr* request) {
-  asm volatile("" : : "r"(request) : "memory");
-  if (bench::recorded != nullptr) {
-    bench::recorded->append(reinterpret_cast<const char*>(request), request->nlmsg_len);
-  }
   return 0;
 }
 
-}  // namespace
-
-// The program comes before its libraries: what it defines takes the place of theirs.
-#pragma GCC visibility push(default)
-extern "C" {
-
-int corvil_netlink_query_genl(const char* family_name, uint32_t version, uint16_t* family_id) {
-  if (bench::null_host) {
-    *family_id = 28;
-    return 0;
+/// The cost of one run: in instructions where callgrind writes to a file, else in nanoseconds, of
+/// which it is the median: a process may lose the processor at any time.
+double cost(const Case& each, const Run& run, const char* file) {
+  using std::chrono::steady_clock;
+  const size_t times = each.size > 1000 ? 3 : 21;
+  std::vector<double> nanoseconds;
+  for (size_t i = 0; i < times; ++i) {
+    const bool ready = calls::reset() != -1 && each.prepare() != -1;
+    const auto start = steady_clock::now();
+    CALLGRIND_TOGGLE_COLLECT;
+    const int result = ready ? run() : -1;
+    CALLGRIND_TOGGLE_COLLECT;
+    nanoseconds.push_back(
+        std::chrono::duration<double, std::nano>(steady_clock::now() - start).count());
+    if (result == -1) {
+      fprintf(stderr, "datapath_bench: %s failed\n", each.name);
+      exit(1);
+    }
   }
-  return kHostQueryGenl(family_name, version, family_id);
+  std::ranges::sort(nanoseconds);
+  return file != nullptr ? collected_instructions(file) / static_cast<double>(times)
+                         : nanoseconds[times / 2];
 }
 
-int corvil_netlink_transact(const nlmsghdr* request, int protocol, int* error) {
-  return bench::null_host ? swallow(request) : kHostTransact(request, protocol, error);
+/// What a call sends, without its look-ups of the family.
+std::vector<std::string> requests_of(const Case& each) {
+  calls::reset();
+  each.prepare();
+  std::vector<std::string> requests;
+  corvil_netlink_set_trace(
+      [](CorvilNetlinkDirection direction, const void* bytes, size_t size, void* list) {
+        if (direction == CORVIL_NETLINK_SENT &&
+            static_cast<const nlmsghdr*>(bytes)->nlmsg_type != GENL_ID_CTRL) {
+          static_cast<std::vector<std::string>*>(list)->emplace_back(
+              static_cast<const char*>(bytes), size);
+        }
+      },
+      &requests);
+  each.call();
+  corvil_netlink_set_trace(nullptr, nullptr);
+  return requests;
 }
 
-int corvil_netlink_query(const nlmsghdr* request, int protocol,
-                         corvil_netlink_reply_callback callback, void* context, int dump) {
-  return bench::null_host ? swallow(request)
-                          : kHostQuery(request, protocol, callback, context, dump);
+Run send_all(const std::vector<std::string>& requests, int (*send)(const nlmsghdr*)) {
+  return [&requests, send] {
+    int result = 0;
+    for (const std::string& request : requests) {
+      result = result == -1 ? -1 : send(reinterpret_cast<const nlmsghdr*>(request.data()));
+    }
+    return result < 0 ? -1 : 0;
+  };
 }
 
-/// Keeps no port that is read back: the host's tree would take most of the time.
-int corvil_port_utils_add_port_from_kernel(uint16_t /*port*/, uint8_t /*ip_proto*/,
-                                           uint8_t /*trans_proto*/) {
-  return 0;
-}
-
-// NOLINTBEGIN(bugprone-reserved-identifier): glibc's names.
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t nmemb, size_t size);
-void* __libc_realloc(void* ptr, size_t size);
-// NOLINTEND(bugprone-reserved-identifier)
-
-void* malloc(size_t size) {
-  ++bench::allocations;
-  return __libc_malloc(size);
-}
-
-void* calloc(size_t nmemb, size_t size) {
-  ++bench::allocations;
-  return __libc_calloc(nmemb, size);
-}
-
-void* realloc(void* ptr, size_t size) {
-  ++bench::allocations;
-  return __libc_realloc(ptr, size);
-}
-
-}  // extern "C"
-#pragma GCC visibility pop
+}  // namespace
 
 int main(int argc, char** argv) {
-  using namespace bench;
-  const std::string mode = argc > 2 ? argv[1] : "";
-  const char* unit = argc > 2 ? argv[2] : "";
-  if (mode == "emulator") {
-    const tavik_wlan::Emulator emulator(argv[2]);
-    close(STDOUT_FILENO);  // Whoever reads it knows that it is there.
-    return pause();
-  }
-  connect_clients();
-  if (mode == "look-up") {
-    family_name = "nlctrl";
-    print_times(kLookUp, unit);
-  } else if (mode == "calls") {
-    for (const Case& each :
-         {set_udp_encap_port(), list_of_ports("256 ports, each", 256), kReadBack}) {
-      prepare_call(each);
-      print_times(each, unit);
-    }
-  } else if (mode == "count" && argc == 4) {
-    const std::vector<Case> requests = request_cases();
-    null_host = true;
-    for (const Case& each : requests) {
-      print_counts(each, unit, argv[3]);
-    }
-    null_host = false;
-    prepare_call(kReadBack);
-    print_counts(kReadBack, unit, argv[3]);
-    print_counts(kLog, unit, argv[3]);
-  } else {
+  if (argc < 2) {
     return 1;
+  }
+  const char* file = argc > 2 ? argv[2] : nullptr;
+  for (const Case& each : kCases) {
+    const std::vector<std::string> requests = requests_of(each);
+    const double empty = cost({"nothing", nothing, nothing}, nothing, file);
+    const auto cost_of = [&](const Run& run) {
+      run();  // The first run opens the socket.
+      return (cost(each, run, file) - empty) / each.size;
+    };
+    const double library = cost_of(each.call);
+    const double libmnl = cost_of(send_all(requests, send_by_libmnl));
+    const double libnl = cost_of(send_all(requests, send_by_libnl));
+    printf("| %s | %s | %.0f | %.0f | %.0f | %.2f | %.2f |\n", each.name, argv[1], library, libmnl,
+           libnl, library / libmnl, library / libnl);
   }
   return 0;
 }
