@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Packs build/vm/VERSION/initramfs.cpio: busybox, tools, the project's programs and libraries, the
-# module and, as a stock family to load beside it, the kernel's own fou.
+# Packs build/vm/VERSION/initramfs.cpio: busybox, the project's programs and libraries, the module,
+# and of the kernel's own modules nlmon, which shows all netlink messages.
 #
 #   tests/vm/initramfs.sh VERSION COMMAND
 #
@@ -9,56 +9,31 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
-version=$1
-command=$2
-build=$PWD/build/vm/$version
-programs=$PWD/build/release/bin
+build=$PWD/build/vm/$1
 root=$build/root
-
-# Prints the libraries that programs load.
-libraries_of() {
-  ldd "$@" | sed -nE 's|^[^/]*(/[^ ]+) \(0x.*|\1|p' | sort --unique
-}
-
-put_programs() {
-  local library
-  cp "$@" "$root/usr/bin"
-  for library in $(libraries_of "$@"); do
-    case $library in
-      "$programs"/*) cp --dereference "$library" "$root/usr/lib" ;;
-      *) install -D "$library" "$root$library" ;;
-    esac
-  done
-}
-
-put_module() {
-  local folder=$root/lib/modules/$1
-  mkdir -p "$folder"
-  cp "$2" "$folder"
-  if [ -e "$folder/$(basename "$2" .xz).xz" ]; then
-    xz --decompress "$folder/$(basename "$2")"
-  fi
-}
-
-put_modules() {
-  local release stock name
-  release=$(basename "$build"/image/lib/modules/*)
-  stock=$build/image/lib/modules/$release/kernel
-  for name in ipv4/fou ipv4/ip_tunnel ipv4/udp_tunnel ipv6/ip6_udp_tunnel; do
-    put_module "$release" "$(echo "$stock/net/$name".ko*)"
-  done
-  put_module "$release" "$build/module/tavik_wlan.ko"
-  PATH=$PATH:/usr/sbin depmod --basedir "$root" "$release" 2>/dev/null
-}
+programs=("$PWD"/build/release/bin/{datapathctl,conformance_test,fault_test})
+# The library is opened by datapathctl while it runs.
+files=(/usr/bin/setpriv "${programs[@]}" "$PWD/build/release/bin/libcorvil_datapath_proxy.so.1")
 
 rm -rf "$root"
-mkdir -p "$root"/{bin,dev,etc/datapath,proc,sbin,sys,tmp,usr/bin,usr/lib,usr/sbin}
+mkdir -p "$root"/{bin,dev,etc/datapath,proc,sbin,sys,tmp,usr/bin,usr/sbin}
 cp "$build/busybox/bin/busybox" "$root/bin"
 cp tests/vm/init "$root/init"
-printf '%s' "$command" >"$root/etc/datapath/command"
-put_programs /usr/bin/setpriv "$programs"/{datapathctl,conformance_test,fault_test}
-put_programs "$programs/libcorvil_datapath_proxy.so"
+printf '%s' "$2" >"$root/etc/datapath/command"
 cp tests/vm/kernel_test.sh "$root/usr/bin/kernel_test"
-put_modules
+
+# Programs and libraries keep their places, since they find each other relative to where they are.
+ldd "${files[@]}" | sed -nE 's|.*\s(/[^ ]+) \(0x.*|\1|p' | sort --unique |
+  xargs cp --parents --dereference --target-directory "$root" "${files[@]}"
+ln -sf "${programs[@]}" "$root/usr/bin"
+
+release=$(basename "$build"/image/lib/modules/*)
+modules=$root/lib/modules/$release
+mkdir -p "$modules"
+cp "$build/module/tavik_wlan.ko" "$build/image/lib/modules/$release/kernel/drivers/net/nlmon.ko"* \
+  "$modules"
+find "$modules" -name '*.xz' -exec xz --decompress {} +
+PATH=$PATH:/usr/sbin depmod --basedir "$root" "$release" 2>/dev/null
+
 [ -z "${EXTRA:-}" ] || cp --archive "$EXTRA/." "$root"
 (cd "$root" && find . -print0 | cpio --null --create --format=newc --quiet) >"$build/initramfs.cpio"
