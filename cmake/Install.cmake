@@ -25,18 +25,18 @@ function(corvil_install_library library description)
     DESTINATION ${pkgconfig_folder} COMPONENT development)
 endfunction()
 
-# corvil_install_headers(FOLDER HEADERS...)
-function(corvil_install_headers folder)
-  list(TRANSFORM ARGN PREPEND ${folder}/)
-  install(FILES ${ARGN} DESTINATION ${header_folder}/${folder} COMPONENT development)
+function(corvil_install_headers)
+  foreach(header IN LISTS ARGN)
+    cmake_path(GET header PARENT_PATH folder)
+    install(FILES ${header} DESTINATION ${header_folder}/${folder} COMPONENT development)
+  endforeach()
 endfunction()
 
 corvil_install_library(corvil_datapath_proxy "Control of a device's data path")
 install(FILES datapath_proxy/include/corvil_datapath_proxy.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
-corvil_install_headers(host_interfaces
-  corvil_log_services.h corvil_netlink.h corvil_port_utils.h)
-corvil_install_headers(kernel_interface tavik_wlan.h)
+corvil_install_headers(host_interfaces/corvil_log_services.h host_interfaces/corvil_netlink.h
+  host_interfaces/corvil_port_utils.h kernel_interface/tavik_wlan.h)
 
 install(EXPORT ${PROJECT_NAME} NAMESPACE corvil:: FILE ${PROJECT_NAME}-config.cmake
   DESTINATION ${package_folder} COMPONENT development)
@@ -58,10 +58,9 @@ endif()
 corvil_install_library(corvil_netlink "Netlink operations of the data path's reference host")
 corvil_install_library(corvil_log "Log services of the data path's reference host")
 corvil_install_library(corvil_port_utils "Port tree of the data path's reference host")
-corvil_install_headers(reference_host/log corvil_log_control.h)
-corvil_install_headers(reference_host/netlink corvil_netlink_control.h)
-corvil_install_headers(reference_host/port_utils corvil_port_tree.h)
-corvil_install_headers(reference_kernel tavik_wlan_limits.h)
+corvil_install_headers(reference_host/log/corvil_log_control.h
+  reference_host/netlink/corvil_netlink_control.h reference_host/port_utils/corvil_port_tree.h
+  reference_kernel/tavik_wlan_limits.h)
 
 install(TARGETS datapathctl COMPONENT tool)
 install(FILES docs/man/datapathctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)

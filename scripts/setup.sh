@@ -10,12 +10,12 @@ set -euo pipefail
 declare -A packages_for
 packages_for[demo]="android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build
   nlohmann-json3-dev pkg-config"
-packages_for[test]="${packages_for[demo]} libgtest-dev"
+packages_for[test]="${packages_for[demo]} libgtest-dev python3"
 packages_for[release]=${packages_for[test]}
 packages_for[asan]=${packages_for[test]}
 packages_for[tsan]=${packages_for[test]}
 packages_for[style]="clang-format git shellcheck"
-packages_for[tools]="${packages_for[test]} abigail-tools man-db mandoc python3 python3-yaml tshark"
+packages_for[tools]="${packages_for[test]} abigail-tools man-db mandoc python3-yaml tshark"
 packages_for[clang]="${packages_for[test]} clang libclang-rt-dev"
 packages_for[tidy]="${packages_for[clang]} clang-tidy"
 packages_for[arm]="${packages_for[demo]} g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest
@@ -26,10 +26,10 @@ packages_for[vm_6.1]=${packages_for[vm]}
 packages_for[vm_faults]=${packages_for[vm]}
 packages_for[analyzers]="${packages_for[test]} cppcheck valgrind"
 packages_for[fuzz]="${packages_for[test]} clang libclang-rt-dev"
-packages_for[coverage]="${packages_for[test]} clang-19 libclang-rt-19-dev llvm-19 python3"
+packages_for[coverage]="${packages_for[test]} clang-19 libclang-rt-19-dev llvm-19"
 packages_for[package]="${packages_for[test]} debootstrap dpkg-dev file lintian"
 packages_for[reproducible]="${packages_for[package]} git"
-packages_for[ynl_kernel]="${packages_for[vm]} python3 python3-jsonschema python3-yaml"
+packages_for[ynl_kernel]="${packages_for[vm]} python3-jsonschema python3-yaml"
 packages_for[android_bp]="blueprint-tools golang-android-soong-dev
   golang-github-google-blueprint-dev golang-go golang-goprotobuf-dev"
 packages_for[bench]="${packages_for[demo]} gnuplot-nox libnl-genl-3-dev valgrind"

@@ -18,7 +18,7 @@ if [ -e "$prefix/CMakeCache.txt" ]; then
   mv "$scratch/first" "$prefix" # nothing may know where it was installed
 fi
 
-cmake -S "$tests/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -G Ninja -S "$tests/consumer" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_C_COMPILER="$cc" >/dev/null
 cmake --build "$scratch/build" >/dev/null
 

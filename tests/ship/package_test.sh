@@ -10,17 +10,9 @@ as_root=()
 scratch=$(mktemp -d)
 trap '"${as_root[@]}" rm -rf "$scratch"' EXIT
 
-# Runs a command, whose output only matters when it fails.
-quietly() {
-  "$@" >"$scratch/log" 2>&1 || {
-    cat "$scratch/log" >&2
-    return 1
-  }
-}
-
 rm -f build/package/*.deb
-quietly cmake --workflow --preset package
-quietly lintian --allow-root --fail-on error,warning build/package/*.deb
+cmake --workflow --preset package
+lintian --allow-root --fail-on error,warning build/package/*.deb
 for package in build/package/*.deb; do
   dpkg-deb --extract "$package" "$scratch/files"
 done
@@ -36,17 +28,15 @@ LD_LIBRARY_PATH=$(dirname "$(find "$scratch/files" -name libcorvil_datapath_prox
 # shellcheck source=/dev/null
 source /etc/os-release
 root=$scratch/root
-quietly "${as_root[@]}" debootstrap --variant=minbase "$VERSION_CODENAME" "$root"
+"${as_root[@]}" debootstrap --variant=minbase "$VERSION_CODENAME" "$root"
 "${as_root[@]}" cp build/package/*.deb "$root/var/tmp"
 in_root() { "${as_root[@]}" chroot "$root" "$@"; }
-quietly in_root sh -c \
-  'apt-get install -y -qq --no-install-recommends /var/tmp/*.deb && rm /var/tmp/*.deb'
-here=$(build/package/bin/datapathctl --emulate batch scripts/demo.batch)
-there=$(in_root datapathctl --emulate batch - <scripts/demo.batch)
-diff <(echo "$here") <(echo "$there")
+in_root sh -c 'apt-get install -y -qq --no-install-recommends /var/tmp/*.deb && rm /var/tmp/*.deb'
+diff <(build/package/bin/datapathctl --emulate batch scripts/demo.batch) \
+  <(in_root datapathctl --emulate batch - <scripts/demo.batch)
 
-in_root ldconfig -p | grep corvil >"$scratch/log"
-quietly in_root apt-get purge -y -qq 'libcorvil-datapath-proxy*'
+in_root ldconfig -p | grep -q corvil
+in_root apt-get purge -y -qq 'libcorvil-datapath-proxy*'
 diff /dev/null <(in_root ldconfig -p | grep corvil)
 diff /dev/null <(in_root find / -xdev -name '*corvil*' -o -name '*datapathctl*' -o -name 'tavik*')
 echo "the Debian packages install, run and leave nothing behind"
