@@ -1,5 +1,7 @@
-// The emulated kernel, given any datagrams one after the other, and the decoder of datapathctl,
-// given the same and what the kernel answers. Most are requests of the library with a change.
+// Every reader of messages, given any. Input: calls of the library, for each request of theirs what
+// becomes of it on its way to the emulated kernel, and what becomes of the answer. Each call
+// returns, whatever the reference host receives; the emulated kernel answers whatever it receives
+// with whole messages; and datapathctl decodes both.
 
 #include <fuzzer/FuzzedDataProvider.h>
 #include <linux/genetlink.h>
@@ -7,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <span>
 #include <string>
@@ -14,45 +17,42 @@
 #include <vector>
 
 #include "datapathctl/message_decoder.h"
-#include "reference_host/netlink/corvil_netlink_control.h"
+#include "host_interfaces/corvil_log_services.h"
+#include "host_interfaces/corvil_netlink.h"
+#include "reference_host/log/corvil_log_control.h"
+#include "reference_host/port_utils/corvil_port_tree.h"
 #include "reference_kernel/emulator/kernel.h"
-#include "tests/fuzz/any_message.h"
 #include "tests/support/calls.h"
 #include "tests/support/netlink_bytes.h"
+#include "tests/support/scripted_kernel.h"
 
 namespace {
 
 using datapathctl::MessageDecoder;
-using fuzz::require;
+using Bytes = std::vector<uint8_t>;  // of exactly its size, so that a read beyond it is seen
+using Json = nlohmann::ordered_json;
 
-constexpr uint16_t kFamilyId = 28;
-
-/// What the library sends.
-std::vector<std::string> requests() {
-  std::vector<std::string> sent;
-  corvil_netlink_set_dry_run(kFamilyId);
-  corvil_netlink_set_trace(
-      [](CorvilNetlinkDirection, const void* bytes, size_t size, void* list) {
-        static_cast<std::vector<std::string>*>(list)->emplace_back(static_cast<const char*>(bytes),
-                                                                   size);
-      },
-      &sent);
-  for (const auto& call : calls::kAll) {
-    call();
+/// Ends the process unless the condition holds; libFuzzer then reports the input and the stack.
+void require(bool condition) {
+  if (!condition) {
+    abort();
   }
-  return sent;
 }
 
-std::string any_request(FuzzedDataProvider& input) {
-  static const std::vector<std::string> sent = requests();
-  std::string request = sent.at(input.ConsumeIntegralInRange<size_t>(0, sent.size() - 1));
-  if (input.ConsumeBool()) {
-    const auto place = input.ConsumeIntegralInRange<size_t>(0, request.size());
-    const auto length = input.ConsumeIntegralInRange<size_t>(0, 8);
-    request.replace(place, length, fuzz::any_bytes(input));
-    request.replace(0, sizeof(uint32_t), netlink_bytes::raw(static_cast<uint32_t>(request.size())));
+/// A datagram with changes, in which any bytes take the place of as many or of others. The length
+/// in its first message is then mended or not.
+Bytes changed(FuzzedDataProvider& input, std::string datagram) {
+  while (input.ConsumeBool()) {
+    const auto place = input.ConsumeIntegralInRange<size_t>(0, datagram.size());
+    const std::string bytes = input.ConsumeRandomLengthString(64);
+    const auto length = input.ConsumeIntegralInRange<size_t>(0, 64);
+    datagram.replace(place, input.ConsumeBool() ? bytes.size() : length, bytes);
+    if (input.ConsumeBool()) {
+      const auto size = static_cast<uint32_t>(datagram.size());
+      datagram.replace(0, sizeof(size), netlink_bytes::raw(size));
+    }
   }
-  return request;
+  return {datagram.begin(), datagram.end()};
 }
 
 bool is_printable(std::string_view text) {
@@ -60,10 +60,10 @@ bool is_printable(std::string_view text) {
 }
 
 /// Each byte belongs to one message, or to a rest that is none.
-nlohmann::ordered_json decode(MessageDecoder& decoder, std::span<const uint8_t> datagram) {
-  nlohmann::ordered_json messages = decoder.decode(datagram);
+Json decode(MessageDecoder& decoder, const Bytes& datagram) {
+  Json messages = decoder.decode(datagram);
   size_t decoded = 0;
-  for (const auto& message : messages) {
+  for (const Json& message : messages) {
     require(is_printable(datapathctl::to_text(message)));
     decoded += NLMSG_ALIGN(message["length"].get<size_t>());
   }
@@ -71,10 +71,27 @@ nlohmann::ordered_json decode(MessageDecoder& decoder, std::span<const uint8_t> 
   return messages;
 }
 
+/// Reads the attributes of a message as the host does, and finds the one that a kernel complains
+/// of, wherever that points.
+void read(const MessageDecoder& decoder, const Bytes& message, uint32_t offset) {
+  constexpr size_t kHeaders = NLMSG_HDRLEN + GENL_HDRLEN;
+  uint32_t length = 0;
+  memcpy(&length, message.data(), std::min(sizeof(length), message.size()));
+  if (message.size() < kHeaders || length != message.size()) {
+    return;
+  }
+  const nlattr* table[TAVIK_WLAN_ATTR_MAX + 1];
+  corvil_nla_parse(reinterpret_cast<const nlattr*>(message.data() + kHeaders), table,
+                   length - uint32_t{kHeaders}, TAVIK_WLAN_ATTR_MAX);
+  const auto value = decoder.attribute_at(message, offset).value;
+  require(is_printable(datapathctl::printable(datapathctl::value_text(value))));
+  require(!decoder.missing_attribute(message, offset % 16, offset).empty());
+}
+
 /// Whole messages, which point at nothing outside the request.
-void check_answer(const nlohmann::ordered_json& messages, size_t request_size) {
+void check_answer(const Json& messages, size_t request_size) {
   require(!messages.empty());
-  for (const auto& message : messages) {
+  for (const Json& message : messages) {
     require(message["message"] != "MALFORMED");
     if (message.contains("attributes") && message["attributes"].contains("OFFS")) {
       require(message["attributes"]["OFFS"].get<uint32_t>() < request_size);
@@ -82,41 +99,56 @@ void check_answer(const nlohmann::ordered_json& messages, size_t request_size) {
   }
 }
 
-/// What the decoder finds in a request that a kernel complains of, wherever that points.
-void look_up(const MessageDecoder& decoder, std::span<const uint8_t> request, uint32_t offset) {
-  nlmsghdr header;
-  if (request.size() < sizeof(header)) {
-    return;
+/// What comes back for a request. Then the exchange or the connection ends: nobody has to wait. To
+/// decode takes most of the time, so not everything is.
+std::vector<std::string> answer(FuzzedDataProvider& input, tavik_wlan::Kernel& kernel,
+                                MessageDecoder& decoder, const nlmsghdr& header) {
+  const bool decodes = input.ConsumeBool();
+  const Bytes request = changed(input, {reinterpret_cast<const char*>(&header), header.nlmsg_len});
+  if (decodes) {
+    decode(decoder, request);
+    read(decoder, request, input.ConsumeIntegral<uint32_t>());
   }
-  memcpy(&header, request.data(), sizeof(header));
-  if (header.nlmsg_len == request.size()) {
-    const auto value = decoder.attribute_at(request, offset).value;
-    require(is_printable(datapathctl::printable(datapathctl::value_text(value))));
-    require(!decoder.missing_attribute(request, offset % 16, offset).empty());
+  std::vector<std::string> answers;
+  for (const auto& datagram : kernel.receive(request).datagrams) {
+    do {
+      const Bytes bytes = changed(input, {datagram.begin(), datagram.end()});
+      if (decodes) {
+        check_answer(decode(decoder, datagram), request.size());
+        decode(decoder, bytes);
+      }
+      answers.emplace_back(bytes.begin(), bytes.end());
+    } while (input.ConsumeBool());
   }
+  // A dump takes the second message for its end, the others the first.
+  const std::string end =
+      netlink_bytes::acknowledgement(header.nlmsg_seq) +
+      netlink_bytes::message(NLMSG_DONE, 0, header.nlmsg_seq, netlink_bytes::raw(0));
+  answers.push_back(input.ConsumeBool() ? "" : end);
+  return answers;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static ScriptedKernel peer(nullptr);
+  setenv("CORVIL_NETLINK_TIMEOUT_MS", "1000", 1);
+  corvil_log_set_diagnostic_handler(
+      [](const LogSiteDescriptor*, const char*, const char*, void*) {}, nullptr);
+  zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
+
   FuzzedDataProvider input(data, size);
   tavik_wlan::Kernel kernel;
-  MessageDecoder decoder(input.ConsumeBool() ? kFamilyId : 0);
-  while (input.remaining_bytes() > 0) {
-    const auto offset = input.ConsumeIntegral<uint32_t>();
-    std::string request;
-    do {
-      request += input.ConsumeIntegralInRange(0, 3) == 0
-                     ? fuzz::any_message(input, kFamilyId, GENL_ID_CTRL, 0)
-                     : any_request(input);
-    } while (input.ConsumeBool());
-    // In a block of its own exact size, so that a read beyond it is seen.
-    const std::vector<uint8_t> datagram(request.begin(), request.end());
-    decode(decoder, datagram);
-    look_up(decoder, datagram, offset);
-    for (const auto& answer : kernel.receive(datagram).datagrams) {
-      check_answer(decode(decoder, answer), datagram.size());
-    }
+  MessageDecoder decoder;
+  peer.answer_with(
+      [&](const nlmsghdr& request) { return answer(input, kernel, decoder, request); });
+  for (int count = 0; count < 3; ++count) {
+    const int result = input.PickValueInArray(calls::kAll)();
+    require(result == 0 || result == -1);
   }
+  corvil_port_tree_clear();
+  // Ends the connection, so that the next input begins without what is left of the answers.
+  peer.answer_with([](const nlmsghdr&) { return std::vector<std::string>{""}; });
+  calls::reset();
   return 0;
 }
