@@ -101,6 +101,9 @@ Result Session::start() {
 
 Result Session::start_netlink() {
   corvil_netlink_set_timeout(settings_.timeout_ms);
+  if (corvil_netlink_timeout() == -1) {
+    return usage_error(corvil_netlink_last_error()->message);
+  }
   corvil_netlink_set_trace(
       [](CorvilNetlinkDirection direction, const void* bytes, size_t length, void* session) {
         static_cast<Session*>(session)->on_message(direction,

@@ -10,9 +10,10 @@
  *                              "@name" is the abstract socket of that name, "./@name" a file
  *   CORVIL_NETLINK_TIMEOUT_MS  how long an exchange waits for the connection, for room to send, for
  *                              the first message of the answer and for each further reply: a
- *                              positive number of milliseconds; 3000 when it is unset or anything
- *                              else. Messages that are no answer do not extend it, and the time
- *                              that a callback takes does not count
+ *                              positive number of milliseconds; 3000 when it is unset or empty.
+ *                              With anything else no connection is made, so every exchange fails
+ *                              (EINVAL). Messages that are no answer do not extend the time, and
+ *                              what a callback takes of it does not count
  *
  * The first exchange of the process, or corvil_netlink_check_capture(), reads another one:
  *
@@ -124,7 +125,10 @@ const char* corvil_netlink_emulator(void);
  */
 void corvil_netlink_set_timeout(int milliseconds);
 
-/* Returns how long exchanges wait, in milliseconds. */
+/*
+ * Returns how long exchanges wait, in milliseconds, or -1 with the last error recorded (EINVAL)
+ * when CORVIL_NETLINK_TIMEOUT_MS is no positive number. Thread-safe.
+ */
 int corvil_netlink_timeout(void);
 
 /*

@@ -16,6 +16,7 @@
 
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_host/netlink/last_error.h"
 #include "reference_host/netlink/netlink_socket.h"
 #include "reference_host/netlink/observers.h"
@@ -189,6 +190,9 @@ int Exchange::send() {
 }
 
 int Exchange::open() {
+  if (corvil_netlink_timeout() == -1) {
+    return -1;
+  }
   const int error = connection_.socket.open(request_.protocol, emulator_);
   if (error == 0) {
     return 0;

@@ -20,6 +20,7 @@
 
 #include "reference_host/corvil_export.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_host/netlink/last_error.h"
 #include "reference_host/netlink/observers.h"
 
 namespace corvil::netlink {
@@ -28,25 +29,10 @@ namespace {
 /// Holds several times the largest datagram that the kernel sends in a dump.
 constexpr size_t kBufferSize = size_t{128} * 1024;
 
-constexpr std::chrono::milliseconds kDefaultTimeout{3000};
+constexpr int kDefaultTimeoutMs = 3000;
 
 /// The time-out that the host has set in place of the environment's; 0: none.
 constinit int chosen_timeout_ms = 0;
-
-std::chrono::milliseconds timeout_setting() {
-  if (chosen_timeout_ms != 0) {
-    return std::chrono::milliseconds{chosen_timeout_ms};
-  }
-  const char* text = secure_getenv("CORVIL_NETLINK_TIMEOUT_MS");
-  if (text == nullptr) {
-    return kDefaultTimeout;
-  }
-  const char* end = text + strlen(text);
-  int milliseconds = 0;
-  const auto [rest, error] = std::from_chars(text, end, milliseconds);
-  const bool valid = error == std::errc{} && rest == end && milliseconds > 0;
-  return valid ? std::chrono::milliseconds{milliseconds} : kDefaultTimeout;
-}
 
 /// How many forks lie between this process and the one that loaded the library. A fork handler
 /// counts them, which spares every request the system call for the process id.
@@ -68,7 +54,7 @@ timespec as_timespec(std::chrono::nanoseconds time) {
 std::chrono::nanoseconds Deadline::remaining() {
   const auto now = std::chrono::steady_clock::now();
   if (timeout_.count() == 0) {
-    timeout_ = timeout_setting();
+    timeout_ = std::chrono::milliseconds{corvil_netlink_timeout()};
     end_ = now + timeout_;
   }
   return std::max(std::chrono::nanoseconds{end_ - now}, std::chrono::nanoseconds::zero());
@@ -226,5 +212,19 @@ CORVIL_EXPORT void corvil_netlink_set_timeout(int milliseconds) {
 }
 
 CORVIL_EXPORT int corvil_netlink_timeout() {
-  return static_cast<int>(corvil::netlink::timeout_setting().count());
+  if (corvil::netlink::chosen_timeout_ms != 0) {
+    return corvil::netlink::chosen_timeout_ms;
+  }
+  const char* text = secure_getenv("CORVIL_NETLINK_TIMEOUT_MS");
+  if (text == nullptr || text[0] == '\0') {
+    return corvil::netlink::kDefaultTimeoutMs;
+  }
+  int milliseconds = 0;
+  const char* end = text + strlen(text);
+  const auto [rest, error] = std::from_chars(text, end, milliseconds);
+  if (error == std::errc{} && rest == end && milliseconds > 0) {
+    return milliseconds;
+  }
+  return corvil::netlink::fail(
+      EINVAL, "CORVIL_NETLINK_TIMEOUT_MS: '%s' is not a positive number of milliseconds", text);
 }

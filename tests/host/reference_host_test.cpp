@@ -258,10 +258,16 @@ TEST(Netlink, RequestsAndSettingsMustMakeSense) {
   EXPECT_EQ("EALREADY cannot write the capture /dev/null: Operation already in progress",
             last_error());
   corvil_netlink_set_timeout(0);
-  for (const char* timeout : {"0", "-1", "0x", ""}) {
-    setenv("CORVIL_NETLINK_TIMEOUT_MS", timeout, 1);
-    EXPECT_EQ(3000, corvil_netlink_timeout()) << timeout;
+  for (const std::string timeout : {"0", "-1", "5x", "2147483648"}) {
+    setenv("CORVIL_NETLINK_TIMEOUT_MS", timeout.c_str(), 1);
+    ScriptedKernel unreached(script());
+    EXPECT_EQ(-1, transact());
+    EXPECT_EQ("EINVAL CORVIL_NETLINK_TIMEOUT_MS: '" + timeout +
+                  "' is not a positive number of milliseconds",
+              last_error());
   }
+  setenv("CORVIL_NETLINK_TIMEOUT_MS", "", 1);
+  EXPECT_EQ(3000, corvil_netlink_timeout());
   corvil_netlink_set_dry_run(99);
   EXPECT_EQ(0, transact());
   EXPECT_EQ(kNoError, last_error());
