@@ -1,8 +1,18 @@
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iterator>
 
 #include "host_interfaces/corvil_log_services.h"
 #include "reference_host/corvil_export.h"
@@ -17,27 +27,90 @@ namespace {
 /// The most that a pipe takes in one piece, so that lines of several threads do not mix.
 constexpr size_t kMaxLine = 4096;
 
-void print_line(const LogSiteDescriptor* /*descriptor*/, const char* line, const char* /*text*/,
+constexpr struct Level {
+  uint32_t mask;  // Of a higher level it is the greater number.
+  const char* name;
+} kLevels[] = {
+    {LOG_LEVEL_MASK_LOW, "LOW"},
+    {LOG_LEVEL_MASK_MED, "MED"},
+    {LOG_LEVEL_MASK_HIGH, "HIGH"},
+    {LOG_LEVEL_MASK_ERR, "ERR"},
+};
+
+const char* level_name(uint32_t level_mask) {
+  const auto* found = std::ranges::find(kLevels, level_mask, &Level::mask);
+  return found != std::end(kLevels) ? found->name : "UNKNOWN";
+}
+
+// What the environment asks of the default handler.
+constinit uint32_t lowest_level = 0;
+constinit char file_path[PATH_MAX] = "";  // empty: stderr
+
+/// Neither waits for the reader of a FIFO. Returns a descriptor, or -1 with errno.
+int open_file() {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  return open(file_path, kFlags, S_IRUSR | S_IWUSR);
+}
+
+/// Opens the file for each line, since a daemon may close all descriptors of its process, and
+/// another program may move the file away.
+void append_line(const char* line) {
+  timespec now{};
+  tm parts{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  localtime_r(&now.tv_sec, &parts);
+  char record[kMaxLine + sizeof("2026-01-01 00:00:00.000 \n")];
+  size_t size = strftime(record, sizeof(record), "%F %T", &parts);
+  size += static_cast<size_t>(
+      snprintf(record + size, sizeof(record) - size, ".%03ld %s\n", now.tv_nsec / 1'000'000, line));
+  const int fd = open_file();
+  [[maybe_unused]] const ssize_t written = write(fd, record, size);
+  close(fd);
+}
+
+void print_line(const LogSiteDescriptor* descriptor, const char* line, const char* /*text*/,
                 void* /*context*/) {
-  fprintf(stderr, "%s\n", line);
+  if (descriptor->level_mask < lowest_level) {
+    return;
+  }
+  if (file_path[0] != '\0') {
+    append_line(line);
+  } else {
+    fprintf(stderr, "%s\n", line);
+  }
 }
 
 constinit corvil_log_diagnostic_handler diagnostic_handler = print_line;
 constinit void* diagnostic_context = nullptr;
 
-const char* level_name(uint32_t level_mask) {
-  switch (level_mask) {
-    case LOG_LEVEL_MASK_LOW:
-      return "LOW";
-    case LOG_LEVEL_MASK_MED:
-      return "MED";
-    case LOG_LEVEL_MASK_HIGH:
-      return "HIGH";
-    case LOG_LEVEL_MASK_ERR:
-      return "ERR";
-    default:
-      return "UNKNOWN";
+/// Has messages logged as CORVIL_LOG and CORVIL_LOG_LEVEL say.
+[[gnu::constructor]] void read_environment() {
+  const char* target = secure_getenv("CORVIL_LOG");
+  const char* level = secure_getenv("CORVIL_LOG_LEVEL");
+  if (target == nullptr || target[0] == '\0') {
+    return;
   }
+  const auto* found = std::end(kLevels) - 1;
+  if (level != nullptr && level[0] != '\0') {
+    found = std::ranges::find_if(
+        kLevels, [&](const Level& its) { return strcasecmp(its.name, level) == 0; });
+  }
+  if (found == std::end(kLevels)) {
+    fprintf(stderr, "CORVIL_LOG_LEVEL: no log, since '%s' is not low, med, high or err\n", level);
+    return;
+  }
+  if (strcmp(target, "stderr") != 0) {
+    snprintf(file_path, sizeof(file_path), "%s", target);
+    const int fd = open_file();
+    if (fd == -1) {
+      fprintf(stderr, "CORVIL_LOG: no log, since %s cannot be written: %m\n", target);
+      file_path[0] = '\0';
+      return;
+    }
+    close(fd);
+  }
+  lowest_level = found->mask;
+  zu_log_mask |= ZU_LOG_MASK_DIAGNOSTIC;
 }
 
 /// How many bytes, without the NUL, snprintf() has written to a buffer of `size` bytes.

@@ -1,4 +1,19 @@
-/* Who gets the messages of the reference host's diagnostic service. */
+/*
+ * Who gets the messages of the reference host's diagnostic service.
+ *
+ * Environment variables switch the service on in any program, when it loads this library. They
+ * count as unset in a process that runs with privileges that its caller lacks (secure_getenv(3)):
+ *
+ *   CORVIL_LOG        "stderr", or the path of a file to which each message is appended as a line
+ *                     that begins with the local time, such as "2026-11-23 17:02:11.123 ". A new
+ *                     file is readable by its owner alone (mode 0600). The file is opened for each
+ *                     line, so a program that changes its folder needs an absolute path
+ *   CORVIL_LOG_LEVEL  the lowest level that is logged: low, med, high, or err, which holds when it
+ *                     is unset
+ *
+ * When the file cannot be opened, or the level is none of these, stderr gets one line that says so
+ * and the program goes on without this log.
+ */
 #ifndef REFERENCE_HOST_LOG_CORVIL_LOG_CONTROL_H_
 #define REFERENCE_HOST_LOG_CORVIL_LOG_CONTROL_H_
 
@@ -22,8 +37,8 @@ typedef void (*corvil_log_diagnostic_handler)(const LogSiteDescriptor* descripto
                                               const char* text, void* context);
 
 /*
- * Has msg_sprintf() pass its messages to a handler. Null restores the default, which prints each
- * message as one line on stderr, in one piece.
+ * Has msg_sprintf() pass its messages to a handler. Null restores the default, which does as
+ * CORVIL_LOG says and otherwise prints each message as one line on stderr, in one piece.
  *
  * Not thread-safe: no other thread may be in msg_sprintf().
  */

@@ -18,6 +18,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fstream>
+#include <iterator>
+#include <regex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -455,6 +458,40 @@ TEST(Log, DiagnosticMessageIsOneLine) {
   msg_sprintf(&site, "100%", -1);
   corvil_log_set_diagnostic_handler(nullptr, nullptr);
   EXPECT_EQ("subsystem 65 ERR a.cpp:120: 100% -1", seen);
+}
+
+/// Logs what the environment asks for, and ends the process.
+[[noreturn]] void log_and_exit() {
+  const LogSiteDescriptor low{1, 65, LOG_LEVEL_MASK_LOW, "trace", "a.cpp"};
+  const LogSiteDescriptor failure{2, 65, LOG_LEVEL_MASK_ERR, "failure", "a.cpp"};
+  if ((zu_log_mask & ZU_LOG_MASK_DIAGNOSTIC) != 0) {
+    msg_sprintf(&low);
+    msg_sprintf(&failure);
+  }
+  _exit(0);
+}
+
+TEST(LogDeathTest, EnvironmentSwitchesItOn) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // The library reads it when it is loaded.
+  const std::string path = testing::TempDir() + "reference_host_test.log";
+  std::ofstream(path) << "was there\n";
+  for (const auto& [target, level, printed] :
+       {std::array<std::string, 3>{"", "low", "^$"},
+        {"stderr", "", "^subsystem 65 ERR a.cpp:2: failure\n$"},
+        {"stderr", "LOW", "^subsystem 65 LOW a.cpp:1: trace\nsubsystem 65 ERR .*\n$"},
+        {"/nonexistent/log", "",
+         "^CORVIL_LOG: no log, since /nonexistent/log cannot be written: .*\n$"},
+        {"stderr", "info", "^CORVIL_LOG_LEVEL: no log, since 'info' is not low, .* or err\n$"},
+        {path, "low", "^$"}}) {
+    setenv("CORVIL_LOG", target.c_str(), 1);
+    setenv("CORVIL_LOG_LEVEL", level.c_str(), 1);
+    EXPECT_EXIT(log_and_exit(), testing::ExitedWithCode(0), printed);
+  }
+  std::ifstream log(path);
+  EXPECT_TRUE(std::regex_match(
+      std::string(std::istreambuf_iterator<char>(log), {}),
+      std::regex("was there\n([-0-9]{10} [0-9:]{8}\\.[0-9]{3} subsystem 65 .*\n){2}")));
+  unlink(path.c_str());
 }
 
 TEST(PortTree, HoldsKnownPortsOnceAndInOrder) {

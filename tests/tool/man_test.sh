@@ -59,7 +59,7 @@ diff <(grep -ohE '"%s\(\): [^"]*([Ff]ail|[Ii]nvalid|Too|Error)[^"]*"' datapath_p
 examples() { sed -n '/^\.SH EXAMPLES/,$p' "$1" | sed -n '/^\.EX/,/^\.EE/p' |
   sed ':more; /\\$/ { N; s/\\\n//; b more }; /^\.EX/d; s/^\.EE//; s/\\e/\\/g; s/\\-/-/g'; }
 examples "$library" | "${CC:-cc}" -std=c11 -Wall -Wextra -Werror -fsyntax-only -xc \
-  -I "$(dirname "$header")" -
+  -I . -I "$(dirname "$header")" -
 replay() { # runs each command behind a "$ ", up to an empty line
   local line command=""
   while IFS= read -r line; do
