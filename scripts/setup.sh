@@ -8,7 +8,7 @@
 set -euo pipefail
 
 declare -A packages_for
-packages_for[demo]="android-liblog-dev cmake g++ libcli11-dev libmnl-dev ninja-build
+packages_for[demo]="android-liblog-dev cmake g++ libcli11-dev ninja-build
   nlohmann-json3-dev pkg-config"
 packages_for[test]="${packages_for[demo]} libgtest-dev python3"
 packages_for[release]=${packages_for[test]}
@@ -32,7 +32,7 @@ packages_for[reproducible]="${packages_for[package]} git"
 packages_for[ynl_kernel]="${packages_for[vm]} python3-jsonschema python3-yaml"
 packages_for[android_bp]="blueprint-tools golang-android-soong-dev
   golang-github-google-blueprint-dev golang-go golang-goprotobuf-dev"
-packages_for[bench]="${packages_for[demo]} gnuplot-nox libnl-genl-3-dev valgrind"
+packages_for[bench]="${packages_for[demo]} gnuplot-nox libmnl-dev libnl-genl-3-dev valgrind"
 
 fail() {
   echo "setup: $1" >&2

@@ -1,5 +1,4 @@
 // Exchanges: a request and the whole answer to it, on a connection that each thread keeps.
-#include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 #include <pthread.h>
 
@@ -204,14 +203,13 @@ int Exchange::open() {
 
 Progress Exchange::take(std::span<const std::byte> datagram) {
   const auto* message = reinterpret_cast<const nlmsghdr*>(datagram.data());
-  int left = static_cast<int>(datagram.size());
-  // mnl_nlmsg_ok() lets lengths from 2^31 on pass, which it takes for negative ones.
-  while (mnl_nlmsg_ok(message, left) && message->nlmsg_len <= datagram.size()) {
+  auto left = static_cast<int64_t>(datagram.size());  // below 0 where padding is missing
+  while (NLMSG_OK(message, left)) {
     const Progress progress = message->nlmsg_seq == sequence_ ? take(message) : Progress::kPending;
     if (progress != Progress::kPending) {
       return progress;
     }
-    message = mnl_nlmsg_next(message, &left);
+    message = NLMSG_NEXT(message, left);
   }
   return left > 0 ? give_up(EBADMSG) : Progress::kPending;
 }
@@ -220,11 +218,11 @@ Progress Exchange::take(const nlmsghdr* message) {
   interrupted_ |= (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
   const bool is_error = message->nlmsg_type == NLMSG_ERROR;
   if (is_error || (message->nlmsg_type == NLMSG_DONE && request_.dump)) {
-    if (mnl_nlmsg_get_payload_len(message) < (is_error ? sizeof(nlmsgerr) : sizeof(int))) {
+    if (NLMSG_PAYLOAD(message, 0) < (is_error ? sizeof(nlmsgerr) : sizeof(int))) {
       return give_up(EBADMSG);
     }
     // Both begin with the result. The acknowledgement of a dump is followed by the dump.
-    const int result = *static_cast<const int*>(mnl_nlmsg_get_payload(message));
+    const int result = *static_cast<const int*>(NLMSG_DATA(message));
     return is_error && request_.dump && result == 0 ? Progress::kPending : finish(result, message);
   }
   if (message->nlmsg_type == request_.message->nlmsg_type && request_.callback != nullptr) {

@@ -1,5 +1,4 @@
 // The look-up of a generic netlink family by its name.
-#include <libmnl/libmnl.h>
 #include <linux/genetlink.h>
 
 #include <array>
@@ -11,6 +10,7 @@
 
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
+#include "reference_host/netlink/attributes.h"
 #include "reference_host/netlink/last_error.h"
 #include "reference_host/netlink/observers.h"
 
@@ -19,6 +19,7 @@ namespace {
 using corvil::netlink::dry_run_family_id;
 using corvil::netlink::fail;
 using corvil::netlink::last_error;
+using corvil::netlink::value_of;
 
 struct Family {
   uint16_t id;  // 0: unknown
@@ -27,35 +28,33 @@ struct Family {
 
 /// Reads the controller's reply into the Family that `context` points at.
 int take_family(const nlmsghdr* reply, void* context) {
-  const size_t size = mnl_nlmsg_get_payload_len(reply);
+  const size_t size = NLMSG_PAYLOAD(reply, 0);
   if (size < GENL_HDRLEN) {
     return 0;
   }
+  const auto* generic = static_cast<const genlmsghdr*>(NLMSG_DATA(reply));
   std::array<const nlattr*, CTRL_ATTR_VERSION + 1> table{};
-  corvil_nla_parse(static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(reply, GENL_HDRLEN)),
-                   table.data(), static_cast<uint32_t>(size - GENL_HDRLEN), CTRL_ATTR_VERSION);
-  const nlattr* id = table[CTRL_ATTR_FAMILY_ID];
-  const nlattr* version = table[CTRL_ATTR_VERSION];
-  if (id == nullptr || mnl_attr_get_payload_len(id) < sizeof(uint16_t) || version == nullptr ||
-      mnl_attr_get_payload_len(version) < sizeof(uint32_t)) {
+  corvil_nla_parse(reinterpret_cast<const nlattr*>(generic + 1), table.data(),
+                   static_cast<uint32_t>(size - GENL_HDRLEN), CTRL_ATTR_VERSION);
+  const auto id = value_of<uint16_t>(table[CTRL_ATTR_FAMILY_ID]);
+  const auto version = value_of<uint32_t>(table[CTRL_ATTR_VERSION]);
+  if (!id || !version) {
     return 0;
   }
-  *static_cast<Family*>(context) = {mnl_attr_get_u16(id), mnl_attr_get_u32(version)};
+  *static_cast<Family*>(context) = {*id, *version};
   return 1;
 }
 
 /// Asks the controller for a family, whose name is shorter than GENL_NAMSIZ.
 int query_family(const char* name, Family* family) {
-  constexpr size_t kSize = NLMSG_HDRLEN + GENL_HDRLEN + NLA_HDRLEN + GENL_NAMSIZ;
-  alignas(nlmsghdr) std::array<char, kSize> buffer{};
-  nlmsghdr* request = mnl_nlmsg_put_header(buffer.data());
-  request->nlmsg_type = GENL_ID_CTRL;
-  request->nlmsg_flags = NLM_F_REQUEST;
-  auto* generic = static_cast<genlmsghdr*>(mnl_nlmsg_put_extra_header(request, GENL_HDRLEN));
-  generic->cmd = CTRL_CMD_GETFAMILY;
-  generic->version = 1;
-  mnl_attr_put_strz(request, CTRL_ATTR_FAMILY_NAME, name);
-  return corvil_netlink_query(request, NETLINK_GENERIC, take_family, family, 0);
+  struct {
+    nlmsghdr header{NLMSG_HDRLEN + GENL_HDRLEN, GENL_ID_CTRL, NLM_F_REQUEST, 0, 0};
+    genlmsghdr generic{CTRL_CMD_GETFAMILY, 1, 0};
+    std::array<char, NLA_HDRLEN + GENL_NAMSIZ> attribute{};
+  } request;
+  corvil_nla_put(&request.header, CTRL_ATTR_FAMILY_NAME, static_cast<uint32_t>(strlen(name) + 1),
+                 name);
+  return corvil_netlink_query(&request.header, NETLINK_GENERIC, take_family, family, 0);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "reference_host/netlink/last_error.h"
 
-#include <libmnl/libmnl.h>
-
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -11,6 +9,7 @@
 
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
+#include "reference_host/netlink/attributes.h"
 
 namespace corvil::netlink {
 namespace {
@@ -24,14 +23,8 @@ uint64_t extack_offset(const nlmsghdr* answer) {
   if ((answer->nlmsg_flags & NLM_F_CAPPED) != 0) {
     return sizeof(nlmsgerr);
   }
-  const auto* error = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(answer));
-  return offsetof(nlmsgerr, msg) + MNL_ALIGN(uint64_t{error->msg.nlmsg_len});
-}
-
-uint32_t u32_or_zero(const nlattr* attribute) {
-  return attribute != nullptr && mnl_attr_get_payload_len(attribute) >= sizeof(uint32_t)
-             ? mnl_attr_get_u32(attribute)
-             : 0;
+  const auto* error = static_cast<const nlmsgerr*>(NLMSG_DATA(answer));
+  return offsetof(nlmsgerr, msg) + NLMSG_ALIGN(uint64_t{error->msg.nlmsg_len});
 }
 
 }  // namespace
@@ -54,20 +47,20 @@ void record_kernel_error(int error, const nlmsghdr* answer) {
   last_error.error = error;
   last_error.from_kernel = 1;
   const uint64_t offset = extack_offset(answer);
-  const uint64_t size = mnl_nlmsg_get_payload_len(answer);
+  const uint64_t size = NLMSG_PAYLOAD(answer, 0);
   if ((answer->nlmsg_flags & NLM_F_ACK_TLVS) == 0 || offset > size) {
     return;
   }
   std::array<const nlattr*, NLMSGERR_ATTR_MISS_NEST + 1> table{};
   corvil_nla_parse(
-      static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(answer, static_cast<size_t>(offset))),
+      reinterpret_cast<const nlattr*>(static_cast<const char*>(NLMSG_DATA(answer)) + offset),
       table.data(), static_cast<uint32_t>(size - offset), NLMSGERR_ATTR_MISS_NEST);
-  last_error.attribute_offset = u32_or_zero(table[NLMSGERR_ATTR_OFFS]);
-  last_error.missing_attribute = u32_or_zero(table[NLMSGERR_ATTR_MISS_TYPE]);
-  last_error.missing_nest_offset = u32_or_zero(table[NLMSGERR_ATTR_MISS_NEST]);
+  last_error.attribute_offset = value_of<uint32_t>(table[NLMSGERR_ATTR_OFFS]).value_or(0);
+  last_error.missing_attribute = value_of<uint32_t>(table[NLMSGERR_ATTR_MISS_TYPE]).value_or(0);
+  last_error.missing_nest_offset = value_of<uint32_t>(table[NLMSGERR_ATTR_MISS_NEST]).value_or(0);
   if (const nlattr* text = table[NLMSGERR_ATTR_MSG]) {
-    snprintf(last_error.message, sizeof(last_error.message), "%.*s",
-             int{mnl_attr_get_payload_len(text)}, mnl_attr_get_str(text));
+    snprintf(last_error.message, sizeof(last_error.message), "%.*s", text->nla_len - NLA_HDRLEN,
+             reinterpret_cast<const char*>(text + 1));
   }
 }
 
