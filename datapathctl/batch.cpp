@@ -1,20 +1,25 @@
 // Many commands from one file.
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "datapathctl/operations.h"
 #include "datapathctl/parser.h"
+#include "datapathctl/report.h"
 
 namespace datapathctl {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
 
-/// Splits a line at blanks, except between quotes, single or double.
+/// Splits a line at blanks, except between quotes, single or double, up to a word that begins with
+/// '#'.
 Result split(std::string_view line, std::vector<std::string>* words) {
   bool in_word = false;  // perhaps in one that is empty so far
   char quote = '\0';
@@ -25,6 +30,9 @@ Result split(std::string_view line, std::vector<std::string>* words) {
     if (quote == '\0' && kBlanks.find(c) != std::string_view::npos) {
       in_word = false;
       continue;
+    }
+    if (!in_word && c == '#') {
+      break;
     }
     if (!in_word) {
       words->emplace_back();
@@ -41,50 +49,52 @@ Result split(std::string_view line, std::vector<std::string>* words) {
   return quote == '\0' ? Result{} : usage_error("unclosed quote");
 }
 
-Result run_line(Session& session, Parser& parser, std::string_view line) {
+/// Runs the command of a line, if there is one, and reports how it ended. Returns its exit status.
+int run_line(Session& session, Parser& parser, const std::string& line, const Place& place) {
   const Settings& settings = session.settings();
-  if ((settings.trace || settings.dry_run) && !settings.json) {
-    std::cout << "# " << printable(line) << std::endl;
-  }
   std::vector<std::string> words;
   Command command;
   Result result = split(line, &words);
+  if (result.ok() && words.empty()) {
+    return 0;
+  }
+  if ((settings.trace != Trace::kOff || settings.dry_run) && !settings.json) {
+    std::cout << "# " << printable(line.substr(line.find_first_not_of(kBlanks))) << std::endl;
+  }
   if (result.ok()) {
     result = parser.parse(std::move(words), &command);
   }
-  return result.ok() ? run(session, command) : result;
+  if (result.ok()) {
+    result = run(session, command);
+  }
+  report(settings, command, result, place);
+  return result.status;
 }
 
-Result run_lines(Session& session, std::istream& input, const std::string& name) {
+/// Returns the exit status of the batch: that of the worst line.
+int run_lines(Session& session, std::istream& input, Place place, bool force) {
   Parser parser(nullptr);
-  int number = 0;
-  for (std::string line; std::getline(input, line);) {
-    ++number;
-    const size_t start = line.find_first_not_of(kBlanks);
-    if (start == std::string::npos || line[start] == '#') {
-      continue;
-    }
-    Result result = run_line(session, parser, std::string_view(line).substr(start));
-    if (!result.ok()) {
-      result.error.insert(0, name + ":" + std::to_string(number) + ": ");
-      return result;
-    }
+  int status = 0;
+  for (std::string line; (status == 0 || force) && std::getline(input, line);) {
+    ++place.line;
+    status = std::max(status, run_line(session, parser, line, place));
   }
-  return {};
+  return status;
 }
 
 }  // namespace
 
-Result run_batch(Session& session, const std::string& path) {
-  if (path == "-") {
-    Result result = run_lines(session, std::cin, "standard input");
-    return std::ferror(stdin) == 0 ? result
+Result run_batch(Session& session, const Command& c) {
+  if (c.path == "-") {
+    const int status = run_lines(session, std::cin, {"standard input"}, c.force);
+    return std::ferror(stdin) == 0 ? Result{.status = status}
                                    : usage_error("cannot read the batch from standard input");
   }
-  std::ifstream file(path);
-  Result result = run_lines(session, file, path);
+  std::ifstream file(c.path);
+  const int status = run_lines(session, file, {c.path}, c.force);
   // A folder opens, but does not read.
-  return file.is_open() && !file.bad() ? result : usage_error("cannot read the batch " + path);
+  return file.is_open() && !file.bad() ? Result{.status = status}
+                                       : usage_error("cannot read the batch " + c.path);
 }
 
 }  // namespace datapathctl

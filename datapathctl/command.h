@@ -1,8 +1,10 @@
-// What a person asked for, as plain values: parsing fills them, running takes them.
+// What a person asked for, as plain values, and how it ended: parsing fills the one, running gives
+// the other, and reporting prints that.
 #ifndef DATAPATHCTL_COMMAND_H_
 #define DATAPATHCTL_COMMAND_H_
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -13,7 +15,10 @@
 
 namespace datapathctl {
 
-/// The options that stand before the command.
+/// How much of each message is shown.
+enum class Trace { kOff, kCompact, kFull };
+
+/// The options that are not a command's own.
 struct Settings {
   std::string library;           // empty: the one beside this program
   std::string socket;            // of an emulator in another process; empty: the environment's
@@ -23,26 +28,34 @@ struct Settings {
   std::string log_file;          // empty: none; "-": standard output
   bool log_diagnostic = false;
   bool log_android = false;
-  bool trace = false;
+  Trace trace = Trace::kOff;
+  bool time = false;  // before each message
   bool hex = false;
-  std::string pcap;  // capture file; empty: none, or the environment's
+  std::string pcap;  // capture file; empty: none, or the environment's; "-": standard output
   bool json = false;
   int timeout_ms = 0;  // 0: the netlink library's own
+};
+
+struct PortList {
+  std::vector<std::string> words{};  // as a person wrote them
+  std::vector<PortDescriptor> ports{};
+
+  [[nodiscard]] const PortDescriptor* data() const { return ports.data(); }
+  [[nodiscard]] uint32_t size() const { return static_cast<uint32_t>(ports.size()); }
 };
 
 struct Operation;
 
 /// A command with its arguments; each operation has its own of them. Ports are in network byte
-/// order outside descriptors, as the library takes them.
+/// order outside lists, as the library takes them.
 struct Command {
-  const Operation* operation = nullptr;  // null: there is only the text to print
-  std::string text{};                    // help or version
+  const Operation* operation = nullptr;  // null: the words did not tell
   std::string device{};
   std::string from{};
   std::string to{};
   uint32_t selector = 0;
-  std::vector<PortDescriptor> ports{};
-  std::vector<PortDescriptor> old_ports{};
+  PortList ports{};
+  PortList old_ports{};
   IpsecInfo ipsec{};
   std::string address{};  // of a low-latency flow its source
   uint16_t port = 0;
@@ -50,14 +63,18 @@ struct Command {
   uint16_t destination_port = 0;
   Faults faults{};
   std::string path{};
+  bool force = false;
+  std::string text{};  // the help
 };
 
-/// How a step ended: the exit status, and where it is not 0 one line for the user, perhaps with a
-/// second one that hints at the likely cause. Bytes of the kernel are in them as they are.
+/// How a command, or a step of it, ended. Bytes of the kernel are in the texts as they are.
 struct [[nodiscard]] Result {
-  int status = 0;
-  std::string error{};
-  std::string hint{};
+  int status = 0;                    // the exit status
+  std::string error{};               // one line; empty of a failure that is reported already
+  std::string hint{};                // at the likely cause of the failure, in one line
+  std::vector<std::string> notes{};  // what else a person should know, one line each
+  std::string text{};                // what a person asked for
+  nlohmann::ordered_json members = nlohmann::ordered_json::object();  // the same for a program
 
   [[nodiscard]] bool ok() const { return status == 0; }
 };

@@ -15,37 +15,41 @@ namespace {
 
 /// Says what the kernel refused, and which attribute it complained of.
 void explain_refusal(const CorvilNetlinkError& error, std::span<const uint8_t> request,
-                     Failure* failure) {
+                     Result* failed) {
   const uint16_t type = reinterpret_cast<const nlmsghdr*>(request.data())->nlmsg_type;
   if (type == GENL_ID_CTRL && error.error == ENOENT) {
-    failure->reason = "the kernel has no family " TAVIK_WLAN_FAMILY_NAME;
-    failure->hint = kModuleHint;
+    failed->error = "the kernel has no family " TAVIK_WLAN_FAMILY_NAME;
+    failed->hint = "is the module tavik_wlan loaded?";
     return;
   }
   // What the library does not send to the controller, it sends to the family.
   MessageDecoder decoder(type == GENL_ID_CTRL ? 0 : type);
-  std::string& reason = failure->reason;
-  reason = "the kernel refused " + decoder.decode(request)[0]["message"].get<std::string>() + ": " +
-           std::generic_category().message(error.error) + " (" + error_name(error.error) + ")";
+  const std::string name = decoder.decode(request)[0]["message"];
+  if (type != GENL_ID_CTRL) {
+    failed->members["request"] = name.substr(name.find(' ') + 1);  // without the family's name
+  }
+  std::string& reason = failed->error;
+  reason = "the kernel refused " + name + ": " + std::generic_category().message(error.error) +
+           " (" + error_name(error.error) + ")";
   if (error.message[0] != '\0') {
     reason.append(": ").append(error.message);
   }
   if (error.attribute_offset != 0) {
-    const auto [name, value] = decoder.attribute_at(request, error.attribute_offset);
-    if (!name.empty()) {
-      failure->details["attribute"] = name;
-      failure->details["value"] = value;
-      reason.append(": ").append(name).append(value.is_null() ? "" : " " + value_text(value));
+    const auto [attribute, value] = decoder.attribute_at(request, error.attribute_offset);
+    if (!attribute.empty()) {
+      failed->members["attribute"] = attribute;
+      failed->members["value"] = value;
+      reason.append(": ").append(attribute).append(value.is_null() ? "" : " " + value_text(value));
     }
   }
   if (error.missing_attribute != 0) {
     const std::string missing =
         decoder.missing_attribute(request, error.missing_attribute, error.missing_nest_offset);
-    failure->details["missing"] = missing;
+    failed->members["missing"] = missing;
     reason.append(": missing ").append(missing);
   }
   if (error.error == EPERM) {
-    failure->hint = "it takes CAP_NET_ADMIN in the user namespace of the network namespace";
+    failed->hint = "it takes CAP_NET_ADMIN in the user namespace of the network namespace";
   }
 }
 
@@ -62,16 +66,16 @@ std::string emulator_hint(int error, const std::string& path) {
              : "";
 }
 
-Failure explain(const CorvilNetlinkError& error, std::span<const uint8_t> request,
-                const std::string& emulator) {
-  Failure failure{error.message};
-  failure.details = {{"errno", error_name(error.error)}, {"from_kernel", error.from_kernel != 0}};
+Result explain(const CorvilNetlinkError& error, std::span<const uint8_t> request,
+               const std::string& emulator) {
+  Result failed = failure(error.message);
+  failed.members = {{"errno", error_name(error.error)}, {"from_kernel", error.from_kernel != 0}};
   if (error.from_kernel != 0) {
-    explain_refusal(error, request, &failure);
+    explain_refusal(error, request, &failed);
   } else if (!emulator.empty()) {
-    failure.hint = emulator_hint(error.error, emulator);
+    failed.hint = emulator_hint(error.error, emulator);
   }
-  return failure;
+  return failed;
 }
 
 }  // namespace datapathctl

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -12,19 +13,11 @@
 
 #include "datapathctl/operations.h"
 #include "datapathctl/parser.h"
+#include "datapathctl/report.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
 
 namespace datapathctl {
 namespace {
-
-/// Prints what went wrong; returns the exit status.
-int complain(const Result& result) {
-  std::cout.flush();
-  std::cerr << "datapathctl: " << printable(result.error) << "\n";
-  if (!result.hint.empty()) {
-    std::cerr << "datapathctl: hint: " << printable(result.hint) << "\n";
-  }
-  return result.status;
-}
 
 /// Keeps the numbers of closed standard descriptors from the sockets and files that are opened
 /// next, which would get the output as input; to use one still fails.
@@ -36,19 +29,38 @@ void hold_closed_descriptors() {
   }
 }
 
-int run_command_line(int argc, char** argv) {
+/// Gives standard output to the capture; what is printed goes to standard error instead.
+Result capture_to_output() {
+  if (corvil_netlink_open_capture("-") == -1) {
+    return failure(corvil_netlink_last_error()->message);
+  }
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  return {};
+}
+
+int run_command_line(const std::vector<std::string>& words) {
   Settings settings;
   Command command;
-  Result result = Parser(&settings).parse({argv + (argc > 0 ? 1 : 0), argv + argc}, &command);
+  Result result = Parser(&settings).parse(words, &command);
+  if (!result.ok()) {
+    // What can't be parsed may have come before.
+    settings.json = std::ranges::any_of(
+        words, [](const std::string& word) { return word == "-j" || word == "--json"; });
+  } else if (settings.pcap == "-") {
+    result = capture_to_output();
+  }
   Session session(settings);
   if (result.ok()) {
     result = run(session, command);
   }
-  const int status = result.ok() ? 0 : complain(result);
+  report(settings, command, result);
   // The library writes its log to stdout, beside std::cout.
-  return std::cout.flush() && std::ferror(stdout) == 0
-             ? status
-             : complain(failure("cannot write the output"));
+  if (std::cout.flush() && std::ferror(stdout) == 0) {
+    return result.status;
+  }
+  settings.json = false;
+  report(settings, {}, failure("cannot write the output"));
+  return 2;
 }
 
 }  // namespace
@@ -59,7 +71,7 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);  // A closed output shows in std::cout instead.
   std::setlocale(LC_CTYPE, "");   // for printable()
   try {
-    return datapathctl::run_command_line(argc, argv);
+    return datapathctl::run_command_line({argv + (argc > 0 ? 1 : 0), argv + argc});
   } catch (...) {  // Nothing but want of memory comes so far.
     return 2;
   }

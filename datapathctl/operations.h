@@ -17,21 +17,42 @@ struct Operation {
   /// Has the parser fill a command with the arguments; null: there are none.
   void (*add_arguments)(CLI::App& parser, Command& command);
   Result (*run)(Session& session, const Command& command);
-  bool in_batch = true;  // whether a line of a batch may be one
+  bool stands_alone = false;  // It prints for itself while it runs, and is no line of a batch.
 };
 
 std::span<const Operation> operations();
 
-/// Runs the commands of a file, "-" for standard input, one a line, up to the first that fails;
-/// empty lines and those of '#' are skipped.
-Result run_batch(Session& session, const std::string& path);
+/// Runs a parsed command. What its parts throw becomes a failure.
+Result run(Session& session, const Command& command);
+
+// The operations that are more than one call of the library, or none.
+
+/// Brings the proxy up. Of a failure after the first step, here and below, the result says which
+/// steps are done and which command takes them back.
+Result run_proxy_up(Session& session, const Command& command);
+
+/// Takes the proxy down. With force it goes on where something is not there.
+Result run_proxy_down(Session& session, const Command& command);
+
+/// Removes old ports, then adds new ones.
+Result run_proxy_update(Session& session, const Command& command);
+
+/// Removes ports, then one forwarding pair.
+Result run_proxy_unmap(Session& session, const Command& command);
+
+/// Lists what the library reads back into the host's port tree, which it clears before.
+Result run_ports(Session& session, const Command& command);
+
+/// Tells what the kernel holds, or of a kernel that shows only its tuples, those.
+Result run_state(Session& session, const Command& command);
+
+/// Runs the commands of a file, "-" for standard input, one a line, up to the first that fails or,
+/// with force, all; what follows a '#' is skipped.
+Result run_batch(Session& session, const Command& command);
 
 /// Serves an emulated kernel at a path until SIGINT or SIGTERM, and prints each request and what
 /// became of it. Throws std::system_error when it can't listen there.
-Result serve_emulator(const std::string& path, const Faults& faults);
-
-/// Runs a parsed command. What its parts throw becomes a failure.
-Result run(Session& session, const Command& command);
+Result run_emulator(Session& session, const Command& command);
 
 }  // namespace datapathctl
 

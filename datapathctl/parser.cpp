@@ -1,7 +1,8 @@
 #include "datapathctl/parser.h"
 
 #include <algorithm>
-#include <sstream>
+#include <iterator>
+#include <string_view>
 #include <utility>
 
 #include "datapathctl/operations.h"
@@ -10,129 +11,243 @@
 namespace datapathctl {
 namespace {
 
-/// What the verbs of an object have in common.
-constexpr std::pair<const char*, const char*> kObjects[] = {
-    {"proxy", "ports, forwarding pair and WLAN device"},
-    {"ipsec", "tuples of IPsec flows"},
-    {"encap", "UDP port of encapsulated IPsec traffic"},
-    {"lowlat", "low-latency flows"},
-};
+const Operation* find_operation(std::string_view name) {
+  return &*std::ranges::find(operations(), name, &Operation::name);
+}
+
+/// The verbs of an object; of none, every object.
+std::vector<std::string> names_below(const std::string& object) {
+  std::vector<std::string> names;
+  for (const Operation& operation : operations()) {
+    const std::string name = operation.name;
+    const size_t end = std::min(name.find(' '), name.size());
+    if (object.empty() && (names.empty() || names.back() != name.substr(0, end))) {
+      names.push_back(name.substr(0, end));
+    } else if (name.starts_with(object + " ")) {
+      names.push_back(name.substr(end + 1));
+    }
+  }
+  return names;
+}
+
+/// Takes the name of an object, or of a verb of one, off the words; it may be abbreviated.
+Result take_name(const std::string& object, std::vector<std::string>* words, std::string* name) {
+  const std::string word = words->empty() ? "" : words->front();
+  const std::vector<std::string> names = names_below(object);
+  std::vector<std::string> fitting;
+  std::ranges::copy_if(names, std::back_inserter(fitting),
+                       [&word](const std::string& known) { return known.starts_with(word); });
+  const auto exact = std::ranges::find(fitting, word);
+  if (fitting.size() == 1 || exact != fitting.end()) {
+    *name = fitting.size() == 1 ? fitting[0] : *exact;
+    words->erase(words->begin());
+    return {};
+  }
+  const std::string kind = word.starts_with('-') ? "option" : object.empty() ? "object" : "verb";
+  const std::string problem = words->empty()    ? "no " + kind
+                              : fitting.empty() ? "unknown " + kind + " '" + word + "'"
+                                                : "ambiguous " + kind + " '" + word + "'";
+  const std::string choice = CLI::detail::join(fitting.empty() ? names : fitting, ", ");
+  return usage_error(problem + (kind == "option" ? "" : "; one of " + choice) +
+                     ", see datapathctl " + object + (object.empty() ? "" : " ") + "help");
+}
 
 /// Why a path can't be one; empty for others. The settings know an empty one as none at all.
 std::string empty_path(const std::string& path) { return path.empty() ? "the path is empty" : ""; }
+
+/// The number of a Trace.
+std::string parse_trace(const std::string& word) {
+  if (word == "true" || word == "compact" || word == "full") {
+    return std::to_string(static_cast<int>(word == "full" ? Trace::kFull : Trace::kCompact));
+  }
+  throw CLI::ValidationError("'" + word + "' is neither compact nor full");
+}
 
 void define_options(CLI::App& app, Settings& settings) {
   const auto add_path = [&app](const char* name, std::string& path, const char* help) {
     return app.add_option(name, path, help)->type_name("PATH")->check(empty_path);
   };
-  app.set_version_flag("--version", "datapathctl " CORVIL_VERSION);
-  add_path("--library", settings.library,
-           "the library to load; default: the one beside this program, or the installed one");
-  auto* emulate = app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
-  add_path("--socket", settings.socket, "talk to the emulator that is serving there")
-      ->excludes(emulate);
+  add_path("--library", settings.library, "load this library, not the one beside this program");
+  app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
+  add_path("--socket", settings.socket, "talk to the emulator that serves there");
   app.add_option_function<std::vector<std::string>>(
          "--misbehave",
          [&settings](const std::vector<std::string>& words) {
            settings.faults = parse_faults(words);
          },
-         "have the emulated kernel misbehave, repeatable: " + fault_words())
+         "have the emulated kernel misbehave, repeatable")
       ->type_name("WORD")
       ->allow_extra_args(false);
   add_value(app, "--timeout", settings.timeout_ms, parse_timeout,
             "how long the kernel may take to answer")
       ->type_name("MS");
-  app.add_flag("--trace", settings.trace, "print every netlink message, decoded");
+  app.add_flag("--trace", settings.trace, "print every netlink message; =full: all of it")
+      ->transform(parse_trace);
+  app.add_flag("--time", settings.time, "print the time of each message");
   app.add_flag("--dry-run", settings.dry_run,
-               "only print the netlink requests, decoded, as if each succeeded; family id and "
-               "sequence number, not known then, stand as 65535 and 0");
-  app.add_flag("--hex", settings.hex, "with --trace or --dry-run, print the bytes too");
-  add_path("--pcap", settings.pcap, "capture every netlink message there, for Wireshark")
+               "send nothing: print the requests, as if each succeeded");
+  app.add_flag("--hex", settings.hex, "print the bytes of each message");
+  add_path("--pcap", settings.pcap, "capture every message; -: on standard output")
       ->type_name("FILE");
-  app.add_flag("--json", settings.json,
-               "print results, state and trace as JSON, one object a line");
+  app.add_flag("-j,--json", settings.json, "print results, state and messages as JSON");
   add_path("--log-file", settings.log_file, "append the library's log there; -: print it");
   app.add_flag("--log-diag", settings.log_diagnostic, "print the diagnostic sink on stderr");
-  app.add_flag("--log-android", settings.log_android, "switch the Android log on (here: stderr)");
+  app.add_flag("--log-android", settings.log_android, "switch the Android log on");
 }
 
-/// The help on every command below one.
-std::string help_on_commands(const CLI::App& app, const std::string& name) {
-  std::string text;
-  for (const CLI::App* command : app.get_subcommands({})) {
-    text += command->get_subcommands({}).empty()
-                ? "\n" + command->help(name)
-                : help_on_commands(*command, name + " " + command->get_name());
+Result check(const Settings& settings, const Operation& operation) {
+  if (settings.json && settings.log_file == "-") {
+    return usage_error("--json excludes --log-file -");
   }
-  return text;
+  if (settings.emulate && !settings.socket.empty()) {
+    return usage_error("--emulate excludes --socket");
+  }
+  if (settings.dry_run && operation.run == run_emulator) {
+    return usage_error("it excludes --dry-run");
+  }
+  const bool shows = settings.trace != Trace::kOff || settings.dry_run ||
+                     (operation.stands_alone && operation.run != run_batch);
+  if ((settings.hex || settings.time) && !shows) {
+    return usage_error(std::string(settings.hex ? "--hex" : "--time") +
+                       " has no messages to show; it goes with --trace or --dry-run");
+  }
+  return {};
+}
+
+/// Every object with its verbs, in lines.
+std::string list_operations() {
+  constexpr size_t kWidth = 80;
+  std::string text = "OBJECT [VERB]:";
+  size_t width = text.size();
+  for (const std::string& object : names_below("")) {
+    const std::string verbs = CLI::detail::join(names_below(object), "|");
+    const std::string word = " " + object + (verbs.empty() ? "," : " " + verbs + ",");
+    width += word.size();
+    text += width > kWidth ? "\n " : "";
+    width = width > kWidth ? word.size() + 1 : width;
+    text += word;
+  }
+  text.back() = '.';
+  return text + "\nMore: datapathctl OBJECT help, datapathctl help, datapathctl(1)";
 }
 
 }  // namespace
 
 Parser::Parser(Settings* settings)
-    : app_("Drives the data-path library as its host, one command or a batch of them.",
-           "datapathctl"),
-      settings_(settings) {
-  app_.require_subcommand(1);
-  if (settings == nullptr) {
-    app_.set_help_flag();
-  } else {
-    define_options(app_, *settings);
-  }
-  for (const auto& [object, help] : kObjects) {
-    app_.add_subcommand(object, help)->require_subcommand(1);
-  }
-  for (const Operation& operation : operations()) {
-    if (settings != nullptr || operation.in_batch) {
-      add(operation);
-    }
-  }
+    : settings_(settings), options_("", "datapathctl OBJECT [VERB] [ARGUMENT]...") {
   if (settings != nullptr) {
-    app_.get_subcommand("emulator")->excludes(app_.get_option("--dry-run"));
-    app_.add_subcommand("help", "print the help on everything");
-    app_.footer(  // last, since commands would inherit it
-        "Exit status: 0 done, 1 bad usage or input, 2 refused by the kernel or failed.\n"
-        "Without --emulate or --socket the commands reach the kernel of this machine.");
+    options_.add_flag("-V,--version")->description("print the version and exit");
+    define_options(options_, *settings);
+    options_.footer(list_operations());
+    options_.prefix_command();
   }
-}
-
-void Parser::add(const Operation& operation) {
-  const std::string name = operation.name;
-  const size_t blank = name.find(' ');
-  CLI::App* verb = blank == std::string::npos
-                       ? app_.add_subcommand(name, operation.help)
-                       : app_.get_subcommand(name.substr(0, blank))
-                             ->add_subcommand(name.substr(blank + 1), operation.help);
-  if (operation.add_arguments != nullptr) {
-    operation.add_arguments(*verb, command_);
-  }
-  verb->callback([this, &operation] { command_.operation = &operation; });
 }
 
 Result Parser::parse(std::vector<std::string> words, Command* command) {
   command_ = {};
-  std::ranges::reverse(words);  // CLI11 takes them from the back.
+  Result result;
   try {
-    app_.parse(words);
-    if (settings_ != nullptr && app_.got_subcommand("help")) {
-      command_.text =
-          app_.get_formatter()->make_help(&app_, "datapathctl", CLI::AppFormatMode::Normal) +
-          help_on_commands(app_, "datapathctl");
+    for (const auto take :
+         {&Parser::take_options, &Parser::take_operation, &Parser::take_arguments}) {
+      if (result.ok()) {
+        result = (this->*take)(&words);
+      }
     }
-  } catch (const CLI::Success& asked) {  // for help, or for the version
-    std::ostringstream text;
-    app_.exit(asked, text, text);
-    command_.text = text.str();
   } catch (const CLI::ParseError& error) {
-    const std::vector<std::string> strangers = app_.remaining(true);
-    return usage_error(strangers.empty() ? error.what()
-                                         : "not understood: " + CLI::detail::join(strangers, " "));
+    result = usage_error(error.what());
   }
-  if (settings_ != nullptr && settings_->json && settings_->log_file == "-") {
-    return usage_error("--json excludes --log-file -");
+  *command = command_;
+  return result;
+}
+
+Result Parser::take_options(std::vector<std::string>* words) {
+  if (settings_ == nullptr) {
+    return {};
   }
-  *command = std::move(command_);
+  try {
+    std::ranges::reverse(*words);  // CLI11 takes them from the back.
+    options_.parse(*words);
+    *words = options_.count("-V") > 0 ? std::vector<std::string>{"version"} : options_.remaining();
+  } catch (const CLI::CallForHelp&) {
+    *words = {"help"};
+    command_.text = options_.help();
+  }
   return {};
+}
+
+Result Parser::take_operation(std::vector<std::string>* words) {
+  std::string name;
+  if (Result taken = take_name("", words, &name); !taken.ok()) {
+    return taken;
+  }
+  const bool asks = !words->empty() && (words->front() == "help" || words->front() == "--help");
+  if (!asks && !names_below(name).empty()) {
+    std::string verb;
+    if (Result taken = take_name(name, words, &verb); !taken.ok()) {
+      return taken;
+    }
+    name.append(" ").append(verb);
+  }
+  command_.operation = find_operation(asks ? "help" : name);
+  if (asks) {
+    *words = {};
+    command_.text = help_on(name);
+  } else if (name == "help" && command_.text.empty()) {
+    command_.text = options_.help() + "\n" + help_on("");
+  }
+  return {};
+}
+
+Result Parser::take_arguments(std::vector<std::string>* words) {
+  const Operation& operation = *command_.operation;
+  if (settings_ == nullptr && operation.stands_alone) {
+    return usage_error("not in a batch");
+  }
+  CLI::App& app = arguments_of(operation);
+  try {
+    std::ranges::reverse(*words);
+    app.parse(*words);
+  } catch (const CLI::CallForHelp&) {
+    command_.operation = find_operation("help");
+    command_.text = app.help();
+  } catch (const CLI::ParseError&) {
+    const std::vector<std::string> strangers = app.remaining();
+    if (strangers.empty()) {
+      throw;
+    }
+    const bool is_option = settings_ == nullptr && strangers.front().starts_with('-');
+    return usage_error("not understood: " + CLI::detail::join(strangers, " ") +
+                       (is_option ? "; options of datapathctl stand on its command line" : ""));
+  }
+  return settings_ != nullptr ? check(*settings_, operation) : Result{};
+}
+
+CLI::App& Parser::arguments_of(const Operation& operation) {
+  const auto [entry, is_new] = arguments_.try_emplace(&operation, operation.help,
+                                                      std::string("datapathctl ") + operation.name);
+  CLI::App& app = entry->second;
+  if (is_new && settings_ != nullptr) {
+    define_options(app, *settings_);
+    for (CLI::Option* option : app.get_options()) {
+      option->group(option->get_name() == "--help" ? "Options" : "");  // The help leaves them out.
+    }
+  }
+  if (is_new && operation.add_arguments != nullptr) {
+    operation.add_arguments(app, command_);
+  }
+  return app;
+}
+
+/// The help on an operation, on those of an object, or where the topic is empty, on all.
+std::string Parser::help_on(const std::string& topic) {
+  std::string text;
+  for (const Operation& operation : operations()) {
+    const std::string name = operation.name;
+    if (topic.empty() || name == topic || name.starts_with(topic + " ")) {
+      text += arguments_of(operation).help();
+    }
+  }
+  return text;
 }
 
 }  // namespace datapathctl

@@ -3,6 +3,7 @@
 #define DATAPATHCTL_PARSER_H_
 
 #include <CLI/CLI.hpp>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,15 +19,23 @@ class Parser {
   Parser(const Parser&) = delete;
   Parser& operator=(const Parser&) = delete;
 
-  /// Fills the command, or tells in one line what is wrong.
+  /// Fills the command, or tells in one line what is wrong; the command's operation is set as soon
+  /// as it is known.
   Result parse(std::vector<std::string> words, Command* command);
 
  private:
-  void add(const Operation& operation);
+  // Each takes its part off the words.
+  Result take_options(std::vector<std::string>* words);
+  Result take_operation(std::vector<std::string>* words);
+  Result take_arguments(std::vector<std::string>* words);
 
-  CLI::App app_;
-  Command command_;  // which the parts of the parser fill
+  CLI::App& arguments_of(const Operation& operation);
+  std::string help_on(const std::string& topic);
+
   Settings* settings_;
+  Command command_;                                 // which the parts of the parser fill
+  CLI::App options_;                                // before the object
+  std::map<const Operation*, CLI::App> arguments_;  // of operations, once they are needed
 };
 
 }  // namespace datapathctl

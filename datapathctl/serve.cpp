@@ -146,7 +146,8 @@ std::string describe(const Peer& peer, Bytes message, const Status& status) {
 
 }  // namespace
 
-Result serve_emulator(const std::string& path, const Faults& faults) {
+Result run_emulator(Session& session, const Command& command) {
+  const std::string& path = command.path;
   sigset_t ends;
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);
@@ -164,7 +165,7 @@ Result serve_emulator(const std::string& path, const Faults& faults) {
       }
     };
     tavik_wlan::Emulator emulator(path, observer);
-    emulator.inject(faults);
+    emulator.inject(session.settings().faults.value_or(Faults{}));
     printer->print("serving TAVIK_WLAN at " + printable(path));
     int signal = 0;
     sigwait(&ends, &signal);

@@ -14,13 +14,13 @@
 #include <random>
 #include <system_error>
 
+#include "datapathctl/failure.h"
+#include "datapathctl/report.h"
 #include "reference_host/log/corvil_log_control.h"
 #include "reference_kernel/emulator/control.h"
 
 namespace datapathctl {
 namespace {
-
-constexpr char kKernelState[] = "/proc/net/tavik_wlan";
 
 /// What stands for the family's id in a dry run: beyond those that a kernel gives.
 constexpr uint16_t kDryRunFamilyId = 65535;
@@ -33,27 +33,18 @@ std::string default_library() {
   return std::filesystem::exists(beside, error) ? beside.string() : CORVIL_LIBRARY;
 }
 
-std::optional<Failure> read_kernel_state(std::string* state) {
-  std::ifstream file(kKernelState);
-  if (!file) {
-    return Failure{std::string("cannot read ") + kKernelState, kModuleHint};
-  }
-  state->assign(std::istreambuf_iterator<char>(file), {});
-  return {};
-}
-
-std::optional<Failure> read_emulator_state(const std::string& emulator, std::string* state) {
+Result read_emulator_state(const std::string& emulator, std::optional<std::string>* state) {
   const std::chrono::milliseconds patience{corvil_netlink_timeout()};
   try {
     *state = tavik_wlan::ControlClient(emulator, patience).state();
     return {};
   } catch (const std::system_error& error) {
     const int number = error.code().value();
-    return Failure{
+    return failure(
         "cannot read the emulator's state at " + emulator + ": " +
             (number == ETIMEDOUT ? "no answer within " + std::to_string(patience.count()) + " ms"
                                  : error.code().message()),
-        emulator_hint(number, emulator)};
+        emulator_hint(number, emulator));
   }
 }
 
@@ -64,27 +55,6 @@ std::string without_name(const char* text) {
 }
 
 }  // namespace
-
-void print_json(const nlohmann::ordered_json& object) {
-  // Names need not be UTF-8, and may hold controls beyond ASCII.
-  std::cout << object.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) << std::endl;
-}
-
-Session::~Session() {
-  corvil_netlink_set_trace(nullptr, nullptr);
-  corvil_netlink_set_dry_run(0);
-  corvil_netlink_set_emulator(nullptr);
-  corvil_netlink_set_timeout(0);
-  corvil_log_set_diagnostic_handler(nullptr, nullptr);
-  log_to_file = 0;
-  if (logging_fd != nullptr && logging_fd != stdout) {
-    fclose(logging_fd);
-  }
-  logging_fd = nullptr;
-  if (library_ != nullptr) {
-    dlclose(library_);
-  }
-}
 
 Result Session::start() {
   if (library_ != nullptr) {
@@ -160,7 +130,7 @@ void Session::on_log_message(const LogSiteDescriptor& site, const char* line, co
   if (site.level_mask == LOG_LEVEL_MASK_ERR && !failure_) {
     // Without an exchange that failed, the library itself has found something wrong.
     failure_ =
-        corvil_netlink_last_error()->error != 0 ? last_failure() : Failure{without_name(text)};
+        corvil_netlink_last_error()->error != 0 ? last_failure() : failure(without_name(text));
   }
   if (settings_.log_diagnostic) {
     std::cerr << printable(line) << "\n";
@@ -168,13 +138,18 @@ void Session::on_log_message(const LogSiteDescriptor& site, const char* line, co
 }
 
 void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
+  if (direction == CORVIL_NETLINK_SENT) {
+    observer_.on_sent(datagram);
+  } else {
+    observer_.on_received(datagram);
+  }
+  if (settings_.trace != Trace::kOff || settings_.dry_run) {
+    show(direction, datagram);
+  }
+}
+
+void Session::show(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
   const bool sent = direction == CORVIL_NETLINK_SENT;
-  if (sent) {
-    last_request_.assign(datagram.begin(), datagram.end());
-  }
-  if (!settings_.trace && !settings_.dry_run) {
-    return;
-  }
   for (nlohmann::ordered_json& message : decoder_.decode(datagram)) {
     if (settings_.json) {
       message["direction"] = sent ? "sent" : "received";
@@ -191,8 +166,8 @@ void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8
   std::cout.flush();
 }
 
-Failure Session::last_failure() const {
-  return explain(*corvil_netlink_last_error(), last_request_, corvil_netlink_emulator());
+Result Session::last_failure() const {
+  return explain(*corvil_netlink_last_error(), observer_.request, corvil_netlink_emulator());
 }
 
 Result Session::begin_call(const char* function, void** address) {
@@ -208,45 +183,29 @@ Result Session::begin_call(const char* function, void** address) {
   return {};
 }
 
-Result Session::end_call(const char* command, int result) {
+Result Session::end_call(int result) {
   if (!failure_ && (result == -1 || corvil_netlink_check_capture() == -1)) {
     failure_ = last_failure();
   }
   if (!failure_ && logging_fd != nullptr && ferror(logging_fd) != 0) {
-    failure_ = Failure{"cannot write the log file " + settings_.log_file};
+    failure_ = failure("cannot write the log file " + settings_.log_file);
   }
-  Result ended = report(command, result);
-  return ended.ok() ? ended : failure(std::string(command) + ": " + ended.error, ended.hint);
+  return failure_.value_or(Result{});
 }
 
-/// Prints the JSON of a command that is done or has failed.
-Result Session::report(const char* command, int result) const {
-  if (settings_.json && (failure_ || !settings_.dry_run)) {
-    nlohmann::ordered_json outcome = {{"command", command}, {"result", result}};
-    if (failure_) {
-      outcome["reason"] = failure_->reason;
-      outcome.update(failure_->details);
-    }
-    if (failure_ && !failure_->hint.empty()) {
-      outcome["hint"] = failure_->hint;
-    }
-    print_json(outcome);
-  }
-  return failure_ ? failure(failure_->reason, failure_->hint) : Result{};
-}
-
-Result Session::read_state(const char* command, std::string* state) {
-  if (Result started = start(); !started.ok()) {
+Result Session::read_state(std::optional<std::string>* state) {
+  if (Result started = start(); !started.ok() || settings_.dry_run) {
     return started;
   }
   const std::string emulator = corvil_netlink_emulator();
   if (emulator_) {
     *state = emulator_->state();
-    failure_.reset();
-  } else {
-    failure_ = emulator.empty() ? read_kernel_state(state) : read_emulator_state(emulator, state);
+  } else if (!emulator.empty()) {
+    return read_emulator_state(emulator, state);
+  } else if (std::ifstream file("/proc/net/tavik_wlan"); file) {
+    state->emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
   }
-  return failure_ ? report(command, -1) : Result{};
+  return {};
 }
 
 Result Session::inject(const Faults& faults) {

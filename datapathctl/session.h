@@ -1,5 +1,4 @@
-// What the commands of one run work with: the library and the kernel behind it, and the way results
-// reach the user.
+// What the commands of one run work with: the library, and the kernel behind it.
 #ifndef DATAPATHCTL_SESSION_H_
 #define DATAPATHCTL_SESSION_H_
 
@@ -7,19 +6,15 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "datapathctl/command.h"
-#include "datapathctl/failure.h"
 #include "datapathctl/message_decoder.h"
+#include "datapathctl/observer.h"
 #include "host_interfaces/corvil_log_services.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_kernel/emulator/emulator.h"
 
 namespace datapathctl {
-
-/// Prints an object as one line of JSON.
-void print_json(const nlohmann::ordered_json& object);
 
 /// One at a time in a process, since the settings of the host's log and of its netlink library are
 /// the process's.
@@ -29,22 +24,28 @@ class Session {
   explicit Session(const Settings& settings) : settings_(settings) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
-  ~Session();
 
-  /// Calls an exported function of the library, by the type of its prototype and its name, and
-  /// reports under the command's name what it returned. It fails when that is -1, and when the
-  /// library has logged an error: the query of ports returns 0 whatever became of it.
+  /// Forgets what the command before has shown.
+  void begin_command() { observer_ = {}; }
+
+  /// Calls an exported function of the library, by the type of its prototype and its name. It fails
+  /// when the function returns -1, and when the library has logged an error: the query of ports
+  /// returns 0 whatever became of it.
   template <typename Function, typename... Arguments>
-  Result call(const char* command, const char* function, Arguments... arguments) {
+  Result call(const char* function, Arguments... arguments) {
     void* address = nullptr;
     if (Result begun = begin_call(function, &address); !begun.ok()) {
       return begun;
     }
-    return end_call(command, reinterpret_cast<Function*>(address)(arguments...));
+    return end_call(reinterpret_cast<Function*>(address)(arguments...));
   }
 
-  /// Reads what the kernel holds, one line a thing. A failure is reported under the command's name.
-  Result read_state(const char* command, std::string* state);
+  /// What the exchanges of this command have shown.
+  [[nodiscard]] const Observer& observer() const { return observer_; }
+
+  /// Reads what the kernel holds, one line a thing; nothing of a kernel that does not tell, and in
+  /// a dry run.
+  Result read_state(std::optional<std::string>* state);
 
   /// Injects faults into the emulator of this process, in place of those before; nothing in a dry
   /// run.
@@ -59,19 +60,23 @@ class Session {
   Result start_logging();
   Result start_netlink();
   Result begin_call(const char* function, void** address);
-  Result end_call(const char* command, int result);
-  Result report(const char* command, int result) const;
-  [[nodiscard]] Failure last_failure() const;
+  Result end_call(int result);
+  [[nodiscard]] Result last_failure() const;
   void on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram);
+  void show(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram);
   void on_log_message(const LogSiteDescriptor& site, const char* line, const char* text);
 
   const Settings& settings_;
   std::optional<tavik_wlan::Emulator> emulator_;  // in this process
   void* library_ = nullptr;                       // of dlopen(); null: not started yet
   MessageDecoder decoder_;                        // of what is shown
-  std::vector<uint8_t> last_request_;
-  std::optional<Failure> failure_;  // the first of the current call
+  Observer observer_;
+  std::optional<Result> failure_;  // the first of the current call
 };
+
+/// Calls a function of the library by its prototype.
+#define CALL_LIBRARY(session, function, ...) \
+  (session).call<decltype(function)>(#function, ##__VA_ARGS__)
 
 }  // namespace datapathctl
 

@@ -28,7 +28,7 @@ void append_ports(const std::string& text, std::vector<PortDescriptor>* ports) {
   const size_t slash = text.find('/');
   PortDescriptor descriptor = parse_protocol(text.substr(0, slash), text);
   const std::string range = slash == std::string::npos ? "" : text.substr(slash + 1);
-  const size_t dash = range.find('-');
+  const size_t dash = range.find('-', 1);  // The first character can only be a sign.
   const std::string what = "port in '" + text + "'";
   const uint32_t first = parse_number(range.substr(0, dash), UINT16_MAX, what);
   const uint32_t last =
@@ -79,16 +79,28 @@ std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto) {
   return transport + (ip_proto == TAVIK_WLAN_IP_PROTO_IPV6 ? "6" : "");
 }
 
-nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, std::uint32_t value) {
+nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, uint32_t value) {
   return {{"ip", ip}, {"transport", transport}, {transport == "esp" ? "spi" : "port", value}};
 }
 
-std::vector<PortDescriptor> parse_ports(const std::vector<std::string>& texts) {
-  std::vector<PortDescriptor> ports;
+PortList parse_ports(const std::vector<std::string>& texts) {
+  PortList list{.words = texts};
   for (const std::string& text : texts) {
-    append_ports(text, &ports);
+    append_ports(text, &list.ports);
+    if (list.size() > CORVIL_DATAPATH_PROXY_MAX_PORTS) {
+      throw CLI::ValidationError("too many ports: a list holds at most " +
+                                 std::to_string(CORVIL_DATAPATH_PROXY_MAX_PORTS));
+    }
   }
-  return ports;
+  return list;
+}
+
+std::string not_an_address(const std::string& text) {
+  in6_addr address{};
+  return inet_pton(AF_INET, text.c_str(), &address) == 1 ||
+                 inet_pton(AF_INET6, text.c_str(), &address) == 1
+             ? ""
+             : "'" + text + "' is no IP address";
 }
 
 }  // namespace datapathctl

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "datapath_proxy/include/corvil_datapath_proxy.h"
+#include "datapathctl/command.h"
 
 namespace datapathctl {
 
@@ -29,15 +29,19 @@ uint32_t parse_spi(const std::string& text);
 /// A UDP or TCP port number; the result is in network byte order, as the library takes it.
 uint16_t parse_network_port(const std::string& text);
 
-/// Ports of the form tcp/443, udp6/4500 or tcp/1000-1999, in the order given.
-std::vector<PortDescriptor> parse_ports(const std::vector<std::string>& texts);
+/// Ports of the form tcp/443, udp6/4500 or tcp/1000-1999, in the order given; no more of them than
+/// the library takes at once.
+PortList parse_ports(const std::vector<std::string>& texts);
+
+/// Why a text is no IP address; empty where it is one.
+std::string not_an_address(const std::string& text);
 
 /// "tcp", "udp6", "esp" and so on, by a tuple's IP version and IANA protocol number.
 std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto);
 
 /// A tuple as every JSON output writes it: {"ip":4,"transport":"tcp","port":443}, or with the whole
 /// SPI {"ip":6,"transport":"esp","spi":4097}. The value is in host byte order.
-nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, std::uint32_t value);
+nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, uint32_t value);
 
 /// Has a parser convert the text, or the texts, of an option or argument to a value.
 template <typename Text, typename Value>

@@ -27,7 +27,7 @@ _datapathctl() {
       words="none silent delay= truncate= garbage stale refuse= interrupt= family-id= absent"
       ;;
     --timeout,* | --from,* | --to,* | --selector,*) ;;
-    *,) words="proxy ipsec encap lowlat ports reset state misbehave batch emulator help" ;;
+    *,) words="proxy ipsec encap lowlat ports reset state misbehave batch emulator version help" ;;
     *," proxy") words="up down update unmap" ;;
     *," proxy up "* | *," proxy down "* | *," proxy update"*) words="tcp/ udp/ tcp6/ udp6/" ;;
     *," ipsec") words="add delete" ;;
@@ -36,9 +36,11 @@ _datapathctl() {
   esac
   if [[ $word == -* ]]; then
     case $path in
-      "") words="--help --version --library --emulate --socket --misbehave --timeout --trace
+      "") words="--help --version --library --emulate --socket --misbehave --timeout --trace --time
         --dry-run --hex --pcap --json --log-file --log-diag --log-android" ;;
       " proxy update"*) words="--help --old --new" ;;
+      " proxy down"*) words="--help --from --to --selector --force" ;;
+      " batch"*) words="--help --force" ;;
       " proxy "*) words="--help --from --to --selector" ;;
       *) words="--help" ;;
     esac

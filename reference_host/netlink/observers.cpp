@@ -141,10 +141,12 @@ Capture::Capture(const char* path) {
     return;
   }
   snprintf(path_, sizeof(path_), "%s", path);
+  const bool is_output = strcmp(path, "-") == 0;
   // O_NONBLOCK: neither opening nor writing waits for the reader of a FIFO.
   constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  error_ = file_.adopt(open(path, kFlags, S_IRUSR | S_IWUSR));
-  if (is_on()) {
+  error_ = file_.adopt(is_output ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
+                                 : open(path, kFlags, S_IRUSR | S_IWUSR));
+  if (is_on() && !is_output) {
     error_ = claim(file_.number());
   }
   if (is_on()) {

@@ -9,17 +9,18 @@ mkdir "$folder/a b"
 touch "$folder/a file" "$folder/a b/c=d"
 
 # shellcheck disable=SC2086 # an object and a verb
-help() { "$tool" $1 --help; }
-commands() { help "$1" | sed -n '/^Subcommands:/,/^$/s/^  \([a-z-]*\) .*/\1/p' | paste -sd ' '; }
-options() { help "$1" | sed -n 's/^  \(-h,\)\?\(--[a-z-]*\).*/\2/p' | paste -sd ' '; }
-faults=$(help misbehave | sed -n 's/.*those before: //p' | sed 's/=[^,]*/=/g; s/,//g')
+options() { "$tool" $1 --help | sed -n 's/^  \(-.,\)\?\(--[a-z-]*\).*/\2/p' | paste -sd ' '; }
+commands() { # every object, or the verbs of one
+  "$tool" help | sed -n "s/^Usage: datapathctl $1 *\([a-z-]*\) .*/\1/p" | uniq | paste -sd ' '
+}
+faults=$("$tool" misbehave help | sed -n 's/.*those before: //p' | sed 's/=[^,]*/=/g; s/,//g')
 
 # Lines and, behind a '|', what is offered at their end.
 cases() {
   echo "|$(commands "")"
   echo "--|$(options "")"
   for object in $(commands ""); do
-    echo "$object --|$(options "$object")"
+    [ -n "$(commands "$object")" ] || echo "$object --|$(options "$object")"
     for verb in $(commands "$object"); do
       echo "$object $verb --|$(options "$object $verb")"
     done

@@ -20,8 +20,8 @@ done
 # tags PAGE FIRST LAST: the tags of paragraphs from one section up to another.
 tags() { sed -n "/^\.SH $2/,/^\.SH $3/{/^\.T[PQ]/{n;p}}" "$1" | sed 's/\\f[BIR]//g; s/\\-/-/g'; }
 # Options and commands stand in the tool's help as on the page; what a command takes, in its own.
-diff <("$tool" --help | sed -nE 's/^  (-h,)?(--[a-z-]+( [A-Z]+)?)( .*|$)/\2/p') \
-  <(tags "$command" OPTIONS COMMANDS)
+diff <("$tool" --help | sed -nE 's/^  (-.,)?(--[a-z-]+( [A-Z]+)?)( .*|$)/\2/p') \
+  <(tags "$command" OPTIONS COMMANDS | sed 's/^-., //; s/\[=.*//')
 names=()
 while read -ra form; do
   name=() own=() option=""
@@ -40,8 +40,8 @@ while read -ra form; do
 done < <(tags "$command" COMMANDS MISBEHAVIOUR)
 diff <("$tool" help | sed -nE 's/^Usage: datapathctl ([a-z -]*[a-z]).*/\1/p') \
   <(printf '%s\n' "${names[@]}")
-diff <("$tool" --help | sed -n 's/.*repeatable: //p' | sed 's/, /\n/g') \
-  <(tags "$command" MISBEHAVIOUR EXIT)
+diff <("$tool" misbehave help | sed -n 's/.*those before: //p' | sed 's/, /\n/g') \
+  <(tags "$command" MISBEHAVIOUR JSON)
 grep -q "^\.TH .*\"$("$tool" --version)\"" "$command"
 
 prototypes() { awk '/^int corvil_/, /;$/' "$1"; }

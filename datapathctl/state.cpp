@@ -1,0 +1,144 @@
+// What can be read back from the kernel.
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "datapath_proxy/include/corvil_datapath_proxy.h"
+#include "datapathctl/message_decoder.h"
+#include "datapathctl/operations.h"
+#include "datapathctl/values.h"
+#include "reference_host/port_utils/corvil_port_tree.h"
+
+namespace datapathctl {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+/// What the words of a line of a state are, behind its keyword, as far as they are there; a '#' is
+/// before those that are numbers.
+constexpr struct Line {
+  std::string_view keyword;
+  const char* members;
+} kLines[] = {
+    {"tuple", "ip transport value"},
+    {"device", "#selector name"},
+    {"forward", "#selector from to"},
+    {"encap", "#port action"},
+    {"lowlat", "source #source_port destination #destination_port"},
+};
+
+Json to_json(const std::string& text) {
+  std::istringstream words(text);
+  std::string keyword;
+  words >> keyword;
+  const auto* line = std::ranges::find(kLines, keyword, &Line::keyword);
+  if (line == std::end(kLines)) {
+    return {{"text", text}};
+  }
+  const auto number = [](const std::string& word) {
+    return parse_number(word, UINT32_MAX, "state");
+  };
+  Json object = Json::object();
+  std::istringstream members(line->members);
+  for (std::string member, word; members >> member && words >> word;) {
+    if (member[0] == '#') {
+      object[member.substr(1)] = number(word);
+    } else {
+      object[member] = word;
+    }
+  }
+  if (keyword == "tuple") {
+    const std::string transport = object["transport"];
+    object = tuple_as_json(object["ip"] == "ipv6" ? 6 : 4, transport, number(object["value"]));
+  }
+  return {{keyword, object}};
+}
+
+Result to_result(const std::string& state, bool complete) {
+  Result result;
+  result.members = {{"complete", complete}, {"state", Json::array()}};
+  std::istringstream lines(state);
+  for (std::string line; std::getline(lines, line);) {
+    result.members["state"].push_back(to_json(line));
+    result.text += printable(line) + "\n";
+  }
+  return result;
+}
+
+Result dump_tuples(Session& session) {
+  corvil_port_tree_clear();
+  return CALL_LIBRARY(session, corvil_datapath_proxy_get_port_tuple);
+}
+
+/// Adds a port of the tree. In place of an ESP one come the tuples that the library has recorded as
+/// it, by the upper half of their SPIs.
+void add_port(const CorvilPort& port, const std::vector<DatapathTuple>& tuples, Result* result) {
+  const std::string name = protocol_name(port.ip_proto, port.trans_proto);
+  const std::string number = std::to_string(port.port);
+  Json& list = result->members["ports"];
+  if (port.trans_proto != TAVIK_WLAN_TRANS_PROTO_ESP) {
+    list.push_back(tuple_as_json(port.ip_proto, name.substr(0, 3), port.port));
+    result->text += name + "/" + number + "\n";
+    return;
+  }
+  for (const DatapathTuple& tuple : tuples) {
+    const uint32_t spi = ntohl(tuple.key.spi);
+    if (tuple.ip_proto == port.ip_proto && tuple.trans_proto == port.trans_proto &&
+        spi >> 16 == port.port) {
+      const std::string text = tavik_wlan::tuple_text(tuple);
+      list.push_back(tuple_as_json(port.ip_proto, "esp", spi));
+      list.back()["tree_port"] = port.port;
+      result->text +=
+          name + text.substr(text.rfind(' ')) + ", in the tree as port " + number + "\n";
+    }
+  }
+}
+
+}  // namespace
+
+Result run_ports(Session& session, const Command&) {
+  Result result = dump_tuples(session);
+  if (!result.ok() || session.settings().dry_run) {
+    return result;
+  }
+  struct Listing {
+    const std::vector<DatapathTuple>& tuples;
+    Result* result;
+  } listing{session.observer().tuples, &result};
+  result.members["ports"] = Json::array();
+  corvil_port_tree_visit(
+      [](const CorvilPort* port, void* context) {
+        const auto* to = static_cast<const Listing*>(context);
+        add_port(*port, to->tuples, to->result);
+      },
+      &listing);
+  return result;
+}
+
+Result run_state(Session& session, const Command&) {
+  std::optional<std::string> state;
+  if (Result read = session.read_state(&state); !read.ok() || session.settings().dry_run) {
+    return read;
+  }
+  if (state) {
+    return to_result(*state, true);
+  }
+  if (Result dumped = dump_tuples(session); !dumped.ok()) {
+    return dumped;
+  }
+  std::string tuples;
+  for (const DatapathTuple& tuple : session.observer().tuples) {
+    tuples += "tuple " + tavik_wlan::tuple_text(tuple) + "\n";
+  }
+  Result result = to_result(tuples, false);
+  result.notes.emplace_back("only the tuples: this kernel lets nothing else be read back");
+  return result;
+}
+
+}  // namespace datapathctl
