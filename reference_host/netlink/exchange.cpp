@@ -150,8 +150,8 @@ Progress Exchange::ask() {
     return Progress::kFailed;
   }
   deadline_ = {};
-  // receive() looks at the clock only when it has to wait. A peer that keeps sending messages that
-  // are no answer never lets it wait, so the clock is looked at here, too.
+  // receive() looks at the clock only when it has to wait. Whoever keeps sending messages that are
+  // no answer never lets it wait, so the clock is looked at here, too.
   do {
     std::span<const std::byte> datagram;
     const int error = connection_.socket.receive(deadline_, &datagram);

@@ -156,53 +156,41 @@ int NetlinkSocket::send(const nlmsghdr& header, const nlmsghdr* message) {
 }
 
 int NetlinkSocket::receive(Deadline& deadline, std::span<const std::byte>* datagram) {
-  // The deadline reads the clock, so it is not asked before there is nothing to receive.
-  do {
-    sockaddr_nl sender{};
-    socklen_t sender_size = sizeof(sender);
-    // With MSG_TRUNC the result is the size of the whole datagram, even where it did not fit.
-    const ssize_t size = recvfrom(fd(), buffer_.get(), kBufferSize, MSG_DONTWAIT | MSG_TRUNC,
-                                  is_emulated() ? nullptr : reinterpret_cast<sockaddr*>(&sender),
-                                  is_emulated() ? nullptr : &sender_size);
-    if (size == -1) {
-      if (errno != EAGAIN && errno != EINTR) {
-        return errno;
-      }
-      if (const int error = wait(POLLIN, deadline)) {
-        return error;
-      }
-      continue;
+  sockaddr_nl sender{};
+  socklen_t sender_size = sizeof(sender);
+  auto* address = is_emulated() ? nullptr : reinterpret_cast<sockaddr*>(&sender);
+  ssize_t size = 0;
+  // With MSG_TRUNC the result is the size of the whole datagram, even where it did not fit.
+  while ((size = recvfrom(fd(), buffer_.get(), kBufferSize, MSG_DONTWAIT | MSG_TRUNC, address,
+                          &sender_size)) == -1) {
+    if (errno != EAGAIN && errno != EINTR) {
+      return errno;
     }
-    if (is_emulated() && size == 0) {
-      return ECONNRESET;
+    // The deadline reads the clock, so it is not asked before there is nothing to receive.
+    if (const int error = wait(POLLIN, deadline)) {
+      return error;
     }
-    *datagram = {buffer_.get(), std::min(static_cast<size_t>(size), kBufferSize)};
-    show_received(protocol_, *datagram);
-    if (sender.nl_pid == 0) {
-      return static_cast<size_t>(size) > kBufferSize ? EMSGSIZE : 0;
-    }
-  } while (deadline.remaining().count() > 0);
-  return ETIMEDOUT;
+  }
+  if (is_emulated() && size == 0) {
+    return ECONNRESET;
+  }
+  *datagram = {buffer_.get(), std::min(static_cast<size_t>(size), kBufferSize)};
+  show_received(protocol_, *datagram);
+  if (sender.nl_pid != 0) {
+    *datagram = {};
+    return 0;
+  }
+  return static_cast<size_t>(size) > kBufferSize ? EMSGSIZE : 0;
 }
 
 int NetlinkSocket::wait(short events, Deadline& deadline) const {
-  for (;;) {
-    const timespec left = as_timespec(deadline.remaining());
-    if (left.tv_sec == 0 && left.tv_nsec == 0) {
-      return ETIMEDOUT;
-    }
-    pollfd poll{fd(), events, 0};
-    const int ready = ppoll(&poll, 1, &left, nullptr);
-    if (ready > 0) {
-      return 0;
-    }
-    if (ready == 0) {
-      return ETIMEDOUT;
-    }
-    if (errno != EINTR) {
-      return errno;
-    }
+  const timespec left = as_timespec(deadline.remaining());
+  if (left.tv_sec == 0 && left.tv_nsec == 0) {
+    return ETIMEDOUT;
   }
+  pollfd poll{fd(), events, 0};
+  const int ready = ppoll(&poll, 1, &left, nullptr);
+  return ready == 0 ? ETIMEDOUT : ready == -1 && errno != EINTR ? errno : 0;
 }
 
 }  // namespace corvil::netlink

@@ -54,15 +54,16 @@ class NetlinkSocket {
   /// ECONNRESET when the peer has closed the connection.
   [[nodiscard]] int send(const nlmsghdr& header, const nlmsghdr* message);
 
-  /// Receives the peer's next datagram, 4-byte aligned and valid until the next call; datagrams of
-  /// other senders are dropped. ENOBUFS when some were lost, after which the socket can still be
-  /// used; EMSGSIZE when one did not fit the buffer; ECONNRESET when the peer has closed the
-  /// connection.
+  /// Receives the next datagram, 4-byte aligned and valid until the next call; in place of one that
+  /// the kernel did not send there is an empty one. ENOBUFS when some were lost, after which the
+  /// socket can still be used; EMSGSIZE when one did not fit the buffer; ECONNRESET when the peer
+  /// has closed the connection.
   [[nodiscard]] int receive(Deadline& deadline, std::span<const std::byte>* datagram);
 
  private:
   [[nodiscard]] int open_kernel();
   [[nodiscard]] int open_emulator();
+  /// Waits until the socket is ready, or a signal comes.
   [[nodiscard]] int wait(short events, Deadline& deadline) const;
   [[nodiscard]] int fd() const { return socket_.number(); }
   [[nodiscard]] bool is_emulated() const { return emulator_.sun_path[0] != '\0'; }
