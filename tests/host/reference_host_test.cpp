@@ -29,7 +29,6 @@
 #include "host_interfaces/corvil_log_services.h"
 #include "host_interfaces/corvil_netlink.h"
 #include "host_interfaces/corvil_port_utils.h"
-#include "reference_host/log/corvil_log_control.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_host/port_utils/corvil_port_tree.h"
 #include "tests/support/netlink_bytes.h"
@@ -440,25 +439,13 @@ TEST(Attributes, ParseStaysInsideTheRun) {
   EXPECT_EQ(-1, corvil_nla_parse(first, table.data(), 20, 3));
 }
 
-TEST(Log, DiagnosticMessageIsOneLine) {
-  std::string seen;
-  const auto see = [](const LogSiteDescriptor*, const char* line, const char*, void* context) {
-    *static_cast<std::string*>(context) = line;
-  };
-  corvil_log_set_diagnostic_handler(see, &seen);
-  const LogSiteDescriptor site{120, 65, 8, "%s %d\n\n", "a.cpp"};
-  msg_sprintf(&site, "100%", -1);
-  corvil_log_set_diagnostic_handler(nullptr, nullptr);
-  EXPECT_EQ("subsystem 65 ERR a.cpp:120: 100% -1", seen);
-}
-
 /// Logs what the environment asks for, and ends the process.
 [[noreturn]] void log_and_exit() {
   const LogSiteDescriptor low{1, 65, LOG_LEVEL_MASK_LOW, "trace", "a.cpp"};
-  const LogSiteDescriptor failure{2, 65, LOG_LEVEL_MASK_ERR, "failure", "a.cpp"};
+  const LogSiteDescriptor failure{2, 65, LOG_LEVEL_MASK_ERR, "%s %d\n\n", "a.cpp"};
   if ((zu_log_mask & ZU_LOG_MASK_DIAGNOSTIC) != 0) {
     msg_sprintf(&low);
-    msg_sprintf(&failure);
+    msg_sprintf(&failure, "100%", -1);
   }
   _exit(0);
 }
@@ -469,7 +456,7 @@ TEST(LogDeathTest, EnvironmentSwitchesItOn) {
   std::ofstream(path) << "was there\n";
   for (const auto& [target, level, printed] :
        {std::array<std::string, 3>{"", "low", "^$"},
-        {"stderr", "", "^subsystem 65 ERR a.cpp:2: failure\n$"},
+        {"stderr", "", "^subsystem 65 ERR a.cpp:2: 100% -1\n$"},
         {"stderr", "LOW", "^subsystem 65 LOW a.cpp:1: trace\nsubsystem 65 ERR .*\n$"},
         {"/nonexistent/log", "",
          "^CORVIL_LOG: no log, since /nonexistent/log cannot be written: .*\n$"},
