@@ -12,6 +12,14 @@
  * Thread-safety: the library keeps no state; every function may be called from any thread at any
  * time. Calls block until the kernel answers or the host's netlink library gives up. Arguments stay
  * the caller's and are only read, during the call.
+ *
+ * What the library knows of three arguments, whose meaning is the kernel's:
+ *
+ * fwd_from, fwd_to  the forwarding pair: what comes from fwd_from is to be forwarded to fwd_to.
+ *                   Both are sent as they are; which names there are, the kernel knows
+ * selector          a number that goes with the device and with the forwarding pair: its low 8 bits
+ *                   are sent. Selector 1 besides has the tear-down flush the low-latency flows.
+ *                   There the whole number counts: 257 is sent as 1, and flushes nothing
  */
 #ifndef CORVIL_DATAPATH_PROXY_H_
 #define CORVIL_DATAPATH_PROXY_H_
@@ -48,7 +56,7 @@ typedef struct IpsecInfo {
  * fwd_from    where it is forwarded from; must not be null
  * ports       first of port_count ports; null is the same as no port
  * port_count  at most CORVIL_DATAPATH_PROXY_MAX_PORTS; with 0 no port is added
- * selector    its low 8 bits go with the forwarding pair and with the device
+ * selector    goes with the forwarding pair and with the device
  *
  * Sends up to three requests, commands 1 (only with ports), 5 and 3, and stops at the first
  * failure. A forwarding pair that the kernel holds already (-EEXIST) is no failure; a device that
@@ -63,9 +71,9 @@ int corvil_datapath_proxy_set_config_info(const char* wlan_dev, const char* fwd_
  * and, when the selector is 1, flushes the low-latency flows. The arguments are those of
  * corvil_datapath_proxy_set_config_info().
  *
- * Sends up to four requests: commands 4, 6, 2 (only with ports) and 13 (only when the whole
- * selector is 1). A failed device or forwarding step ends the call; after a failed port step the
- * flush still runs. The flush does not change the result.
+ * Sends up to four requests: commands 4, 6, 2 (only with ports) and 13 (only with selector 1).
+ * A failed device or forwarding step ends the call; after a failed port step the flush still runs.
+ * The flush does not change the result.
  */
 int corvil_datapath_proxy_unset_config_info(const char* wlan_dev, const char* fwd_to,
                                             const char* fwd_from, const PortDescriptor* ports,
@@ -86,7 +94,7 @@ int corvil_datapath_proxy_update_config_info(const PortDescriptor* new_ports,
 /*
  * Removes one forwarding pair, without touching device or ports. Sends command 6.
  *
- * selector  its low 8 bits are sent
+ * selector  goes with the forwarding pair
  * fwd_to    where traffic is forwarded to; must not be null
  * fwd_from  where it is forwarded from; must not be null
  */
