@@ -5,16 +5,15 @@
 #include <string>
 #include <vector>
 
-#include "reference_kernel/emulator/emulator.h"
+#include "reference_kernel/emulator/faults.h"
 
 namespace datapathctl {
 
-using tavik_wlan::Faults;
+using tavik_wlan::fault_words;
 
-/// Every word there is: "none, silent, delay=MS" and so on.
-std::string fault_words();
+/// Words that tavik_wlan::parse_faults() knows, with blanks between them.
+using Faults = std::string;
 
-/// The sum of words such as "silent", "delay=20" or "refuse=2:EPERM"; "none" is the empty sum.
 /// Throws CLI::ValidationError on any other word.
 Faults parse_faults(const std::vector<std::string>& words);
 

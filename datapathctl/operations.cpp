@@ -116,7 +116,7 @@ constexpr Operation kOperations[] = {
     {"reset", "drop the kernel's whole configuration", nullptr,
      RUN(corvil_datapath_proxy_flush_config_info)},
     {"state", "print what the kernel holds, a line a thing", nullptr, run_state},
-    {"misbehave", "have the emulator of --emulate misbehave", add_faults,
+    {"misbehave", "have the emulator of --emulate or --socket misbehave", add_faults,
      [](Session& session, const Command& c) { return session.inject(c.faults); }},
     {"batch", "run the commands of a file, one a line", add_batch, run_batch, true},
     {"emulator", "serve an emulated kernel until SIGINT or SIGTERM", add_emulator, run_emulator,

@@ -165,7 +165,7 @@ Result run_emulator(Session& session, const Command& command) {
       }
     };
     tavik_wlan::Emulator emulator(path, observer);
-    emulator.inject(session.settings().faults.value_or(Faults{}));
+    emulator.inject(tavik_wlan::parse_faults(session.settings().faults.value_or(Faults{})));
     printer->print("serving TAVIK_WLAN at " + printable(path));
     int signal = 0;
     sigwait(&ends, &signal);

@@ -104,7 +104,14 @@ Result Session::start_kernel() {
   } else if (!settings_.socket.empty()) {
     corvil_netlink_set_emulator(settings_.socket.c_str());
   }
-  return settings_.faults ? inject(*settings_.faults) : Result{};
+  if (!settings_.faults || settings_.dry_run) {
+    return {};
+  }
+  if (!emulator_) {
+    return usage_error("--misbehave is for an emulator that is started here");
+  }
+  emulator_->inject(tavik_wlan::parse_faults(*settings_.faults));
+  return {};
 }
 
 Result Session::start_logging() {
@@ -212,11 +219,19 @@ Result Session::inject(const Faults& faults) {
   if (Result started = start(); !started.ok() || settings_.dry_run) {
     return started;
   }
-  if (!emulator_) {
-    return usage_error("only the emulator of --emulate can be told to misbehave");
+  const std::string emulator = corvil_netlink_emulator();
+  if (emulator.empty()) {
+    return usage_error("only an emulator can be told to misbehave");
   }
-  emulator_->inject(faults);
-  return {};
+  try {
+    tavik_wlan::ControlClient(emulator, std::chrono::milliseconds{corvil_netlink_timeout()})
+        .set_faults(faults);
+    return {};
+  } catch (const std::system_error& error) {
+    return failure(
+        "cannot tell the emulator at " + emulator + " to misbehave: " + error.code().message(),
+        emulator_hint(error.code().value(), emulator));
+  }
 }
 
 }  // namespace datapathctl

@@ -47,8 +47,8 @@ class Session {
   /// a dry run.
   Result read_state(std::optional<std::string>* state);
 
-  /// Injects faults into the emulator of this process, in place of those before; nothing in a dry
-  /// run.
+  /// Injects faults into the emulator, in this process or in another, in place of those before;
+  /// nothing in a dry run.
   Result inject(const Faults& faults);
 
   [[nodiscard]] const Settings& settings() const { return settings_; }

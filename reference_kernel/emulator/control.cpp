@@ -15,6 +15,15 @@ namespace {
 /// Longer than any datagram of an emulator.
 constexpr size_t kBufferSize = size_t{256} * 1024;
 
+/// What stands before the bytes in the copy of a datagram, in host byte order.
+struct CopyHeader {
+  uint64_t time;  // in ns since 1970
+  uint32_t port_id;
+  uint32_t pid;
+  uint32_t lost;
+  uint32_t is_request;
+};
+
 [[noreturn]] void fail(int error) {
   throw std::system_error(error == EAGAIN ? ETIMEDOUT : error, std::generic_category());
 }
@@ -37,10 +46,51 @@ Datagram control_message(uint16_t type, Bytes payload) {
   return message;
 }
 
+Datagram control_copy(const MonitoredDatagram& copy) {
+  const std::chrono::nanoseconds time = copy.time.time_since_epoch();
+  const CopyHeader header{.time = static_cast<uint64_t>(time.count()),
+                          .port_id = copy.port_id,
+                          .pid = static_cast<uint32_t>(copy.pid),
+                          .lost = copy.lost,
+                          .is_request = copy.is_request ? 1U : 0U};
+  Datagram payload(sizeof(header));
+  memcpy(payload.data(), &header, sizeof(header));
+  payload.insert(payload.end(), copy.bytes.begin(), copy.bytes.end());
+  return control_message(kControlMonitor, payload);
+}
+
 ControlClient::ControlClient(const std::string& path, std::chrono::milliseconds patience)
     : socket_(connect_to(path, patience)), buffer_(kBufferSize) {}
 
 std::string ControlClient::state() { return ask(kControlState, ""); }
+
+void ControlClient::set_faults(const std::string& words) { ask(kControlFaults, words); }
+
+void ControlClient::monitor() {
+  ask(kControlMonitor, "");
+  const timeval unlimited{};
+  setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &unlimited, sizeof(unlimited));
+}
+
+std::optional<MonitoredDatagram> ControlClient::next() {
+  Bytes datagram = receive();
+  if (datagram.empty()) {
+    return std::nullopt;
+  }
+  const std::optional<Bytes> message = take_message(datagram);
+  if (!message || message->size() < NLMSG_HDRLEN + sizeof(CopyHeader)) {
+    fail(EBADMSG);
+  }
+  const Bytes payload = control_payload(*message);
+  const auto header = load<CopyHeader>(payload);
+  return MonitoredDatagram{
+      .time = std::chrono::system_clock::time_point(std::chrono::nanoseconds(header.time)),
+      .port_id = header.port_id,
+      .pid = static_cast<pid_t>(header.pid),
+      .is_request = header.is_request != 0,
+      .lost = header.lost,
+      .bytes = payload.subspan(sizeof(header))};
+}
 
 /// Returns the text of the answer.
 std::string ControlClient::ask(uint16_t type, const std::string& text) {
@@ -53,7 +103,7 @@ std::string ControlClient::ask(uint16_t type, const std::string& text) {
     Bytes datagram = receive();
     const std::optional<Bytes> message = take_message(datagram);
     if (!message) {
-      fail(EBADMSG);
+      fail(ECONNRESET);
     }
     const Bytes payload = control_payload(*message);
     const uint16_t answered = load<nlmsghdr>(*message).nlmsg_type;

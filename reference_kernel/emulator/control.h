@@ -2,8 +2,11 @@
 #ifndef REFERENCE_KERNEL_EMULATOR_CONTROL_H_
 #define REFERENCE_KERNEL_EMULATOR_CONTROL_H_
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,15 +20,31 @@ namespace tavik_wlan {
 /// Faults do not concern them. Each is answered by an acknowledgement, after what it asks for.
 enum Control : uint16_t {
   kControlState = 0xff00,  // Asks for the state: messages of this type, whose payload is its text.
+  kControlFaults,          // Replaces the faults; its payload are words as of parse_faults().
+  kControlMonitor,         // Asks for copies: messages of this type, see control_copy().
 };
 
 /// A message of such a type, without padding, so that its length is that of its payload.
 Datagram control_message(uint16_t type, Bytes payload);
 
-/// Such a message's payload.
+/// A copy of a datagram between the emulator and one of its clients, as a monitor gets it.
+struct MonitoredDatagram {
+  // When the emulator received or sent it.
+  std::chrono::system_clock::time_point time = std::chrono::system_clock::now();
+  uint32_t port_id = 0;     // of the client: its connection's number, which no other one gets
+  pid_t pid = 0;            // of the process that connected; 0: not known
+  bool is_request = false;  // received from the client; otherwise an answer sent to it
+  uint32_t lost = 0;        // how many are missing here, because the monitor read too slowly
+  Bytes bytes{};            // messages as in any datagram; empty where only `lost` is told
+};
+
+/// A message with it.
+Datagram control_copy(const MonitoredDatagram& copy);
+
+/// The payload of a message of these types.
 inline Bytes control_payload(Bytes message) { return message.subspan(NLMSG_HDRLEN); }
 
-/// A connection to an emulator, in this process or another one, to steer it. All of it throws
+/// A connection to an emulator, in this process or another one, to steer and to watch it. It throws
 /// std::system_error: ENOENT or ECONNREFUSED when nobody serves there, ETIMEDOUT when an answer
 /// takes longer than the patience, ECONNRESET when the emulator ends. For one thread.
 class ControlClient {
@@ -35,6 +54,20 @@ class ControlClient {
 
   /// What the family holds; see Emulator::state().
   std::string state();
+
+  /// Replaces the faults by those that words name; see parse_faults(). EINVAL when one is unknown.
+  void set_faults(const std::string& words);
+
+  /// Has the emulator send a copy of each datagram of every other client from now on. After this
+  /// only next() may be called.
+  void monitor();
+
+  /// Waits, however long, for the next copy; nothing when the emulator has ended. The bytes are
+  /// valid until the next call.
+  std::optional<MonitoredDatagram> next();
+
+  /// Readable when next() need not wait, for poll().
+  [[nodiscard]] int fd() const { return socket_.get(); }
 
  private:
   std::string ask(uint16_t type, const std::string& text);

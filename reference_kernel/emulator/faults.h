@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "reference_kernel/emulator/netlink.h"
@@ -47,6 +48,13 @@ struct Faults {
   /// Unregisters the family: neither a look-up nor a request finds it. What it holds stays.
   bool absent = false;
 };
+
+/// Every word that parse_faults() knows: "none, silent, delay=MS" and so on.
+std::string fault_words();
+
+/// The sum of words with blanks between them, such as "silent delay=20" or "refuse=2:EPERM"; "none"
+/// is the empty sum. Throws std::invalid_argument, with one line for the user.
+Faults parse_faults(const std::string& words);
 
 /// Injects faults. Not thread-safe.
 // NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.

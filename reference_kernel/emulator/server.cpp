@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -20,6 +21,10 @@ constexpr size_t kMaxRequest = 131072;
 
 /// Most bytes that wait for all clients together; the longest answer takes less than 4 MiB.
 constexpr size_t kMaxQueued = size_t{64} << 20;
+
+/// Most bytes that wait for a monitor. From then on it gets no copies until it has read all of
+/// them.
+constexpr size_t kMaxCopies = size_t{1} << 20;
 
 /// Longest piece of the state in one message.
 constexpr size_t kMaxPiece = 32768;
@@ -39,9 +44,9 @@ short Server::Client::awaited(Clock::time_point now) const {
   return unsent.front().due <= now ? POLLOUT : 0;
 }
 
-void Server::Client::queue(Datagram bytes, Clock::time_point due) {
+void Server::Client::queue(Datagram bytes, Clock::time_point due, bool is_answer) {
   unsent_bytes += bytes.size();
-  unsent.push_back({std::move(bytes), due});
+  unsent.push_back({std::move(bytes), due, is_answer});
 }
 
 void Server::Client::drop_unsent() {
@@ -184,6 +189,7 @@ void Server::handle(Client& client, Bytes datagram) {
     handle_control(client, *first);
     return;
   }
+  copy_to_monitors(client, datagram, true);
   RequestObserver observer;
   if (observer_) {
     observer = [&](Bytes message, const Status& status) {
@@ -192,25 +198,57 @@ void Server::handle(Client& client, Bytes datagram) {
   }
   Answer answer = kernel_.receive(datagram, observer);
   for (Datagram& bytes : answer.datagrams) {
-    client.queue(std::move(bytes), client.active + answer.delay);
+    client.queue(std::move(bytes), client.active + answer.delay, true);
   }
 }
 
 void Server::handle_control(Client& client, Bytes message) {
   const auto header = load<nlmsghdr>(message);
-  Status status;
-  if (header.nlmsg_type == kControlState) {
+  Status status = apply_control(client, header.nlmsg_type, control_payload(message));
+  client.queue(acknowledgement(header, status));
+}
+
+Status Server::apply_control(Client& client, uint16_t type, Bytes payload) {
+  if (type == kControlState) {
     const std::string state = kernel_.state();
     Bytes left{reinterpret_cast<const uint8_t*>(state.data()), state.size()};
     while (!left.empty()) {
       const Bytes piece = left.first(std::min(left.size(), kMaxPiece));
-      client.queue(control_message(kControlState, piece), client.active);
+      client.queue(control_message(kControlState, piece));
       left = left.subspan(piece.size());
     }
-  } else {
-    status = {-EOPNOTSUPP};
+    return {};
   }
-  client.queue(acknowledgement(header, status), client.active);
+  if (type == kControlMonitor) {
+    client.is_monitor = true;
+    return {};
+  }
+  if (type != kControlFaults) {
+    return {-EOPNOTSUPP};
+  }
+  try {
+    kernel_.inject(parse_faults({payload.begin(), payload.end()}));
+    return {};
+  } catch (const std::invalid_argument&) {
+    return {-EINVAL};
+  }
+}
+
+/// Gives a copy of what a client has sent or been sent to all monitors but itself.
+void Server::copy_to_monitors(const Client& client, Bytes datagram, bool is_request) {
+  for (Client& monitor : clients_) {
+    if (!monitor.is_monitor || &monitor == &client) {
+      continue;
+    }
+    if (monitor.lost > 0 || monitor.unsent_bytes > kMaxCopies) {
+      ++monitor.lost;
+    } else {
+      monitor.queue(control_copy({.port_id = client.peer.port_id,
+                                  .pid = client.peer.pid,
+                                  .is_request = is_request,
+                                  .bytes = datagram}));
+    }
+  }
 }
 
 /// Sends what is due, as far as it is taken.
@@ -225,9 +263,15 @@ void Server::flush(Client& client) {
       }
       return;
     }
+    if (client.unsent.front().is_answer) {
+      copy_to_monitors(client, next, false);
+    }
     client.active = now;
     client.unsent_bytes -= next.size();
     client.unsent.pop_front();
+  }
+  if (client.unsent.empty() && client.lost > 0) {
+    client.queue(control_copy({.lost = std::exchange(client.lost, 0)}));
   }
 }
 

@@ -53,6 +53,7 @@ class Server {
   struct Outgoing {
     Datagram bytes;
     Clock::time_point due;
+    bool is_answer;  // of which monitors get a copy
   };
 
   /// While it has something unsent nothing is received from it, which bounds its queue.
@@ -62,10 +63,12 @@ class Server {
     Clock::time_point active = Clock::now();  // when it last connected, sent or received
     std::deque<Outgoing> unsent{};
     size_t unsent_bytes = 0;
+    bool is_monitor = false;
+    uint32_t lost = 0;  // copies that it read too slowly to get
 
     /// What to poll for.
     [[nodiscard]] short awaited(Clock::time_point now) const;
-    void queue(Datagram bytes, Clock::time_point due);
+    void queue(Datagram bytes, Clock::time_point due = {}, bool is_answer = false);
     void drop_unsent();
     /// The client is gone when the others are through.
     void hang_up();
@@ -80,6 +83,8 @@ class Server {
   void receive(Client& client);
   void handle(Client& client, Bytes datagram);
   void handle_control(Client& client, Bytes message);
+  Status apply_control(Client& client, uint16_t type, Bytes payload);
+  void copy_to_monitors(const Client& client, Bytes datagram, bool is_request);
   void flush(Client& client);
 
   Kernel& kernel_;

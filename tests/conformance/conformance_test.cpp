@@ -173,6 +173,7 @@ TEST_F(ConformanceTest, ChangesItsStateByTheRulesOfEachCommand) {
   accept("ENCAP_PORT_ACT_DROP", port4500 + kPort500, udp + "encap 500 drop\n");
   accept("SET_ENCAP_PORT", port4500, udp + "encap 4500\n");
   accept("UNSET_ENCAP_PORT", port4500, udp);
+  refuse("ENCAP_PORT_ACT_DROP", port4500, "ENOENT @20: the encapsulation port is not set");
   accept("SET_DEV", selector2 + kWlan0, udp + "device 2 wlan0\n");
   accept("SET_DEV", wlan1, udp + "device 1 wlan1\ndevice 2 wlan0\n");
   refuse("SET_DEV", wlan1, "EEXIST @28: the device is set already");

@@ -12,12 +12,14 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <string>
 #include <system_error>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_kernel/emulator/control.h"
 #include "reference_kernel/emulator/emulator.h"
 #include "reference_kernel/emulator/unix_socket.h"
 #include "tests/support/netlink_bytes.h"
@@ -129,6 +131,68 @@ TEST_F(EmulatorTest, InjectsFaultsWithoutHarm) {
   for (const int result : {0, -1, 0}) {
     EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), result) << "the second alone is refused";
   }
+}
+
+/// The copies that a monitor gets up to one for which `is_last` holds.
+std::vector<tavik_wlan::MonitoredDatagram> copies_until(
+    tavik_wlan::ControlClient& monitor,
+    const std::function<bool(const tavik_wlan::MonitoredDatagram&)>& is_last) {
+  std::vector<tavik_wlan::MonitoredDatagram> copies;
+  do {
+    copies.push_back(monitor.next().value());
+  } while (!is_last(copies.back()));
+  return copies;
+}
+
+bool is_acknowledgement(const tavik_wlan::MonitoredDatagram& copy) {
+  return !copy.bytes.empty() && copy.bytes[4] == NLMSG_ERROR;
+}
+
+TEST_F(EmulatorTest, ShowsAMonitorWhatOthersSayAndHear) {
+  tavik_wlan::ControlClient monitor(path_, std::chrono::seconds(20));
+  monitor.monitor();
+  const auto start = std::chrono::system_clock::now();
+  tavik_wlan::ControlClient steering(path_, std::chrono::seconds(20));
+  steering.set_faults("delay=20 refuse=1:EPERM");
+  EXPECT_THROW(steering.set_faults("delay=20 frob"), std::system_error);
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), -1);
+  EXPECT_EQ(corvil_netlink_last_error()->error, EPERM);
+  const auto copies = copies_until(monitor, is_acknowledgement);
+  ASSERT_EQ(copies.size(), 4U) << "look-up and request with their answers";
+  for (size_t i = 0; i < copies.size(); ++i) {
+    EXPECT_EQ(copies[i].is_request, i % 2 == 0);
+    EXPECT_EQ(copies[i].pid, getpid());
+    EXPECT_EQ(copies[i].port_id, copies[0].port_id);
+    EXPECT_EQ(copies[i].lost, 0U);
+    EXPECT_GE(copies[i].time - start, std::chrono::milliseconds(20 * ((i + 1) / 2)));
+    EXPECT_LT(copies[i].time - start, std::chrono::seconds(20));
+  }
+  steering.set_faults("none");
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+  copies_until(monitor, is_acknowledgement);
+  emulator_.reset();
+  EXPECT_FALSE(monitor.next().has_value());
+}
+
+TEST_F(EmulatorTest, WaitsForNoMonitorAndTellsItWhatItLost) {
+  size_t exchanged = 0;
+  corvil_netlink_set_trace([](CorvilNetlinkDirection, const void*, size_t,
+                              void* count) { ++*static_cast<size_t*>(count); },
+                           &exchanged);
+  tavik_wlan::ControlClient monitor(path_, std::chrono::seconds(20));
+  monitor.monitor();
+  std::vector<PortDescriptor> ports;
+  for (uint16_t port = 0; port < 4000; ++port) {
+    ports.push_back({4, 6, port});
+  }
+  for (int i = 0; i < 40; ++i) {  // 64 kB each
+    ASSERT_EQ(corvil_datapath_proxy_update_config_info(ports.data(), 4000, nullptr, 0), 0);
+  }
+  const auto copies = copies_until(monitor, [](const auto& copy) { return copy.lost > 0; });
+  EXPECT_EQ(copies.size() - 1 + copies.back().lost, exchanged);
+  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+  EXPECT_EQ(copies_until(monitor, is_acknowledgement).size(), 4U) << "nothing is lost any more";
+  corvil_netlink_set_trace(nullptr, nullptr);
 }
 
 }  // namespace

@@ -395,9 +395,11 @@ TEST_F(DatapathctlTest, SaysInOneLineWhatIsWrong) {
       {"--pcap '' reset", 1, "--pcap: the path is empty"},
       {"--emulate --json --log-file - reset", 1, "reset: --json excludes --log-file -"},
       {"--dry-run emulator kernel", 1, "emulator: it excludes --dry-run"},
-      {"--dry-run misbehave frob", 1, "misbehave: bad misbehaviour 'frob'"},
-      {"--misbehave silent reset", 1,
-       "reset: only the emulator of --emulate can be told to misbehave"},
+      {"--dry-run misbehave frob", 1,
+       "misbehave: bad misbehaviour 'frob': one of none, silent, delay=MS, truncate=BYTES, "
+       "garbage, "
+       "stale, refuse=N:ERRNO, interrupt=DUMPS, family-id=ID, absent"},
+      {"--misbehave silent reset", 1, "reset: --misbehave is for an emulator that is started here"},
       // What is not there, and what can't be written or read.
       {"--socket nonexistent reset", 2,
        "reset: cannot reach the emulator: No such file or directory: nonexistent\n"
