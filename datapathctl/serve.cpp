@@ -55,6 +55,9 @@ bool write_all(std::string_view text) {
 /// to be read, lines are lost; a line in their place tells how many.
 class LinePrinter {
  public:
+  /// Whether the lines are JSON.
+  explicit LinePrinter(bool json) : json_(json) {}
+
   /// Never blocks. Thread-safe.
   void print(std::string_view line) {
     const std::lock_guard lock(mutex_);
@@ -73,7 +76,8 @@ class LinePrinter {
       changed_.wait(lock, [this] { return !waiting_.empty(); });
       std::string text = std::exchange(waiting_, {});
       if (const size_t lost = std::exchange(lost_, 0); lost > 0) {
-        text += '(' + std::to_string(lost) + " lines were lost: nobody read them)\n";
+        text += json_ ? "{\"lost\":" + std::to_string(lost) + "}\n"
+                      : '(' + std::to_string(lost) + " lines were lost: nobody read them)\n";
       }
       is_writing_ = true;
       lock.unlock();
@@ -94,6 +98,7 @@ class LinePrinter {
   }
 
  private:
+  const bool json_;
   std::mutex mutex_;  // of all that follows
   std::condition_variable changed_;
   std::string waiting_;
@@ -102,52 +107,76 @@ class LinePrinter {
   bool has_failed_ = false;
 };
 
-std::string time_of_day() {
+/// The time of the day here, or with its date in UTC, with microseconds.
+std::string time_text(bool with_date) {
   const auto now = std::chrono::system_clock::now();
   const time_t seconds = std::chrono::system_clock::to_time_t(now);
-  tm local{};
-  localtime_r(&seconds, &local);
-  const auto since = now - std::chrono::system_clock::from_time_t(seconds);
-  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(since).count();
+  tm parts{};
+  with_date ? gmtime_r(&seconds, &parts) : localtime_r(&seconds, &parts);
+  const auto rest = now - std::chrono::system_clock::from_time_t(seconds);
+  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(rest).count();
   std::ostringstream text;
-  text << std::put_time(&local, "%T.") << std::setw(6) << std::setfill('0') << micros;
+  text << std::put_time(&parts, with_date ? "%FT%T." : "%T.") << std::setw(6) << std::setfill('0')
+       << micros << (with_date ? "Z" : "");
   return text.str();
 }
 
-/// The family's id where the request got as far as the family.
-uint16_t family_id(const nlmsghdr& header, const Status& status) {
+/// The request, decoded, and what became of it.
+nlohmann::ordered_json describe(const Peer& peer, Bytes message, const Status& status) {
+  const auto header = tavik_wlan::load<nlmsghdr>(message);
+  // To the family goes what is neither to the controller nor refused because there is no such
+  // family.
   const bool is_unknown = status.error == -ENOENT && status.message == nullptr;
-  return header.nlmsg_type == GENL_ID_CTRL || is_unknown ? 0 : header.nlmsg_type;
+  const bool is_to_family = header.nlmsg_type != GENL_ID_CTRL && !is_unknown;
+  nlohmann::ordered_json object = {
+      {"time", time_text(true)}, {"client", peer.port_id}, {"pid", peer.pid}};
+  object.update(MessageDecoder(is_to_family ? header.nlmsg_type : 0).decode(message)[0]);
+  object["result"] = status.ok() ? 0 : -1;
+  if (!status.ok()) {
+    object["errno"] = error_name(-status.error);
+  }
+  if (status.message != nullptr) {
+    object["reason"] = status.message;
+  }
+  if (status.offset) {
+    object["attribute"] =
+        tavik_wlan::attribute_at(message, tavik_wlan::kAttributes, *status.offset).name;
+  }
+  return object;
 }
 
-/// What the emulator says of a request, such as
+/// Such as
 ///
-///     12:00:00.123456 client 1 (pid 4711) accepted TAVIK_WLAN SET_DEV SELECTOR 1 DEV "wlan0"
+///     12:00:00.123456 client 1 (pid 4711) TAVIK_WLAN UNSET_ENCAP_PORT ENCAP_PORT 5: refused:
+///     ENOENT: the encapsulation port is not set: ENCAP_PORT
 ///
-/// and where it refuses one, why.
-std::string describe(const Peer& peer, Bytes message, const Status& status) {
-  const uint16_t family = family_id(tavik_wlan::load<nlmsghdr>(message), status);
-  const nlohmann::ordered_json decoded = MessageDecoder(family).decode(message)[0];
-  std::string line = time_of_day() + " client " + std::to_string(peer.port_id) + " (pid " +
-                     std::to_string(peer.pid) + (status.ok() ? ") accepted " : ") refused ") +
-                     decoded["message"].get<std::string>();
-  if (decoded.contains("attributes")) {
-    for (const auto& [name, value] : decoded["attributes"].items()) {
-      line.append(" ").append(name).append(" ").append(value_text(value));
+/// in one line.
+std::string to_line(const nlohmann::ordered_json& request) {
+  std::ostringstream line;
+  line << time_text(false) << " client " << request["client"] << " (pid " << request["pid"] << ") "
+       << request["message"].get<std::string>();
+  if (request.contains("attributes")) {
+    for (const auto& [name, value] : request["attributes"].items()) {
+      line << ' ' << name << ' ' << value_text(value);
     }
   }
-  if (!status.ok()) {
-    line.append(": ").append(error_name(-status.error));
-    line.append(status.message != nullptr ? ": " : "")
-        .append(status.message != nullptr ? status.message : "");
+  line << (request["result"] == 0 ? ": accepted" : ": refused");
+  for (const char* detail : {"errno", "reason", "attribute"}) {
+    if (request.contains(detail)) {
+      line << ": " << request[detail].get<std::string>();
+    }
   }
-  return line;
+  return line.str();
+}
+
+std::string json_text(const nlohmann::ordered_json& object) {
+  return object.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace
 
 Result run_emulator(Session& session, const Command& command) {
-  const std::string& path = command.path;
+  const Settings& settings = session.settings();
   sigset_t ends;
   sigemptyset(&ends);
   sigaddset(&ends, SIGINT);
@@ -155,18 +184,20 @@ Result run_emulator(Session& session, const Command& command) {
   // Before other threads start, so that they inherit the mask.
   pthread_sigmask(SIG_BLOCK, &ends, nullptr);
   // The thread, which may never end, has a share.
-  const auto printer = std::make_shared<LinePrinter>();
+  const auto printer = std::make_shared<LinePrinter>(settings.json);
   std::thread([printer] { printer->write_lines(); }).detach();
   {
     const auto observer = [&](const Peer& peer, Bytes message, const Status& status) {
       // Each request is preceded by a look-up of the family.
       if (!status.ok() || tavik_wlan::load<nlmsghdr>(message).nlmsg_type != GENL_ID_CTRL) {
-        printer->print(printable(describe(peer, message, status)));
+        const nlohmann::ordered_json request = describe(peer, message, status);
+        printer->print(settings.json ? json_text(request) : printable(to_line(request)));
       }
     };
-    tavik_wlan::Emulator emulator(path, observer);
-    emulator.inject(tavik_wlan::parse_faults(session.settings().faults.value_or(Faults{})));
-    printer->print("serving TAVIK_WLAN at " + printable(path));
+    tavik_wlan::Emulator emulator(command.path, observer);
+    emulator.inject(tavik_wlan::parse_faults(settings.faults.value_or(Faults{})));
+    printer->print(settings.json ? json_text({{"serving", command.path}})
+                                 : "serving TAVIK_WLAN at " + printable(command.path));
     int signal = 0;
     sigwait(&ends, &signal);
   }

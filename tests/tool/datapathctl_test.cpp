@@ -449,6 +449,9 @@ TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
   EXPECT_EQ(run("--socket kernel encap set 4500").status, 0);
   EXPECT_EQ(run("--socket kernel state").out, "encap 4500\n");
   EXPECT_EQ(run("emulator kernel").status, 2) << "a second one at the same place";
+  EXPECT_EQ(run("--socket kernel misbehave refuse=1:EPERM").status, 0);
+  EXPECT_EQ(run("--socket kernel reset").status, 2);
+  EXPECT_EQ(run("--socket kernel encap unset 1").status, 2);
   kill(emulator, SIGSTOP);
   EXPECT_EQ(
       run("--socket kernel --timeout 50 state").error,
@@ -458,13 +461,17 @@ TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
   EXPECT_FALSE(std::filesystem::exists(folder_ + "/kernel"));
   const std::string served = contents(folder_ + "/served");
   EXPECT_TRUE(served.starts_with("serving TAVIK_WLAN at kernel\n")) << served;
-  EXPECT_TRUE(served.ends_with(" accepted TAVIK_WLAN SET_ENCAP_PORT ENCAP_PORT 4500\n")) << served;
+  for (const char* said : {") TAVIK_WLAN SET_ENCAP_PORT ENCAP_PORT 4500: accepted\n",
+                           ") TAVIK_WLAN RESET: refused: EPERM: refused on demand\n",
+                           ": refused: ENOENT: the encapsulation port is not set: ENCAP_PORT\n"}) {
+    EXPECT_NE(served.find(said), std::string::npos) << said << "is not in:\n" << served;
+  }
   std::ranges::for_each(idle, close);
 }
 
 TEST_F(DatapathctlTest, ServesItsOwnUserAndRootAtAnAbstractAddress) {
   const std::string path = "@datapathctl-test-" + std::to_string(getpid());
-  const pid_t emulator = serve("", path);
+  const pid_t emulator = serve("--json", path);
   EXPECT_EQ(run("--socket " + path + " encap drop 4500").status, 2);
   EXPECT_EQ(run("emulator " + path).status, 2) << "a second one at the same place";
   EXPECT_EQ(run("--socket " + path.substr(0, path.size() - 1) + " reset").status, 2);
@@ -473,6 +480,17 @@ TEST_F(DatapathctlTest, ServesItsOwnUserAndRootAtAnAbstractAddress) {
     EXPECT_NE(std::system((stranger + path + " reset 2>/dev/null").c_str()), 0);
   }
   EXPECT_EQ(end(emulator), 0);
+  std::ifstream served(folder_ + "/served");
+  std::string line;
+  EXPECT_TRUE(std::getline(served, line));
+  EXPECT_EQ(nlohmann::json::parse(line)["serving"], path);
+  EXPECT_TRUE(std::getline(served, line));
+  const auto request = nlohmann::json::parse(line);
+  EXPECT_EQ(request["message"], "TAVIK_WLAN ENCAP_PORT_ACT_DROP");
+  EXPECT_EQ(request["attributes"]["ENCAP_PORT"], 4500);
+  EXPECT_EQ(request["result"], -1);
+  EXPECT_EQ(request["errno"], "ENOENT");
+  EXPECT_EQ(request["attribute"], "ENCAP_PORT");
 }
 
 TEST_F(DatapathctlTest, EndsInOrderWhateverTheKernelAnswers) {
