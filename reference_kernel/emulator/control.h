@@ -58,7 +58,7 @@ class ControlClient {
   /// Replaces the faults by those that words name; see parse_faults(). EINVAL when one is unknown.
   void set_faults(const std::string& words);
 
-  /// Has the emulator send a copy of each datagram of every other client from now on. After this
+  /// Has the emulator send a copy of each netlink datagram of every client from now on. After this
   /// only next() may be called.
   void monitor();
 

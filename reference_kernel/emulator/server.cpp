@@ -234,10 +234,10 @@ Status Server::apply_control(Client& client, uint16_t type, Bytes payload) {
   }
 }
 
-/// Gives a copy of what a client has sent or been sent to all monitors but itself.
+/// Gives all monitors a copy of what a client has sent or been sent.
 void Server::copy_to_monitors(const Client& client, Bytes datagram, bool is_request) {
   for (Client& monitor : clients_) {
-    if (!monitor.is_monitor || &monitor == &client) {
+    if (!monitor.is_monitor) {
       continue;
     }
     if (monitor.lost > 0 || monitor.unsent_bytes > kMaxCopies) {

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
@@ -149,7 +150,7 @@ bool is_acknowledgement(const tavik_wlan::MonitoredDatagram& copy) {
 }
 
 TEST_F(EmulatorTest, ShowsAMonitorWhatOthersSayAndHear) {
-  tavik_wlan::ControlClient monitor(path_, std::chrono::seconds(20));
+  tavik_wlan::ControlClient monitor(path_, std::chrono::milliseconds(200));
   monitor.monitor();
   const auto start = std::chrono::system_clock::now();
   tavik_wlan::ControlClient steering(path_, std::chrono::seconds(20));
@@ -168,8 +169,13 @@ TEST_F(EmulatorTest, ShowsAMonitorWhatOthersSayAndHear) {
     EXPECT_LT(copies[i].time - start, std::chrono::seconds(20));
   }
   steering.set_faults("none");
-  EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
-  copies_until(monitor, is_acknowledgement);
+  {
+    const std::jthread later([] {
+      usleep(300000);
+      EXPECT_EQ(corvil_datapath_proxy_flush_config_info(), 0);
+    });
+    EXPECT_NE(copies_until(monitor, is_acknowledgement)[0].port_id, copies[0].port_id);
+  }
   emulator_.reset();
   EXPECT_FALSE(monitor.next().has_value());
 }

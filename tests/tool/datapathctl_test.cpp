@@ -452,6 +452,8 @@ TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
   EXPECT_EQ(run("--socket kernel misbehave refuse=1:EPERM").status, 0);
   EXPECT_EQ(run("--socket kernel reset").status, 2);
   EXPECT_EQ(run("--socket kernel encap unset 1").status, 2);
+  EXPECT_EQ(run("--socket kernel misbehave absent").status, 0);
+  EXPECT_EQ(run("--socket kernel reset").status, 2);
   kill(emulator, SIGSTOP);
   EXPECT_EQ(
       run("--socket kernel --timeout 50 state").error,
@@ -463,7 +465,8 @@ TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
   EXPECT_TRUE(served.starts_with("serving TAVIK_WLAN at kernel\n")) << served;
   for (const char* said : {") TAVIK_WLAN SET_ENCAP_PORT ENCAP_PORT 4500: accepted\n",
                            ") TAVIK_WLAN RESET: refused: EPERM: refused on demand\n",
-                           ": refused: ENOENT: the encapsulation port is not set: ENCAP_PORT\n"}) {
+                           ": refused: ENOENT: the encapsulation port is not set: ENCAP_PORT\n",
+                           ") nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\": refused: ENOENT\n"}) {
     EXPECT_NE(served.find(said), std::string::npos) << said << "is not in:\n" << served;
   }
   std::ranges::for_each(idle, close);
