@@ -84,8 +84,7 @@ void define_options(CLI::App& app, Settings& settings) {
   app.add_flag("--trace", settings.trace, "print every netlink message; =full: all of it")
       ->transform(parse_trace);
   app.add_flag("--time", settings.time, "print the time of each message");
-  app.add_flag("--dry-run", settings.dry_run,
-               "send nothing: print the requests, as if each succeeded");
+  app.add_flag("--dry-run", settings.dry_run, "print the requests, and send nothing");
   app.add_flag("--hex", settings.hex, "print the bytes of each message");
   add_path("--pcap", settings.pcap, "capture every message; -: on standard output")
       ->type_name("FILE");

@@ -88,6 +88,10 @@ class DatapathctlTest : public ::testing::Test {
 
 const std::string kUp = "proxy up wlan0 --from wwan0 --to wlan0 --selector 1 tcp/443 udp6/4500";
 
+const std::string kObjects =
+    "proxy, ipsec, encap, lowlat, ports, reset, state, misbehave, batch, emulator, version, help, "
+    "see datapathctl help";
+
 TEST_F(DatapathctlTest, SaysWhyTheProxyDoesNotComeUpTwice) {
   const Outcome twice = run("--emulate --trace=full --hex batch -", kUp + "\n# again\n\n" + kUp);
   EXPECT_EQ(twice.status, 2);
@@ -104,7 +108,7 @@ TEST_F(DatapathctlTest, SaysWhyTheProxyDoesNotComeUpTwice) {
 }
 
 TEST_F(DatapathctlTest, TellsWhatStaysBehindAndTakesItBack) {
-  // What comes before, a command that fails, the steps done, and what takes them back.
+  // What comes before, a command that fails, the steps done, what takes them back.
   const struct {
     const char* before;
     const char* command;
@@ -185,40 +189,34 @@ TEST_F(DatapathctlTest, PrintsOneObjectForEachResult) {
   const Outcome outcome =
       run("-j --emulate batch --force -",
           "proxy update --new udp6/53\nip add 0x1001 ::1\nip add 0x10020003 ::1\nports\n"
-          "misb none # and on\nreset\nports\nfrob\nencap unset 1\n"
-          "proxy up w --from a --to b --selector 1\nencap set 5\nencap drop 5\n"
-          "lowlat add ::1 1 ::2 2\nstate\nproxy up v --from a --to c --selector 1\n");
+          "misb none # and on\nreset\nports\nfrob\nproxy up w --from a --to b\nencap set 5\n"
+          "lowlat add ::1 1 ::2 2\nstate\nproxy up v --from a --to c\n");
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(
-      outcome.out,
-      R"({"command":"proxy update","result":0,"line":1}
+  EXPECT_EQ(outcome.out, R"({"command":"proxy update","result":0,"line":1}
 {"command":"ipsec add","result":0,"line":2}
 {"command":"ipsec add","result":0,"line":3}
 {"command":"ports","result":0,"line":4,"ports":[{"ip":6,"transport":"udp","port":53},)"
-      R"({"ip":6,"transport":"esp","spi":4097,"tree_port":0},)"
-      R"({"ip":6,"transport":"esp","spi":268566531,"tree_port":4098}]}
+                         R"({"ip":6,"transport":"esp","spi":4097,"tree_port":0},)"
+                         R"({"ip":6,"transport":"esp","spi":268566531,"tree_port":4098}]}
 {"command":"misbehave","result":0,"line":5}
 {"command":"reset","result":0,"line":6}
 {"command":"ports","result":0,"line":7,"ports":[]}
-{"command":null,"result":-1,"line":8,"status":1,"reason":"unknown object 'frob'; one of proxy, )"
-      R"(ipsec, encap, lowlat, ports, reset, state, misbehave, batch, emulator, version, help, )"
-      R"(see datapathctl help"}
-{"command":"encap unset","result":-1,"line":9,"status":2,"reason":"the kernel refused TAVIK_WLAN )"
-      R"(UNSET_ENCAP_PORT: No such file or directory (ENOENT): the encapsulation port is not set: )"
-      R"(ENCAP_PORT 1","errno":"ENOENT","from_kernel":true,"request":"UNSET_ENCAP_PORT",)"
-      R"("attribute":"ENCAP_PORT","value":1}
-{"command":"proxy up","result":0,"line":10}
-{"command":"encap set","result":0,"line":11}
-{"command":"encap drop","result":0,"line":12}
-{"command":"lowlat add","result":0,"line":13}
-{"command":"state","result":0,"line":14,"complete":true,"state":[)"
-      R"({"device":{"selector":1,"name":"w"}},{"forward":{"selector":1,"from":"a","to":"b"}},)"
-      R"({"encap":{"port":5,"action":"drop"}},{"lowlat":{"source":"::1","source_port":1,)"
-      R"("destination":"::2","destination_port":2}}]}
-{"command":"proxy up","result":-1,"line":15,"status":2,"reason":"the kernel refused TAVIK_WLAN )"
-      R"(SET_DEV: Device or resource busy (EBUSY): another device is set: DEV \"v\"",)"
-      R"("errno":"EBUSY","from_kernel":true,"request":"SET_DEV","attribute":"DEV","value":"v",)"
-      R"("done":["ADD_FWD_INFO"],"undo":"proxy unmap --from a --to c --selector 1"}
+{"command":null,"result":-1,"line":8,"status":1,"reason":"unknown object 'frob'; one of )" +
+                             kObjects +
+                             R"("}
+{"command":"proxy up","result":0,"line":9}
+{"command":"encap set","result":0,"line":10}
+{"command":"lowlat add","result":0,"line":11}
+{"command":"state","result":0,"line":12,"complete":true,"state":[)"
+                             R"({"device":{"selector":0,"name":"w"}},)"
+                             R"({"forward":{"selector":0,"from":"a","to":"b"}},)"
+                             R"({"encap":{"port":5}},{"lowlat":{"source":"::1","source_port":1,)"
+                             R"("destination":"::2","destination_port":2}}]}
+{"command":"proxy up","result":-1,"line":13,"status":2,"reason":"the kernel refused TAVIK_WLAN )"
+                             R"(SET_DEV: Device or resource busy (EBUSY): another device is set: )"
+                             R"(DEV \"v\"","errno":"EBUSY","from_kernel":true,)"
+                             R"("request":"SET_DEV","attribute":"DEV","value":"v",)"
+                             R"("done":["ADD_FWD_INFO"],"undo":"proxy unmap --from a --to c"}
 )");
   EXPECT_EQ(run("reset --emulate --json").out, "{\"command\":\"reset\",\"result\":0}\n");
   EXPECT_EQ(run("-jV").out, "{\"command\":\"version\",\"result\":0,\"version\":\"1.0.0\"}\n");
@@ -367,12 +365,10 @@ TEST_F(DatapathctlTest, SaysInOneLineWhatIsWrong) {
   const struct {
     const char* arguments;
     int status;
-    const char* error;
+    std::string error;
   } kCases[] = {
       // Usage.
-      {"", 1,
-       "no object; one of proxy, ipsec, encap, lowlat, ports, reset, state, misbehave, batch, "
-       "emulator, version, help, see datapathctl help"},
+      {"", 1, "no object; one of " + kObjects},
       {"p", 1, "ambiguous object 'p'; one of proxy, ports, see datapathctl help"},
       {"--frob reset", 1, "unknown option '--frob', see datapathctl help"},
       {"prox frob", 1,
@@ -428,7 +424,7 @@ TEST_F(DatapathctlTest, SaysInOneLineWhatIsWrong) {
   for (const auto& [arguments, status, error] : kCases) {
     const Outcome outcome = run(arguments + std::string(" 2>error; exit $?; :"));
     EXPECT_EQ(outcome.status, status) << arguments;
-    EXPECT_EQ(outcome.error, std::string("datapathctl: ") + error + "\n") << arguments;
+    EXPECT_EQ(outcome.error, "datapathctl: " + error + "\n") << arguments;
   }
   EXPECT_EQ(run("--emulate --log-file - reset >/dev/full; exit $?; :").status, 2);
   const Outcome library = run("--library nonexistent.so --emulate reset");
