@@ -75,8 +75,6 @@ struct Request {
   std::string failed = {};     // by the call, after that
   bool ends_call = true;       // when it fails
 
-  [[nodiscard]] bool forgives() const { return bytes.ends_with("error slot"); }
-
   [[nodiscard]] std::string transcript(Failure failure = kNone) const {
     const size_t size = 16 + (replace(bytes, " error slot", "").size() + 1) / 9 * 4;
     char length[9];
@@ -238,24 +236,26 @@ std::pair<int, std::string> outcome(const Requests& requests, size_t failing = 0
 }
 
 TEST(LibraryTest, SendsItsRequestsAndFailsAtEachPlaceAsItShould) {
+  struct Way {
+    Failure failure;
+    int error;  // of a refusal
+  };
+  const Way ways[] = {
+      {kNone, 0}, {kNoMemory, 0}, {kNoFamily, 0}, {kRefused, -EPERM}, {kRefused, -EEXIST}};
   for (const auto& [call, requests] : kCalls) {
     for (size_t i = 0; i < requests.size(); ++i) {
-      for (const auto& [failure, error] : {std::pair{kNone, 0},
-                                           {kNoMemory, 0},
-                                           {kNoFamily, 0},
-                                           {kRefused, -EPERM},
-                                           {kRefused, -EEXIST}}) {
-        const bool forgiven = error == -EEXIST && requests[i].forgives();
-        const auto [result, transcript] = outcome(requests, i, forgiven ? kNone : failure);
-        expect(call, forgiven && requests.size() == 1 ? 0 : result, transcript,
-               [&, failure = failure, error = error] {
-                 host().failing_allocation = failure == kNoMemory ? static_cast<int>(i) + 1 : 0;
-                 host().failing_resolution = failure == kNoFamily ? static_cast<int>(i) + 1 : 0;
-                 host().answers = {{10}, {11}, {12}, {13}};
-                 if (failure == kRefused) {
-                   host().answers[i] = {-1, error};
-                 }
-               });
+      for (const Way& way : ways) {
+        const bool forgiven = way.error == -EEXIST && requests[i].bytes.ends_with("error slot");
+        const auto [result, transcript] = outcome(requests, i, forgiven ? kNone : way.failure);
+        const auto prepare = [i, way] {
+          host().failing_allocation = way.failure == kNoMemory ? static_cast<int>(i) + 1 : 0;
+          host().failing_resolution = way.failure == kNoFamily ? static_cast<int>(i) + 1 : 0;
+          host().answers = {{10}, {11}, {12}, {13}};
+          if (way.failure == kRefused) {
+            host().answers[i] = {-1, way.error};
+          }
+        };
+        expect(call, forgiven && requests.size() == 1 ? 0 : result, transcript, prepare);
       }
     }
   }
@@ -375,8 +375,11 @@ TEST(LibraryTest, QueryFailsOnlyBeforeItsRequestIsSent) {
   expect(calls::get_ports, 0, query_transcript(kRefused), [] { host().answers = {{-1}}; });
 }
 
-/// A reply: the bytes of hexadecimal digits behind a netlink header, and none of them a null reply.
+/// A reply: the bytes of hexadecimal digits behind a netlink header, or a null one.
 std::vector<uint8_t> reply(const std::string& text) {
+  if (text == "null") {
+    return {};
+  }
   const std::string digits = replace(text, " ", "");
   std::vector<uint8_t> bytes(NLMSG_HDRLEN + digits.size() / 2);
   for (size_t i = 0; i < digits.size(); i += 2) {
@@ -398,7 +401,6 @@ TEST(LibraryTest, HandsTheTuplesOfAReplyToThePortTree) {
   const std::string esp_port =
       "LOW Adding CALLBACK:Port:0 ip_proto:6 trans_proto:50 \nport 0 6 50\n";
   const std::string full = "ERR CALLBACK(): Failed to add port to tree!\n";
-  const std::string no_header = "ERR CALLBACK(): Invalid netlink header!\n";
   const std::string no_tuples = "ERR CALLBACK(): Invalid Outer Tuples NLA!\n";
   struct Case {
     std::string reply;
@@ -412,7 +414,8 @@ TEST(LibraryTest, HandsTheTuplesOfAReplyToThePortTree) {
       {"0e010000 34000180" + https + nat + esp,
        https_port + nat_port + esp_port + full + "reply 0",
        {0, 0, 1}},
-      // Malformed: no generic header, no attribute, no container.
+      // Malformed: no message, no generic header, no attribute, no container.
+      {"null", "ERR CALLBACK(): Invalid netlink header!\nreply 0"},
       {"", no_tuples + "reply 0"},
       {"0e010000", no_tuples + "reply 0"},
       {"0e010000 08000280 00000000", no_tuples + "reply 0"},
@@ -436,18 +439,13 @@ TEST(LibraryTest, HandsTheTuplesOfAReplyToThePortTree) {
       {"0e010000 12000180 0e000180 0a000100 01bb0000 0406", https_port + "reply 1"},
       {"0e010000 14000180 10000180 0d000100 01bb0000 04060000", "reply 0"},
   };
-  const auto expect_query = [](const std::vector<uint8_t>& message, const std::string& events,
-                               const std::deque<int>& port_results = {}) {
-    expect(calls::get_ports, 0,
-           query_transcript(kNone, replace(events, "CALLBACK", "tavik_wlan_tuple_query_cb")), [&] {
-             host().replies = {message};
-             host().port_results = port_results;
-           });
-  };
-  for (const auto& [text, events, port_results] : cases) {
-    expect_query(reply(text), events, port_results);
+  for (const Case& each : cases) {
+    const auto events = replace(each.events, "CALLBACK", "tavik_wlan_tuple_query_cb");
+    expect(calls::get_ports, 0, query_transcript(kNone, events), [&] {
+      host().replies = {reply(each.reply)};
+      host().port_results = each.port_results;
+    });
   }
-  expect_query({}, no_header + "reply 0");
 }
 
 /// After all tests: what they have seen of the log.
