@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -19,8 +20,6 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <iterator>
-#include <regex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -123,6 +122,7 @@ int collect(const nlmsghdr* reply, void* replies) {
 }
 
 /// What the answers to a query, and to its repetitions, come to.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): in the order that a row reads best
 const struct QueryCase {
   std::vector<Answer> answers;
   bool dump;
@@ -467,9 +467,14 @@ TEST(LogDeathTest, EnvironmentSwitchesItOn) {
     EXPECT_EXIT(log_and_exit(), testing::ExitedWithCode(0), printed);
   }
   std::ifstream log(path);
-  EXPECT_TRUE(std::regex_match(
-      std::string(std::istreambuf_iterator<char>(log), {}),
-      std::regex("was there\n([-0-9]{10} [0-9:]{8}\\.[0-9]{3} subsystem 65 .*\n){2}")));
+  std::string line;
+  std::getline(log, line);
+  EXPECT_EQ("was there", line);
+  for (const char* text :
+       {"subsystem 65 LOW a.cpp:1: trace", "subsystem 65 ERR a.cpp:2: 100% -1"}) {
+    std::getline(log, line);
+    EXPECT_EQ(text, line.substr(std::min(line.size(), strlen("2026-11-23 17:02:11.123 "))));
+  }
   unlink(path.c_str());
 }
 
