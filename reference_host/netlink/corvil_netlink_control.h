@@ -25,7 +25,8 @@
  *                              which others can write. One process, with the children that it
  *                              forks, has the file at a time; another one gets no capture (EBUSY).
  *                              A FIFO needs a reader from the start, and ends the capture when it
- *                              is full (EAGAIN). A capture that fails ends, without SIGPIPE or
+ *                              is full (EAGAIN). "-" is standard output, which may keep an
+ *                              exchange waiting. A capture that fails ends, without SIGPIPE or
  *                              SIGXFSZ, and the exchanges go on without it; see
  *                              corvil_netlink_check_capture().
  *
