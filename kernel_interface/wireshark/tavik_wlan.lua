@@ -42,7 +42,17 @@ local ELEMENT_ATTRIBUTES = { [1] = "TUPLE_ATTR" }
 local IP_PROTOS = { [4] = "IPV4", [6] = "IPV6" }
 local TRANS_PROTOS = { [6] = "TCP", [17] = "UDP", [50] = "ESP" }
 
+-- What an answer says besides its error number (extended acknowledgement).
+local EXTACK = { [1] = "MSG", [2] = "OFFS", [3] = "COOKIE", [4] = "POLICY", [5] = "MISS_TYPE",
+  [6] = "MISS_NEST" }
+local ERRORS = { [1] = "EPERM", [2] = "ENOENT", [4] = "EINTR", [11] = "EAGAIN", [12] = "ENOMEM",
+  [16] = "EBUSY", [17] = "EEXIST", [22] = "EINVAL", [28] = "ENOSPC", [95] = "EOPNOTSUPP" }
+local NETLINK, GENERIC = 824, 16 -- in the header of the link layer
+local ERROR, DONE = 2, 3 -- the types of answers
+local REQUEST, CAPPED, ACK_TLVS = 0x1, 0x100, 0x200 -- flags of messages
+
 local family = Proto("tavik_wlan", "TAVIK_WLAN data path")
+local answers = Proto("tavik_wlan_answers", "TAVIK_WLAN answers")
 
 local fields = {
   command = ProtoField.uint8("tavik_wlan.command", "Command", base.DEC, COMMANDS),
@@ -72,6 +82,12 @@ local fields = {
   ll_dst_addr = ProtoField.string("tavik_wlan.ll_dst_addr", "Destination address"),
   ll_src_port = ProtoField.uint16("tavik_wlan.ll_src_port", "Source port"),
   ll_dst_port = ProtoField.uint16("tavik_wlan.ll_dst_port", "Destination port"),
+  request = ProtoField.framenum("tavik_wlan.request", "Request", base.NONE, frametype.REQUEST),
+  outcome = ProtoField.string("tavik_wlan.outcome", "Outcome"),
+  extack_type = ProtoField.uint16("tavik_wlan.extack.type", "Type", base.DEC, EXTACK, 0x3fff),
+  extack_message = ProtoField.string("tavik_wlan.extack.message", "Message"),
+  bad_attribute = ProtoField.string("tavik_wlan.bad_attribute", "Bad attribute"),
+  missing_attribute = ProtoField.string("tavik_wlan.missing_attribute", "Missing attribute"),
 }
 family.fields = fields
 
@@ -81,6 +97,13 @@ local unexpected = ProtoExpert.new("tavik_wlan.unexpected", "Unexpected", expert
                                    expert.severity.WARN)
 family.experts = { malformed, unexpected }
 
+local is_malformed -- whether what is dissected has turned out to be
+
+local function mark_malformed(item, text)
+  item:add_proto_expert_info(malformed, text)
+  is_malformed = true
+end
+
 -- Calls each(name, payload, item) for every known attribute in a range, with the tree item that has
 -- its header.
 local function for_each_attribute(range, tree, type_field, names, each)
@@ -89,8 +112,8 @@ local function for_each_attribute(range, tree, type_field, names, each)
     local rest = range(from)
     local length = rest:len() >= 4 and rest(0, 2):le_uint() or 0
     if length < 4 or length > rest:len() then
-      tree:add_proto_expert_info(malformed, string.format(
-        "Attribute of length %d where %d bytes are left", length, rest:len()))
+      mark_malformed(tree, string.format("Attribute of length %d where %d bytes are left", length,
+                                         rest:len()))
       return
     end
     local attribute_type = rest(2, 2):le_uint() % 0x4000
@@ -114,7 +137,7 @@ end
 
 local function has_size(payload, size, item)
   if payload:len() ~= size then
-    item:add_proto_expert_info(malformed, payload:len() .. " bytes of payload instead of " .. size)
+    mark_malformed(item, payload:len() .. " bytes of payload instead of " .. size)
   end
   return payload:len() == size
 end
@@ -130,7 +153,7 @@ end
 
 local function show_string(payload, item, field)
   if payload:raw():find("\0", 1, true) ~= payload:len() then
-    item:add_proto_expert_info(malformed, "A string that does not end at its first NUL")
+    mark_malformed(item, "A string that does not end at its first NUL")
     return nil
   end
   local text = payload:stringz(ENC_UTF_8)
@@ -209,11 +232,33 @@ local function show_attributes(range, tree)
   return table.concat(texts, ", ")
 end
 
+-- Puts one message into the columns; a datagram may hold several.
+local function show_line(packet, line)
+  packet.cols.protocol = "TAVIK_WLAN"
+  local before = tostring(packet.cols.info)
+  packet.cols.info = (before == "" and "" or before .. "; ") ..
+    (is_malformed and "[malformed] " or "") .. line
+end
+
+-- The latest request with each sequence number, and which one the answer at a place is to.
+local requests, answered = {}, {}
+-- What the messages of the family in this packet are, by where their generic headers are.
+local shown = {}
+function family.init()
+  requests, answered = {}, {}
+end
+
+local function has_flag(flags, flag)
+  return math.floor(flags / flag) % 2 == 1
+end
+
 -- The buffer is one message from its generic header on.
 function family.dissector(buffer, packet, root)
+  is_malformed = false
   local tree = root:add(family, buffer())
   if buffer:len() < 4 then
-    tree:add_proto_expert_info(malformed, "No generic netlink header")
+    mark_malformed(tree, "No generic netlink header")
+    show_line(packet, "no header")
     return buffer:len()
   end
   local command = buffer(0, 1):uint()
@@ -226,12 +271,127 @@ function family.dissector(buffer, packet, root)
   local attributes = show_attributes(buffer(4, buffer:len() - 4), tree)
   local line = attributes == "" and name or name .. " " .. attributes
   tree:append_text(": " .. line)
-
-  packet.cols.protocol = "TAVIK_WLAN"
-  -- A datagram may hold several messages.
-  local before = tostring(packet.cols.info)
-  packet.cols.info = before == "" and line or before .. "; " .. line
+  show_line(packet, line)
+  shown[buffer:offset()] = { frame = packet.number, line = line, attributes = buffer:raw(4) }
   return buffer:len()
 end
 
+-- The name of the attribute that holds the byte at an offset of a run: "DEV", "TUPLES[3].TUPLE".
+local function attribute_at(run, offset, depth)
+  local from, index = 0, 0
+  while offset >= 0 and #run - from >= 4 do
+    local length = run:byte(from + 1) + 256 * run:byte(from + 2)
+    if length < 4 or length > #run - from then
+      return nil
+    end
+    if offset >= from and offset < from + length then
+      local attribute_type = (run:byte(from + 3) + 256 * run:byte(from + 4)) % 0x4000
+      local name = ATTRIBUTES[attribute_type] or "type " .. attribute_type
+      if depth == 1 and name ~= "TUPLES" then
+        return name
+      end
+      local inside = run:sub(from + 5, from + length)
+      name = depth == 1 and name or depth == 2 and "[" .. index .. "]" or ".TUPLE"
+      return name .. (depth < 3 and attribute_at(inside, offset - from - 4, depth + 1) or "")
+    end
+    from, index = from + length + -length % 4, index + 1
+  end
+end
+
+-- Shows an extended acknowledgement and returns it as text.
+local function show_extack(range, tree, request)
+  local found = {}
+  for_each_attribute(range, tree, fields.extack_type, EXTACK, function(name, payload, item)
+    if name == "MSG" then
+      found.MSG = show_string(payload, item, fields.extack_message)
+    elseif name ~= "COOKIE" and name ~= "POLICY" and has_size(payload, 4, item) then
+      found[name] = payload:le_uint()
+      item:set_text(name .. " " .. found[name])
+    end
+  end)
+  local text = found.MSG and ": " .. found.MSG or ""
+  -- Offsets count from the netlink header.
+  local bad = found.OFFS and attribute_at(request.attributes, found.OFFS - 20, 1)
+  if bad then
+    tree:add(fields.bad_attribute, bad):set_generated()
+    text = text .. ": " .. bad
+  end
+  if found.MISS_TYPE then
+    local nest = found.MISS_NEST and attribute_at(request.attributes, found.MISS_NEST - 20, 1)
+    local missing = nest and nest .. (nest:find("%]$") and ".TUPLE" or ".ELEMENT") or
+      ATTRIBUTES[found.MISS_TYPE] or "type " .. found.MISS_TYPE
+    tree:add(fields.missing_attribute, missing):set_generated()
+    text = text .. ": missing " .. missing
+  end
+  return text
+end
+
+-- Shows an acknowledgement, an error or the end of a dump that answers a request of the family. The
+-- range is the whole message.
+local function show_answer(range, packet, root, request)
+  is_malformed = false
+  local tree = root:add(family, range)
+  tree:add(fields.request, request.frame):set_generated()
+  local is_error = range(4, 2):le_uint() == ERROR
+  if range:len() < (is_error and 36 or 20) then
+    mark_malformed(tree, "An answer of " .. range:len() .. " bytes")
+    show_line(packet, request.line)
+    return
+  end
+  local number = range(16, 4):le_int()
+  local outcome = number == 0 and (is_error and "acknowledged" or "done") or ERRORS[-number] or
+    "error " .. -number
+  tree:add(fields.outcome, range(16, 4), outcome)
+  local flags, text = range(6, 2):le_uint(), ""
+  if has_flag(flags, ACK_TLVS) then
+    local echoed = not is_error and 0 or has_flag(flags, CAPPED) and 16 or range(20, 4):le_uint()
+    local from = 20 + echoed + -echoed % 4
+    if from <= range:len() then
+      text = show_extack(range:tvb()(from, range:len() - from), tree, request)
+    else
+      mark_malformed(tree, "The request in the answer is longer than the answer")
+    end
+  end
+  tree:append_text(": " .. outcome .. text)
+  show_line(packet, request.line .. ": " .. outcome .. text)
+end
+
+-- Which request a message is the answer to, by its sequence number and the type that it repeats.
+local function request_of(range)
+  local request = requests[range(8, 4):le_uint()]
+  local is_other = request and range(4, 2):le_uint() == ERROR and range:len() >= 36 and
+    range(24, 2):le_uint() ~= request.type
+  return not is_other and request or nil
+end
+
+-- Runs on each packet, whatever it holds: Wireshark asks no family's dissector for answers.
+function answers.dissector(buffer, packet, root)
+  local at = 16 -- behind the header of the link layer
+  local is_netlink = buffer:len() >= at and buffer(2, 2):uint() == NETLINK and
+    buffer(14, 2):uint() == GENERIC
+  while is_netlink and buffer:len() - at >= 16 do
+    local length = buffer(at, 4):le_uint()
+    if length < 16 or length > buffer:len() - at then
+      break
+    end
+    local range = buffer(at, length)
+    local message_type, place = range(4, 2):le_uint(), packet.number .. " " .. at
+    if message_type ~= ERROR and message_type ~= DONE then
+      local request = shown[at + 16]
+      if request and not packet.visited and has_flag(range(6, 2):le_uint(), REQUEST) then
+        request.type = message_type
+        requests[range(8, 4):le_uint()] = request
+      end
+    else
+      answered[place] = packet.visited and answered[place] or request_of(range)
+      if answered[place] then
+        show_answer(range, packet, root, answered[place])
+      end
+    end
+    at = at + length + -length % 4
+  end
+  shown = {}
+end
+
 DissectorTable.get("genl.family"):add("TAVIK_WLAN", family)
+register_postdissector(answers)

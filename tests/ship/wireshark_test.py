@@ -21,7 +21,7 @@ BATCH = """\
 proxy up wlan0 --from wwan0 --to wlan1 --selector 7 tcp/443 udp6/4500
 ports
 ipsec add 0x89abcdef 2001:db8::1
-lowlat add 10.0.0.1 1 10.0.0.2 256
+lowlat add ::1 1 ::2 256
 reset
 encap drop 65534
 """
@@ -32,9 +32,20 @@ command=3 selector=7 device=wlan0
 command=14
 command=14 tuple.ip_proto=4,6 tuple.trans_proto=6,17 tuple.port=443,4500
 command=1 tuple.ip_proto=6 tuple.trans_proto=50 tuple.spi=0x89abcdef
-command=12 ll_src_addr=10.0.0.1 ll_dst_addr=10.0.0.2 ll_src_port=1 ll_dst_port=256
+command=12 ll_src_addr=::1 ll_dst_addr=::2 ll_src_port=1 ll_dst_port=256
 command=9
 command=11 encap_port=65534
+"""
+# Of the answers: packet, that of the request, and the line on both.
+OUTCOMES = """\
+4 3 ADD_TUPLES TUPLES ipv4 tcp 443, ipv6 udp 4500: acknowledged
+8 7 ADD_FWD_INFO SELECTOR 7, FWD_TO wlan1, FWD_FROM wwan0: acknowledged
+12 11 SET_DEV SELECTOR 7, DEV wlan0: acknowledged
+16 15 GET_TUPLES TUPLES ipv4 tcp 443, ipv6 udp 4500; GET_TUPLES: done
+20 19 ADD_TUPLES TUPLES ipv6 esp 0x89abcdef: acknowledged
+24 23 LL_ADDR_ADD LL_SRC_ADDR ::1, LL_DST_ADDR ::2, LL_SRC_PORT 1, LL_DST_PORT 256: acknowledged
+28 27 RESET: acknowledged
+32 31 ENCAP_PORT_ACT_DROP ENCAP_PORT 65534: ENOENT: the encapsulation port is not set: ENCAP_PORT
 """
 
 
@@ -64,7 +75,7 @@ class WiresharkTest(unittest.TestCase):
                               input=BATCH, text=True, capture_output=True, umask=0o22)
         self.assertIn("ENOENT", done.stderr)  # of the last command
 
-    def tshark(self, *fields, show="tavik_wlan"):
+    def tshark(self, *fields, show="tavik_wlan.command"):
         """The values of fields in the packets that a filter shows, a list a packet."""
         columns = [word for field in fields for word in ("-e", field)]
         done = subprocess.run(["tshark", "-r", CAPTURE, "-X", f"lua_script:{SCRIPT}", "-Y",
@@ -78,8 +89,12 @@ class WiresharkTest(unittest.TestCase):
         self.assertEqual(MESSAGES.splitlines(), [
             " ".join(f"{field}={value}" for field, value in zip(FIELDS, row) if value)
             for row in self.tshark(*(f"tavik_wlan.{field}" for field in FIELDS))])
-        self.assertEqual(self.tshark("_ws.col.Info", show="tavik_wlan.tuple.port == 443")[0],
-                         ["ADD_TUPLES TUPLES ipv4 tcp 443, ipv6 udp 4500"])
+        self.assertEqual(OUTCOMES.splitlines(), [
+            " ".join(row) for row in self.tshark("frame.number", "tavik_wlan.request",
+                                                 "_ws.col.Info", show="tavik_wlan.outcome")])
+        self.assertEqual(self.tshark("tavik_wlan.extack.message", "tavik_wlan.bad_attribute",
+                                     show='tavik_wlan.outcome == "ENOENT"'),
+                         [["the encapsulation port is not set", "ENCAP_PORT"]])
         self.assertEqual(self.tshark("frame.number", show="_ws.expert"), [])
         self.assertEqual(os.stat(CAPTURE).st_mode & 0o777, 0o600)
 
@@ -111,8 +126,9 @@ class WiresharkTest(unittest.TestCase):
                 file.write(struct.pack("=8x2I", size, size) + link_header +
                            struct.pack("=I", len(data)) + data[4:])
         self.assertEqual(self.tshark("frame.number", show="_ws.lua.error"), [])
-        malformed = self.tshark("frame.number", show="tavik_wlan.malformed")
-        self.assertEqual(malformed[:len(cut)], [[str(number)] for number in cut])
+        malformed = self.tshark("frame.number", "_ws.col.Info", show="tavik_wlan.malformed")
+        self.assertEqual([row[0] for row in malformed[:len(cut)]], list(map(str, cut)))
+        self.assertEqual([row for row in malformed if "[malformed] " not in row[1]], [])
 
 
 if __name__ == "__main__":
