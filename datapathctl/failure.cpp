@@ -24,7 +24,7 @@ void explain_refusal(const CorvilNetlinkError& error, std::span<const uint8_t> r
   }
   // What the library does not send to the controller, it sends to the family.
   MessageDecoder decoder(type == GENL_ID_CTRL ? 0 : type);
-  const std::string name = decoder.decode(request)[0]["message"];
+  const std::string name = decoder.decode(request)[0].json["message"];
   if (type != GENL_ID_CTRL) {
     failed->members["request"] = name.substr(name.find(' ') + 1);  // without the family's name
   }

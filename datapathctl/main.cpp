@@ -46,7 +46,8 @@ int run_command_line(const std::vector<std::string>& words) {
     // What can't be parsed may have come before.
     settings.json = std::ranges::any_of(
         words, [](const std::string& word) { return word == "-j" || word == "--json"; });
-  } else if (settings.pcap == "-") {
+  } else if (settings.pcap == "-" && command.operation->run != run_monitor &&
+             command.operation->run != run_decode) {  // They write their own.
     result = capture_to_output();
   }
   Session session(settings);

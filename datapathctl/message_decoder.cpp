@@ -9,6 +9,7 @@
 #include <cwctype>
 #include <optional>
 
+#include "datapathctl/values.h"
 #include "kernel_interface/protocol.h"
 
 namespace datapathctl {
@@ -23,6 +24,12 @@ using tavik_wlan::CommandInfo;
 using tavik_wlan::FoundAttribute;
 using tavik_wlan::Kind;
 using tavik_wlan::load;
+
+/// Enough for the clients that may have a request on its way at the same time.
+constexpr size_t kMaxRequests = 64;
+
+/// How many tuples a line names.
+constexpr size_t kMaxTuples = 4;
 
 constexpr CommandInfo kControllerCommands[] = {
     {CTRL_CMD_NEWFAMILY, "NEWFAMILY"},
@@ -87,10 +94,14 @@ Json value(Kind kind, Bytes payload) {
       return std::string(payload.begin(), std::ranges::find(payload, 0));
     case Kind::kTuples:
       return values_inside(payload, TAVIK_WLAN_TUPLE_ATTR, Kind::kTuple);
-    case Kind::kTuple:
-      return payload.size() == sizeof(DatapathTuple)
-                 ? tavik_wlan::tuple_text(load<DatapathTuple>(payload))
-                 : to_hex(payload);
+    case Kind::kTuple: {
+      if (payload.size() != sizeof(DatapathTuple)) {
+        break;
+      }
+      const auto tuple = load<DatapathTuple>(payload);
+      return tuple_as_json(tuple.ip_proto, tavik_wlan::transport_name(tuple.trans_proto),
+                           tavik_wlan::tuple_value(tuple));
+    }
     case Kind::kOperations:
       return values_inside(payload, CTRL_ATTR_OP_ID, Kind::kU32);
     case Kind::kTupleElement:
@@ -128,28 +139,21 @@ FoundAttribute find_attribute_at(Bytes request, uint32_t offset, uint16_t family
   return tavik_wlan::attribute_at(request, attributes, offset);
 }
 
-Json decode_acknowledgement(Bytes message) {
-  if (message.size() < NLMSG_HDRLEN + sizeof(nlmsgerr)) {
-    return {{"message", "MALFORMED"}};
-  }
-  const auto header = load<nlmsghdr>(message);
-  const auto error = load<nlmsgerr>(message.subspan(NLMSG_HDRLEN));
-  Json object;
-  if (error.error == 0) {
-    object["message"] = "ACK";
-  } else {
-    // In 64 bits, since the smallest int has no opposite.
-    const char* name = strerrorname_np(static_cast<int>(-int64_t{error.error}));
-    object["message"] = "ERROR " + (name != nullptr ? name : std::to_string(error.error));
-  }
-  const size_t echoed = (header.nlmsg_flags & NLM_F_CAPPED) != 0
-                            ? 0
-                            : NLMSG_ALIGN(error.msg.nlmsg_len) - NLMSG_HDRLEN;
-  if ((header.nlmsg_flags & NLM_F_ACK_TLVS) != 0) {
-    const AttributeReader extack(message, NLMSG_HDRLEN + sizeof(error) + echoed);
-    object["attributes"] = values(kExtackAttributes, extack);
-  }
-  return object;
+std::string outcome(const char* success, int error) {
+  // In 64 bits, since the smallest int has no opposite.
+  const char* name = strerrorname_np(static_cast<int>(-int64_t{error}));
+  return error == 0 ? success : "ERROR " + (name != nullptr ? name : std::to_string(error));
+}
+
+/// A name without the family that most names belong to.
+std::string short_name(std::string name) {
+  constexpr std::string_view kFamily = TAVIK_WLAN_FAMILY_NAME " ";
+  return name.starts_with(kFamily) ? name.substr(kFamily.size()) : name;
+}
+
+void mark_malformed(Message* message) {
+  message->is_failure = true;
+  message->json["message"] = "MALFORMED";
 }
 
 std::string escaped(char byte) {
@@ -166,13 +170,24 @@ std::string escaped(char byte) {
 
 }  // namespace
 
-Json MessageDecoder::decode(std::span<const uint8_t> datagram) {
-  Json messages = Json::array();
-  while (const std::optional<Bytes> message = tavik_wlan::take_message(datagram)) {
-    messages.push_back(decode_message(*message));
+std::vector<Message> MessageDecoder::decode(Bytes datagram) {
+  std::vector<Message> messages;
+  while (const std::optional<Bytes> bytes = tavik_wlan::take_message(datagram)) {
+    const auto header = load<nlmsghdr>(*bytes);
+    Message& message = messages.emplace_back(Message{.bytes = *bytes});
+    message.is_request = (header.nlmsg_flags & NLM_F_REQUEST) != 0;
+    if (header.nlmsg_type == NLMSG_ERROR || header.nlmsg_type == NLMSG_DONE) {
+      decode_answer(&message);
+    } else {
+      decode_generic(&message);
+    }
+    message.json["seq"] = header.nlmsg_seq;
+    message.json["port_id"] = header.nlmsg_pid;
+    message.json["length"] = header.nlmsg_len;
   }
   if (!datagram.empty()) {
-    messages.push_back({{"message", "MALFORMED"}, {"length", datagram.size()}});
+    mark_malformed(&messages.emplace_back(Message{.bytes = datagram}));
+    messages.back().json["length"] = datagram.size();
   }
   return messages;
 }
@@ -191,59 +206,166 @@ std::string MessageDecoder::missing_attribute(std::span<const uint8_t> request, 
          attribute_name(container.inside, type);
 }
 
-Json MessageDecoder::decode_message(std::span<const uint8_t> message) {
-  const auto header = load<nlmsghdr>(message);
-  Json object;
-  if (header.nlmsg_type == NLMSG_ERROR) {
-    object = decode_acknowledgement(message);
-  } else if (header.nlmsg_type == NLMSG_DONE) {
-    object["message"] = "DONE";
-  } else {
-    object = decode_generic(message);
+void MessageDecoder::decode_generic(Message* message) {
+  if (message->bytes.size() < NLMSG_HDRLEN + GENL_HDRLEN) {
+    mark_malformed(message);
+    return;
   }
-  object["seq"] = header.nlmsg_seq;
-  object["length"] = header.nlmsg_len;
-  return object;
+  const auto header = load<nlmsghdr>(message->bytes);
+  message->json["message"] = name_of(message->bytes);
+  if (header.nlmsg_type == GENL_ID_CTRL) {
+    Json attributes = values(kControllerAttributes, AttributeReader(message->bytes));
+    const Json id = attributes.value("FAMILY_ID", Json());
+    if (attributes.value("FAMILY_NAME", "") == TAVIK_WLAN_FAMILY_NAME) {
+      // What the controller tells unasked has no sequence number.
+      const bool is_asked = message->is_request || header.nlmsg_seq != 0;
+      message->subject = is_asked ? Subject::kLookUp : Subject::kFamily;
+      family_id_ = id.is_number() ? id.get<uint16_t>() : family_id_;
+    }
+    message->json["attributes"] = std::move(attributes);
+  } else if (is_family(header.nlmsg_type)) {
+    message->subject = Subject::kFamily;
+    message->json["attributes"] = values(tavik_wlan::kAttributes, AttributeReader(message->bytes));
+  }
+  if (message->is_request && message->subject != Subject::kOther) {
+    requests_.push_front({message->subject, {message->bytes.begin(), message->bytes.end()}});
+    if (requests_.size() > kMaxRequests) {
+      requests_.pop_back();
+    }
+  }
 }
 
-Json MessageDecoder::decode_generic(std::span<const uint8_t> message) {
-  if (message.size() < NLMSG_HDRLEN + GENL_HDRLEN) {
-    return {{"message", "MALFORMED"}};
+void MessageDecoder::decode_answer(Message* message) {
+  const auto header = load<nlmsghdr>(message->bytes);
+  const bool is_done = header.nlmsg_type == NLMSG_DONE;
+  const Bytes payload = message->bytes.subspan(NLMSG_HDRLEN);
+  if (payload.size() < (is_done ? sizeof(int) : sizeof(nlmsgerr))) {
+    mark_malformed(message);
+    return;
   }
+  const int error = load<int>(payload);
+  message->is_failure = error != 0;
+  message->json["message"] = outcome(is_done ? "DONE" : "ACK", error);
+
+  nlmsghdr asked = header;
+  size_t extack_offset = NLMSG_HDRLEN + sizeof(error);
+  if (!is_done) {
+    asked = load<nlmsgerr>(payload).msg;
+    const bool is_capped = (header.nlmsg_flags & NLM_F_CAPPED) != 0;
+    extack_offset += is_capped ? sizeof(asked) : NLMSG_ALIGN(size_t{asked.nlmsg_len});
+  }
+  const Request* request = find_request(asked);
+  if (request != nullptr) {
+    message->subject = request->subject;
+    message->json["request"] = short_name(name_of(request->bytes));
+  } else if (is_family(asked.nlmsg_type)) {
+    message->subject = Subject::kFamily;
+  }
+  if ((header.nlmsg_flags & NLM_F_ACK_TLVS) != 0) {
+    message->json["attributes"] =
+        values(kExtackAttributes, AttributeReader(message->bytes, extack_offset));
+    if (request != nullptr) {
+      explain(request->bytes, &message->json);
+    }
+  }
+}
+
+/// Names what the attributes of an answer point at in its request.
+void MessageDecoder::explain(Bytes request, Json* answer) const {
+  const auto number = [attributes = (*answer)["attributes"]](const char* name) {
+    const Json value = attributes.value(name, Json());
+    return value.is_number() ? value.get<uint32_t>() : 0;
+  };
+  if (auto [name, value] = attribute_at(request, number("OFFS")); !name.empty()) {
+    (*answer)["attribute"] = name;
+    (*answer)["value"] = std::move(value);
+  }
+  if (const uint32_t missing = number("MISS_TYPE"); missing != 0) {
+    (*answer)["missing"] = missing_attribute(request, missing, number("MISS_NEST"));
+  }
+}
+
+const MessageDecoder::Request* MessageDecoder::find_request(const nlmsghdr& asked) const {
+  const auto found = std::ranges::find_if(requests_, [&asked](const Request& request) {
+    const auto header = load<nlmsghdr>(request.bytes);
+    return header.nlmsg_seq == asked.nlmsg_seq &&
+           (asked.nlmsg_type < NLMSG_MIN_TYPE || header.nlmsg_type == asked.nlmsg_type) &&
+           // A client need not write its own port id into a request.
+           (header.nlmsg_pid == 0 || header.nlmsg_pid == asked.nlmsg_pid);
+  });
+  return found != requests_.end() ? &*found : nullptr;
+}
+
+/// The name of a message that has a generic netlink header.
+std::string MessageDecoder::name_of(Bytes message) const {
   const uint16_t type = load<nlmsghdr>(message).nlmsg_type;
   const uint8_t command = load<genlmsghdr>(message.subspan(NLMSG_HDRLEN)).cmd;
-  const AttributeReader run(message);
   if (type == GENL_ID_CTRL) {
-    Json found = values(kControllerAttributes, run);
-    if (found.value("FAMILY_NAME", "") == TAVIK_WLAN_FAMILY_NAME && found.contains("FAMILY_ID") &&
-        found["FAMILY_ID"].is_number()) {
-      family_id_ = found["FAMILY_ID"];
-    }
-    return {{"message", "nlctrl " + command_name(kControllerCommands, command)},
-            {"attributes", found}};
+    return "nlctrl " + command_name(kControllerCommands, command);
   }
-  if (type == family_id_) {
-    return {{"message", TAVIK_WLAN_FAMILY_NAME " " + command_name(tavik_wlan::kCommands, command)},
-            {"attributes", values(tavik_wlan::kAttributes, run)}};
-  }
-  return {{"message", "family " + std::to_string(type) + " command " + std::to_string(command)}};
+  return is_family(type) ? TAVIK_WLAN_FAMILY_NAME " " + command_name(tavik_wlan::kCommands, command)
+                         : "family " + std::to_string(type) + " command " + std::to_string(command);
 }
 
-std::string to_text(const Json& message) {
-  std::string text = message["message"].get<std::string>();
-  if (message.contains("seq")) {
-    text += ", seq " + message["seq"].dump();
+std::string to_text(const Message& message) {
+  std::string text = message.json["message"].get<std::string>();
+  if (message.json.contains("seq")) {
+    text += ", seq " + message.json["seq"].dump();
   }
-  text += ", " + message["length"].dump() + " bytes\n";
-  const Json attributes = message.value("attributes", Json::object());
+  text += ", " + message.json["length"].dump() + " bytes\n";
+  const Json attributes = message.json.value("attributes", Json::object());
   for (const auto& [name, value] : attributes.items()) {
     text += "    " + name + " " + printable(value_text(value)) + "\n";
   }
   return text;
 }
 
-std::string value_text(const Json& value) {
+std::string to_line(const Message& message) {
+  const Json& json = message.json;
+  std::string line = short_name(json["message"]);
+  const char* separator = " ";
+  const auto append = [&](const std::string& name, const std::string& text = "") {
+    line.append(separator).append(name).append(text.empty() ? "" : " ").append(text);
+    separator = ", ";
+  };
+  if (json.contains("request")) {
+    line.append(" ").append(json["request"]);
+  }
+  const Json attributes = json.value("attributes", Json::object());
+  for (const auto& [name, value] : attributes.items()) {
+    // What these numbers point at follows.
+    if (name != "OFFS" && !name.starts_with("MISS_")) {
+      append(name, value_text(value, kMaxTuples));
+    }
+  }
+  if (json.contains("attribute")) {
+    append(json["attribute"], json["value"].is_null() ? "" : value_text(json["value"]));
+  }
+  if (json.contains("missing")) {
+    append("missing", json["missing"]);
+  }
+  return printable(line);
+}
+
+std::string value_text(const Json& value, size_t limit) {
+  if (value.is_array()) {
+    std::string list;
+    for (size_t i = 0; i < std::min(limit, value.size()); ++i) {
+      list += (i == 0 ? "" : ",") + value_text(value[i]);
+    }
+    return '[' + list + (value.size() > limit ? ",... " + std::to_string(value.size()) : "") + ']';
+  }
+  if (value.is_object()) {
+    return '"' +
+           tavik_wlan::tuple_text(value["ip"], value["transport"].get<std::string>(),
+                                  value.value("spi", value.value("port", 0U))) +
+           '"';
+  }
   return value.is_string() ? '"' + value.get<std::string>() + '"' : value.dump();
+}
+
+std::string json_text(const Json& object) {
+  return object.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 std::string printable(std::string_view text) {

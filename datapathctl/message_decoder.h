@@ -6,10 +6,12 @@
 #include <linux/netlink.h>
 
 #include <cstdint>
+#include <deque>
 #include <nlohmann/json.hpp>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace datapathctl {
 
@@ -18,18 +20,39 @@ struct NamedAttribute {
   nlohmann::ordered_json value;  // null of one that contains others
 };
 
+enum class Subject {
+  kOther,
+  kLookUp,  // the controller is asked for the family, or tells about it
+  kFamily,
+};
+
+struct Message {
+  std::span<const uint8_t> bytes{};  // where it was decoded from
+  Subject subject = Subject::kOther;
+  bool is_request = false;
+  bool is_failure = false;  // an answer with an error, or malformed
+  /// "message" names it: "TAVIK_WLAN ADD_TUPLES", "ACK", "ERROR EEXIST", "DONE", or "MALFORMED" for
+  /// what is no whole message. "request" is the name of the command that an answer is to;
+  /// "attribute", "value" and "missing" tell what an error points at. "attributes" maps names to
+  /// values: numbers in host byte order, tuples as of tuple_as_json(), strings that need not be
+  /// UTF-8, and in hexadecimal what can't be any of these. "seq", "port_id" and "length" are those
+  /// of the header. What isn't known is left out.
+  nlohmann::ordered_json json = nlohmann::ordered_json::object();
+};
+
 /// Decodes the datagrams of both sides in their order. Learns the family's id from the controller's
-/// answers among them. Not thread-safe.
+/// answers among them, and remembers the latest requests to tell what their answers are about. Not
+/// thread-safe.
 class MessageDecoder {
  public:
   /// Takes the family's id, where it is known before.
   explicit MessageDecoder(uint16_t family_id = 0) : family_id_(family_id) {}
 
-  /// One object for each message of a datagram: "message" names it ("TAVIK_WLAN ADD_TUPLES", "ACK",
-  /// "ERROR EEXIST", "DONE"), "seq" and "length" are those of its header, "attributes" maps names
-  /// to values, ports and SPIs in host byte order; strings need not be UTF-8. What is no whole
-  /// message becomes a "MALFORMED" one. Reads nothing beyond the datagram.
-  nlohmann::ordered_json decode(std::span<const uint8_t> datagram);
+  /// The messages of a datagram. Reads nothing beyond it.
+  std::vector<Message> decode(std::span<const uint8_t> datagram);
+
+  /// The id of TAVIK_WLAN; 0: not known yet.
+  [[nodiscard]] uint16_t family_id() const { return family_id_; }
 
   /// The innermost attribute that a request holds at an offset from its start; one without a name
   /// when there is none. The request is whole.
@@ -42,17 +65,35 @@ class MessageDecoder {
                                               uint32_t container_offset) const;
 
  private:
-  nlohmann::ordered_json decode_message(std::span<const uint8_t> message);
-  nlohmann::ordered_json decode_generic(std::span<const uint8_t> message);
+  struct Request {
+    Subject subject;
+    std::vector<uint8_t> bytes;
+  };
 
-  uint16_t family_id_;  // of TAVIK_WLAN; 0: not known yet
+  void decode_generic(Message* message);
+  void decode_answer(Message* message);
+  void explain(std::span<const uint8_t> request, nlohmann::ordered_json* answer) const;
+  [[nodiscard]] const Request* find_request(const nlmsghdr& asked) const;
+  [[nodiscard]] std::string name_of(std::span<const uint8_t> message) const;
+  [[nodiscard]] bool is_family(uint16_t type) const { return type == family_id_ && type != 0; }
+
+  uint16_t family_id_;
+  std::deque<Request> requests_{};  // the latest about the family, the newest first
 };
 
 /// A decoded message as printable lines, each ended by a newline, the first one its head.
-std::string to_text(const nlohmann::ordered_json& message);
+std::string to_text(const Message& message);
 
-/// The value of a decoded attribute as text: a string with its bytes as they are, in quotes.
-std::string value_text(const nlohmann::ordered_json& value);
+/// A decoded message as one printable line without its end: what it is, what it is about and, of an
+/// answer, the outcome.
+std::string to_line(const Message& message);
+
+/// The value of a decoded attribute as text: a string with its bytes as they are, in quotes; of a
+/// list the first elements and, where there are more, how many they are.
+std::string value_text(const nlohmann::ordered_json& value, size_t limit = SIZE_MAX);
+
+/// JSON in one line of ASCII; what is not UTF-8 is replaced by U+FFFD.
+std::string json_text(const nlohmann::ordered_json& object);
 
 /// One line that a terminal only prints: each byte that is no part of a printable character of the
 /// process's locale is escaped as \n, \t or, in hexadecimal, \x1b.

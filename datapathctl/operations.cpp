@@ -74,6 +74,10 @@ void add_emulator(CLI::App& parser, Command& c) {
   add_text(parser, "PATH", c.path, "the socket to serve at");
 }
 
+void add_decode(CLI::App& parser, Command& c) {
+  add_text(parser, "FILE", c.path, "the file; -: standard input");
+}
+
 Result run_version(Session&, const Command&) {
   return {.text = "datapathctl " CORVIL_VERSION "\n", .members = {{"version", CORVIL_VERSION}}};
 }
@@ -120,6 +124,9 @@ constexpr Operation kOperations[] = {
      [](Session& session, const Command& c) { return session.inject(c.faults); }},
     {"batch", "run the commands of a file, one a line", add_batch, run_batch, true},
     {"emulator", "serve an emulated kernel until SIGINT or SIGTERM", add_emulator, run_emulator,
+     true},
+    {"monitor", "show what others say to the family and hear", nullptr, run_monitor, true},
+    {"decode", "show the messages of a capture or of hexadecimal bytes", add_decode, run_decode,
      true},
     {"version", "print the version", nullptr, run_version},
     {"help", "print the help on everything", nullptr, run_help},

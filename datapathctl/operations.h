@@ -54,6 +54,14 @@ Result run_batch(Session& session, const Command& command);
 /// became of it. Throws std::system_error when it can't listen there.
 Result run_emulator(Session& session, const Command& command);
 
+/// Shows what clients of the kernel in this network namespace, or of the emulator that the settings
+/// name, say to the family and hear, until SIGINT or SIGTERM. Throws std::system_error.
+Result run_monitor(Session& session, const Command& command);
+
+/// Shows the messages of a file, "-" for standard input: a capture, or bytes in hexadecimal. Throws
+/// std::system_error when it can't write a capture.
+Result run_decode(Session& session, const Command& command);
+
 }  // namespace datapathctl
 
 #endif  // DATAPATHCTL_OPERATIONS_H_

@@ -35,8 +35,7 @@ void print_line(std::string_view kind, std::string_view text) {
 }  // namespace
 
 void print_json(const nlohmann::ordered_json& object) {
-  // Names need not be UTF-8, and may hold controls beyond ASCII.
-  std::cout << object.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace) << std::endl;
+  std::cout << json_text(object) << std::endl;
 }
 
 void report(const Settings& settings, const Command& command, const Result& result,

@@ -9,8 +9,6 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
-#include <ctime>
-#include <iomanip>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -22,6 +20,7 @@
 #include "datapathctl/failure.h"
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/operations.h"
+#include "datapathctl/trace.h"
 #include "reference_kernel/emulator/emulator.h"
 
 namespace datapathctl {
@@ -108,19 +107,6 @@ class LinePrinter {
 };
 
 /// The time of the day here, or with its date in UTC, with microseconds.
-std::string time_text(bool with_date) {
-  const auto now = std::chrono::system_clock::now();
-  const time_t seconds = std::chrono::system_clock::to_time_t(now);
-  tm parts{};
-  with_date ? gmtime_r(&seconds, &parts) : localtime_r(&seconds, &parts);
-  const auto rest = now - std::chrono::system_clock::from_time_t(seconds);
-  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(rest).count();
-  std::ostringstream text;
-  text << std::put_time(&parts, with_date ? "%FT%T." : "%T.") << std::setw(6) << std::setfill('0')
-       << micros << (with_date ? "Z" : "");
-  return text.str();
-}
-
 /// The request, decoded, and what became of it.
 nlohmann::ordered_json describe(const Peer& peer, Bytes message, const Status& status) {
   const auto header = tavik_wlan::load<nlmsghdr>(message);
@@ -128,9 +114,10 @@ nlohmann::ordered_json describe(const Peer& peer, Bytes message, const Status& s
   // family.
   const bool is_unknown = status.error == -ENOENT && status.message == nullptr;
   const bool is_to_family = header.nlmsg_type != GENL_ID_CTRL && !is_unknown;
-  nlohmann::ordered_json object = {
-      {"time", time_text(true)}, {"client", peer.port_id}, {"pid", peer.pid}};
-  object.update(MessageDecoder(is_to_family ? header.nlmsg_type : 0).decode(message)[0]);
+  nlohmann::ordered_json object = {{"time", date_and_time(std::chrono::system_clock::now())},
+                                   {"client", peer.port_id},
+                                   {"pid", peer.pid}};
+  object.update(MessageDecoder(is_to_family ? header.nlmsg_type : 0).decode(message)[0].json);
   object["result"] = status.ok() ? 0 : -1;
   if (!status.ok()) {
     object["errno"] = error_name(-status.error);
@@ -153,8 +140,8 @@ nlohmann::ordered_json describe(const Peer& peer, Bytes message, const Status& s
 /// in one line.
 std::string to_line(const nlohmann::ordered_json& request) {
   std::ostringstream line;
-  line << time_text(false) << " client " << request["client"] << " (pid " << request["pid"] << ") "
-       << request["message"].get<std::string>();
+  line << time_of_day(std::chrono::system_clock::now()) << " client " << request["client"]
+       << " (pid " << request["pid"] << ") " << request["message"].get<std::string>();
   if (request.contains("attributes")) {
     for (const auto& [name, value] : request["attributes"].items()) {
       line << ' ' << name << ' ' << value_text(value);
@@ -167,10 +154,6 @@ std::string to_line(const nlohmann::ordered_json& request) {
     }
   }
   return line.str();
-}
-
-std::string json_text(const nlohmann::ordered_json& object) {
-  return object.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace

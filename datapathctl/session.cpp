@@ -157,20 +157,11 @@ void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8
 
 void Session::show(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
   const bool sent = direction == CORVIL_NETLINK_SENT;
-  for (nlohmann::ordered_json& message : decoder_.decode(datagram)) {
-    if (settings_.json) {
-      message["direction"] = sent ? "sent" : "received";
-      print_json(message);
-    } else {
-      std::cout << (sent ? "> " : "< ") << to_text(message);
-    }
+  Origin origin{.is_sent = sent};
+  if (settings_.time) {
+    origin.time = std::chrono::system_clock::now();
   }
-  if (settings_.hex && settings_.json) {
-    print_json({{"bytes", to_hex(datagram)}});
-  } else if (settings_.hex) {
-    std::cout << "    bytes " << to_hex(datagram) << "\n";
-  }
-  std::cout.flush();
+  printer_.print(decoder_.decode(datagram), origin);
 }
 
 Result Session::last_failure() const {
@@ -191,6 +182,7 @@ Result Session::begin_call(const char* function, void** address) {
 }
 
 Result Session::end_call(int result) {
+  printer_.finish();
   if (!failure_ && (result == -1 || corvil_netlink_check_capture() == -1)) {
     failure_ = last_failure();
   }

@@ -10,6 +10,7 @@
 #include "datapathctl/command.h"
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/observer.h"
+#include "datapathctl/trace.h"
 #include "host_interfaces/corvil_log_services.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_kernel/emulator/emulator.h"
@@ -21,7 +22,7 @@ namespace datapathctl {
 class Session {
  public:
   /// Keeps the settings; nothing happens before the first use.
-  explicit Session(const Settings& settings) : settings_(settings) {}
+  explicit Session(const Settings& settings) : settings_(settings), printer_(settings) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -70,6 +71,7 @@ class Session {
   std::optional<tavik_wlan::Emulator> emulator_;  // in this process
   void* library_ = nullptr;                       // of dlopen(); null: not started yet
   MessageDecoder decoder_;                        // of what is shown
+  MessagePrinter printer_;
   Observer observer_;
   std::optional<Result> failure_;  // the first of the current call
 };

@@ -22,19 +22,32 @@ std::string attribute_name(std::span<const AttributeInfo> attributes, uint32_t t
   return info != nullptr ? info->name : "type " + std::to_string(type);
 }
 
-std::string tuple_text(const DatapathTuple& tuple) {
-  const std::string version = tuple.ip_proto == TAVIK_WLAN_IP_PROTO_IPV4   ? "ipv4 "
-                              : tuple.ip_proto == TAVIK_WLAN_IP_PROTO_IPV6 ? "ipv6 "
-                                                                           : "ip? ";
-  if (tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP) {
-    std::array<char, sizeof("0x00000000")> spi{};
-    snprintf(spi.data(), spi.size(), "0x%08x", ntohl(tuple.key.spi));
-    return version + "esp " + spi.data();
+std::string transport_name(uint8_t trans_proto) {
+  switch (trans_proto) {
+    case TAVIK_WLAN_TRANS_PROTO_TCP:
+      return "tcp";
+    case TAVIK_WLAN_TRANS_PROTO_UDP:
+      return "udp";
+    case TAVIK_WLAN_TRANS_PROTO_ESP:
+      return "esp";
+    default:
+      return std::to_string(trans_proto);
   }
-  const char* protocol = tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP   ? "tcp "
-                         : tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_UDP ? "udp "
-                                                                           : "protocol? ";
-  return version + protocol + std::to_string(ntohs(tuple.key.port));
+}
+
+uint32_t tuple_value(const DatapathTuple& tuple) {
+  return tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP ? ntohl(tuple.key.spi)
+                                                         : ntohs(tuple.key.port);
+}
+
+std::string tuple_text(unsigned ip_proto, std::string_view transport, uint32_t value) {
+  std::array<char, sizeof("0x00000000")> text{};
+  snprintf(text.data(), text.size(), transport == "esp" ? "0x%08x" : "%u", value);
+  return "ipv" + std::to_string(ip_proto) + ' ' + std::string(transport) + ' ' + text.data();
+}
+
+std::string tuple_text(const DatapathTuple& tuple) {
+  return tuple_text(tuple.ip_proto, transport_name(tuple.trans_proto), tuple_value(tuple));
 }
 
 std::optional<Bytes> take_message(Bytes& datagram) {

@@ -13,6 +13,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <type_traits>
 
 #include "kernel_interface/tavik_wlan.h"
@@ -112,7 +113,14 @@ const CommandInfo* find_command(std::span<const CommandInfo> commands, uint8_t c
 /// The name of an attribute, "type 11" when it is in no row.
 std::string attribute_name(std::span<const AttributeInfo> attributes, uint32_t type);
 
-/// "ipv4 tcp 443", "ipv6 esp 0x00001001"; "ip? protocol? 0" where it is of no known protocol.
+/// "tcp", "udp", "esp", or the number of any other protocol.
+std::string transport_name(uint8_t trans_proto);
+
+/// The port of a tuple, or the SPI of an ESP tuple, in host byte order.
+uint32_t tuple_value(const DatapathTuple& tuple);
+
+/// "ipv4 tcp 443", "ipv6 esp 0x00001001"; the value is that of tuple_value().
+std::string tuple_text(unsigned ip_proto, std::string_view transport, uint32_t value);
 std::string tuple_text(const DatapathTuple& tuple);
 
 /// The T that `bytes` begin with, which are at least that many; they may lie unaligned.

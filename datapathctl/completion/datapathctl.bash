@@ -20,14 +20,16 @@ _datapathctl() {
 
   COMPREPLY=()
   case $before,$path in
-    --library,* | --socket,* | --pcap,* | --log-file,* | *," batch" | *," emulator")
+    --library,* | --socket,* | --pcap,* | --log-file,* | *," batch" | *," emulator" | \
+      *," decode")
       compopt -o default # Where nothing is offered, Readline completes and quotes files.
       ;;
     --misbehave,* | *," misbehave"*)
       words="none silent delay= truncate= garbage stale refuse= interrupt= family-id= absent"
       ;;
     --timeout,* | --from,* | --to,* | --selector,*) ;;
-    *,) words="proxy ipsec encap lowlat ports reset state misbehave batch emulator version help" ;;
+    *,) words="proxy ipsec encap lowlat ports reset state misbehave batch emulator monitor decode
+        version help" ;;
     *," proxy") words="up down update unmap" ;;
     *," proxy up "* | *," proxy down "* | *," proxy update"*) words="tcp/ udp/ tcp6/ udp6/" ;;
     *," ipsec") words="add delete" ;;

@@ -1,7 +1,7 @@
 // Every reader of messages, given any. Input: calls of the library, for each request of theirs what
 // becomes of it on its way to the emulated kernel, and what becomes of the answer. Each call
 // returns, whatever the reference host receives; the emulated kernel answers whatever it receives
-// with whole messages; and datapathctl decodes both.
+// with whole messages; and datapathctl decodes both, and reads any file that it is given.
 
 #include <fuzzer/FuzzedDataProvider.h>
 #include <linux/genetlink.h>
@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "datapathctl/capture.h"
 #include "datapathctl/message_decoder.h"
 #include "host_interfaces/corvil_log_services.h"
 #include "host_interfaces/corvil_netlink.h"
@@ -28,6 +29,7 @@
 
 namespace {
 
+using datapathctl::Message;
 using datapathctl::MessageDecoder;
 using Bytes = std::vector<uint8_t>;  // of exactly its size, so that a read beyond it is seen
 using Json = nlohmann::ordered_json;
@@ -60,12 +62,13 @@ bool is_printable(std::string_view text) {
 }
 
 /// Each byte belongs to one message, or to a rest that is none.
-Json decode(MessageDecoder& decoder, const Bytes& datagram) {
-  Json messages = decoder.decode(datagram);
+std::vector<Message> decode(MessageDecoder& decoder, const Bytes& datagram) {
+  std::vector<Message> messages = decoder.decode(datagram);
   size_t decoded = 0;
-  for (const Json& message : messages) {
+  for (const Message& message : messages) {
     require(is_printable(datapathctl::to_text(message)));
-    decoded += NLMSG_ALIGN(message["length"].get<size_t>());
+    require(is_printable(datapathctl::to_line(message)));
+    decoded += NLMSG_ALIGN(message.bytes.size());
   }
   require(NLMSG_ALIGN(decoded) == NLMSG_ALIGN(datagram.size()));
   return messages;
@@ -89,13 +92,12 @@ void read(const MessageDecoder& decoder, const Bytes& message, uint32_t offset) 
 }
 
 /// Whole messages, which point at nothing outside the request.
-void check_answer(const Json& messages, size_t request_size) {
+void check_answer(const std::vector<Message>& messages, size_t request_size) {
   require(!messages.empty());
-  for (const Json& message : messages) {
-    require(message["message"] != "MALFORMED");
-    if (message.contains("attributes") && message["attributes"].contains("OFFS")) {
-      require(message["attributes"]["OFFS"].get<uint32_t>() < request_size);
-    }
+  for (const Message& message : messages) {
+    require(message.json["message"] != "MALFORMED");
+    const Json attributes = message.json.value("attributes", Json::object());
+    require(attributes.value("OFFS", uint32_t{0}) < request_size);
   }
 }
 
@@ -128,6 +130,21 @@ std::vector<std::string> answer(FuzzedDataProvider& input, tavik_wlan::Kernel& k
   return answers;
 }
 
+/// Reads a capture, or bytes in hexadecimal, which can be no more than the file has.
+void read_file(std::string_view file) {
+  std::vector<datapathctl::Packet> packets;
+  if (datapathctl::is_capture(file)) {
+    static_cast<void>(datapathctl::read_capture(file, &packets));
+  } else {
+    packets = datapathctl::read_hex(file);
+  }
+  size_t size = 0;
+  for (const auto& packet : packets) {
+    size += packet.datagram.size();
+  }
+  require(size <= file.size());
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -137,6 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       [](const LogSiteDescriptor*, const char*, const char*, void*) {}, nullptr);
   zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
 
+  read_file({reinterpret_cast<const char*>(data), size});
   FuzzedDataProvider input(data, size);
   tavik_wlan::Kernel kernel;
   MessageDecoder decoder;

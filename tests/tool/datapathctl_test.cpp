@@ -89,7 +89,8 @@ class DatapathctlTest : public ::testing::Test {
 const std::string kUp = "proxy up wlan0 --from wwan0 --to wlan0 --selector 1 tcp/443 udp6/4500";
 
 const std::string kObjects =
-    "proxy, ipsec, encap, lowlat, ports, reset, state, misbehave, batch, emulator, version, help, "
+    "proxy, ipsec, encap, lowlat, ports, reset, state, misbehave, batch, emulator, monitor, "
+    "decode, version, help, "
     "see datapathctl help";
 
 TEST_F(DatapathctlTest, SaysWhyTheProxyDoesNotComeUpTwice) {
@@ -306,7 +307,7 @@ TEST_F(DatapathctlTest, EscapesWhatIsNoText) {
   EXPECT_NE(text.out.find("    DEV \"w\\x1b\\xff\"\n"), std::string::npos);
   EXPECT_NE(text.out.find("device 0 w\\x1b\\xff\n"), std::string::npos);
   EXPECT_TRUE(text.error.ends_with("is set already: DEV \"w\\x1b\\xff\"\n")) << text.error;
-  const Outcome json = run("--emulate --json --trace batch -", up + "state\n" + up);
+  const Outcome json = run("--emulate --json --trace=full batch -", up + "state\n" + up);
   EXPECT_EQ(json.status, 2);
   EXPECT_NE(json.out.find("{\"selector\":0,\"name\":\"w\\u001b\\ufffd\"}"), std::string::npos)
       << json.out;
@@ -315,38 +316,6 @@ TEST_F(DatapathctlTest, EscapesWhatIsNoText) {
   ASSERT_NE(setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
   EXPECT_EQ(datapathctl::printable("\n\t\x7f w\xc3\xa4 \xc2\x9b"),
             "\\n\\t\\x7f w\xc3\xa4 \\xc2\\x9b");
-}
-
-TEST(MessageDecoderTest, TakesNoLengthForANegativeOne) {
-  alignas(4)
-      uint8_t datagram[] = {36, 0,  0, 0,    2,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,  // ERROR
-                            0,  0,  0, 0x80, 20,   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                            0,  16, 0, 0,    0x80, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};  // too long
-  datapathctl::MessageDecoder decoder;
-  const auto messages = decoder.decode(datagram);
-  ASSERT_EQ(messages.size(), 2U);
-  EXPECT_EQ(messages[0]["message"], "ERROR -2147483648");
-  EXPECT_EQ(datapathctl::to_text(messages[1]), "MALFORMED, 16 bytes\n");
-}
-
-TEST(MessageDecoderTest, NamesTheAttributeAtAnOffset) {
-  static constexpr uint8_t kRequest[] = {
-      64, 0, 0, 0,    28, 0, 5, 0, 0,    0,    0, 0, 0, 0,  0, 0, 1, 1, 0, 0,  // headers
-      5,  0, 6, 0,    1,  0, 0, 0,                                             // SELECTOR
-      36, 0, 1, 0x80,                                                          // TUPLES
-      16, 0, 1, 0x80, 12, 0, 1, 0, 0x01, 0xbb, 0, 0, 4, 6,  0, 0,              // tcp/443
-      16, 0, 1, 0x80, 12, 0, 1, 0, 0x11, 0x94, 0, 0, 6, 17, 0, 0};             // udp6/4500
-  const datapathctl::MessageDecoder decoder(28);
-  const auto at = [&](uint32_t offset) {
-    const auto [name, value] = decoder.attribute_at(kRequest, offset);
-    return name + (value.is_null() ? "; " : " " + value.dump());
-  };
-  EXPECT_EQ(at(24) + at(28) + at(32), "SELECTOR 1TUPLES; TUPLES[0]; ");
-  EXPECT_EQ(at(52), "TUPLES[1].TUPLE \"ipv6 udp 4500\"");
-  EXPECT_EQ(at(63), "TUPLES[1].TUPLE \"ipv6 udp 4500\"");
-  EXPECT_EQ(at(16) + at(64) + at(UINT32_MAX), "; ; ; ");
-  EXPECT_EQ(decoder.missing_attribute(kRequest, 2, 0), "DEV");
-  EXPECT_EQ(decoder.missing_attribute(kRequest, 1, 48), "TUPLES[1].TUPLE");
 }
 
 TEST_F(DatapathctlTest, WritesTheLogsThatAreAskedFor) {

@@ -75,6 +75,38 @@ test_a_caller_follows_the_family_to_the_id_that_a_reload_gives_it() {
   state_is "tuple ipv4 tcp 2"
 }
 
+test_a_monitor_sees_what_a_caller_says_that_knows_nothing_of_it() {
+  mkfifo commands
+  datapathctl batch - <commands 2>/dev/null &
+  caller=$!
+  exec 5>commands
+  datapathctl --pcap seen.pcap monitor >seen &
+  monitor=$!
+  eventually grep -q ' 0003 ' /proc/net/packet # The monitor has bound its socket.
+  echo "proxy update --new tcp/1" >&5
+  eventually state_is "tuple ipv4 tcp 1"
+  rmmod tavik_wlan
+  modprobe tavik_wlan
+  echo "proxy update --old tcp/2" >&5
+  exec 5>&-
+  wait $caller || [ $? -eq 2 ]
+  eventually grep -q ERROR seen
+  kill -INT $monitor
+  wait $monitor
+  ip link >links
+  grep nlmon links && fail "the device is still there"
+  datapathctl decode seen.pcap | cmp - seen
+  sed -E 's/^[0-9:.]+ //; s/(client) [1-9][0-9]* /\1 /; s/(nlctrl [A-Z]+) .*/\1/' seen >lines
+  cmp lines - <<'END'
+> ADD_TUPLES TUPLES ["ipv4 tcp 1"]
+client < ACK ADD_TUPLES
+< nlctrl DELFAMILY
+< nlctrl NEWFAMILY
+> DEL_TUPLES TUPLES ["ipv4 tcp 2"]
+client < ERROR ENOENT DEL_TUPLES MSG "no such tuple", TUPLES[0].TUPLE "ipv4 tcp 2"
+END
+}
+
 test_an_absent_module_is_reported_or_loaded() {
   rmmod tavik_wlan
   autoload /bin/false

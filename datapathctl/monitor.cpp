@@ -1,0 +1,279 @@
+#include "datapathctl/monitor.h"
+
+#include <arpa/inet.h>
+#include <linux/genetlink.h>
+#include <linux/if_ether.h>
+#include <linux/if_link.h>
+#include <linux/if_packet.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "datapathctl/failure.h"
+#include "datapathctl/operations.h"
+#include "host_interfaces/corvil_netlink.h"
+#include "kernel_interface/tavik_wlan.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
+#include "reference_kernel/emulator/control.h"
+#include "reference_kernel/emulator/unix_socket.h"
+
+namespace datapathctl {
+namespace {
+
+using tavik_wlan::FileDescriptor;
+
+/// More than a datagram of netlink has.
+constexpr size_t kLongest = size_t{1} << 18;
+
+/// The controller's group of those whom it tells of families that come and go. It is always there.
+constexpr int kNotifications = GENL_ID_CTRL;
+
+constexpr char kCapabilities[] =
+    "it takes CAP_NET_ADMIN and CAP_NET_RAW in the user namespace of the network namespace";
+
+[[noreturn]] void fail(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+/// The request that makes or removes a device of kind nlmon, which is up from the start.
+struct DeviceRequest {
+  nlmsghdr header{};
+  ifinfomsg device{};
+  nlattr name_header{.nla_len = sizeof(nlattr) + IFNAMSIZ, .nla_type = IFLA_IFNAME};
+  char name[IFNAMSIZ]{};
+  nlattr info_header{.nla_len = 2 * sizeof(nlattr) + 8, .nla_type = IFLA_LINKINFO | NLA_F_NESTED};
+  nlattr kind_header{.nla_len = sizeof(nlattr) + 6, .nla_type = IFLA_INFO_KIND};
+  char kind[8] = "nlmon";
+};
+
+/// A device of the kernel that gets a copy of each netlink message of the network namespace, for as
+/// long as this is there.
+class MonitorDevice {
+ public:
+  /// Tells by make() whether there is one.
+  MonitorDevice() { snprintf(request_.name, sizeof(request_.name), "nlmon-%d", getpid()); }
+  MonitorDevice(const MonitorDevice&) = delete;
+  MonitorDevice& operator=(const MonitorDevice&) = delete;
+  ~MonitorDevice() {
+    if (is_made_) {
+      transact(RTM_DELLINK, 0);
+    }
+  }
+
+  Result make() {
+    request_.device.ifi_flags = request_.device.ifi_change = IFF_UP;
+    is_made_ = transact(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL) == 0;
+    if (is_made_) {
+      return {};
+    }
+    const int error = corvil_netlink_last_error()->error;
+    return error == EOPNOTSUPP
+               ? failure("the kernel has no devices of kind nlmon", "is the module nlmon there?")
+               : failure("cannot make a device of kind nlmon: " +
+                             std::generic_category().message(error),
+                         error == EPERM ? kCapabilities : "");
+  }
+
+  [[nodiscard]] int index() const { return static_cast<int>(if_nametoindex(request_.name)); }
+
+ private:
+  int transact(uint16_t type, int flags) {
+    request_.header.nlmsg_len = sizeof(request_);
+    request_.header.nlmsg_type = type;
+    request_.header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
+    return corvil_netlink_transact(&request_.header, NETLINK_ROUTE, nullptr);
+  }
+
+  DeviceRequest request_;
+  bool is_made_ = false;
+};
+
+/// Has a packet socket get all that goes through a device.
+void bind_to(const FileDescriptor& packets, int device) {
+  // Enough for a burst of long dumps; where it is refused, the usual size has to do.
+  const int size = 1 << 23;
+  setsockopt(packets.get(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
+  sockaddr_ll address{};
+  address.sll_family = AF_PACKET;
+  address.sll_protocol = htons(ETH_P_ALL);
+  address.sll_ifindex = device;
+  if (bind(packets.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == -1) {
+    fail("cannot watch the device of kind nlmon");
+  }
+}
+
+/// A member of the controller's group. The kernel copies what the controller tells its group only
+/// where the group has a member.
+FileDescriptor join_notifications() {
+  FileDescriptor socket(
+      ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_GENERIC));
+  setsockopt(socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &kNotifications,
+             sizeof(kNotifications));
+  return socket;
+}
+
+/// Calls `read` whenever there is something to read, until it returns false, output can't be
+/// written, or SIGINT or SIGTERM comes, which have to be blocked.
+Result read_until_signal(const sigset_t& ends, int fd, const std::function<bool()>& read) {
+  const FileDescriptor signals(signalfd(-1, &ends, SFD_CLOEXEC));
+  std::array<pollfd, 2> awaited{{{signals.get(), POLLIN, 0}, {fd, POLLIN, 0}}};
+  while (awaited[0].revents == 0) {
+    if (poll(awaited.data(), awaited.size(), -1) == -1 && errno != EINTR) {
+      fail("cannot wait for messages");
+    }
+    if (awaited[1].revents != 0 && !read()) {
+      break;
+    }
+    if (!std::cout) {
+      return failure("cannot write the output");
+    }
+  }
+  return {};
+}
+
+void tell_lost(uint32_t count) {
+  if (count > 0) {
+    std::cerr << "datapathctl: " << count << " messages were lost: they came too fast\n";
+  }
+}
+
+/// Shows the generic netlink messages that wait at a packet socket.
+void show_packets(const FileDescriptor& packets, std::vector<uint8_t>* buffer, Viewer* viewer) {
+  sockaddr_ll from{};
+  socklen_t size = sizeof(from);
+  for (ssize_t length = 0; (length = recvfrom(packets.get(), buffer->data(), buffer->size(), 0,
+                                              reinterpret_cast<sockaddr*>(&from), &size)) >= 0;) {
+    if (from.sll_protocol == htons(NETLINK_GENERIC)) {
+      viewer->show(std::span(*buffer).first(static_cast<size_t>(length)),
+                   {.time = std::chrono::system_clock::now()});
+    }
+  }
+  tpacket_stats statistics{};
+  size = sizeof(statistics);
+  getsockopt(packets.get(), SOL_PACKET, PACKET_STATISTICS, &statistics, &size);
+  tell_lost(statistics.tp_drops);
+}
+
+Result monitor_kernel(const Settings& settings, uint16_t family_id, const sigset_t& ends) {
+  // Of protocol 0, it gets nothing before it is bound.
+  const FileDescriptor packets(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!packets.is_open()) {
+    return failure("cannot open a packet socket: " + std::generic_category().message(errno),
+                   errno == EPERM ? kCapabilities : "");
+  }
+  const FileDescriptor notifications = join_notifications();
+  Viewer viewer(settings, family_id);
+  MonitorDevice device;
+  if (Result made = device.make(); !made.ok()) {
+    return made;
+  }
+  bind_to(packets, device.index());
+  std::vector<uint8_t> buffer(kLongest);
+  Result result = read_until_signal(ends, packets.get(), [&] {
+    show_packets(packets, &buffer, &viewer);
+    // What came here came there, too; this only keeps the socket from filling up.
+    while (recv(notifications.get(), buffer.data(), buffer.size(), 0) >= 0) {
+    }
+    return true;
+  });
+  viewer.finish();
+  return result;
+}
+
+Result monitor_emulator(const Settings& settings, const std::string& path, uint16_t family_id,
+                        const sigset_t& ends) {
+  std::optional<tavik_wlan::ControlClient> client;
+  try {
+    client.emplace(path, std::chrono::milliseconds(corvil_netlink_timeout()));
+    client->monitor();
+  } catch (const std::system_error& error) {
+    return failure("cannot watch the emulator: " + error.code().message() + ": " + path,
+                   emulator_hint(error.code().value(), path));
+  }
+  Viewer viewer(settings, family_id);
+  bool is_served = true;
+  Result result = read_until_signal(ends, client->fd(), [&] {
+    const std::optional<tavik_wlan::MonitoredDatagram> copy = client->next();
+    is_served = copy.has_value();
+    if (is_served) {
+      tell_lost(copy->lost);
+      viewer.show(copy->bytes, {.time = copy->time, .client = copy->port_id, .pid = copy->pid});
+    }
+    return is_served;
+  });
+  viewer.finish();
+  return is_served ? result : failure("the emulator has ended: " + path);
+}
+
+}  // namespace
+
+Viewer::Viewer(const Settings& settings, uint16_t family_id)
+    : settings_(settings), decoder_(family_id), printer_(settings) {
+  if (!settings.pcap.empty()) {
+    capture_.emplace(settings.pcap);
+  }
+}
+
+void Viewer::show(std::span<const uint8_t> datagram, Origin origin) {
+  std::vector<Message> messages = decoder_.decode(datagram);
+  std::erase_if(messages,
+                [](const Message& message) { return message.subject == Subject::kOther; });
+  if (messages.empty()) {
+    return;
+  }
+  has_shown_ = true;
+  origin.is_sent = messages.front().is_request;
+  if (const uint32_t port_id = messages.front().json["port_id"]; !origin.client && port_id != 0) {
+    origin.client = port_id;
+  }
+  if (capture_) {
+    capture_->write(datagram, origin.is_sent,
+                    origin.time.value_or(std::chrono::system_clock::now()));
+  }
+  if (settings_.pcap != "-") {
+    printer_.print(messages, origin);
+  }
+}
+
+bool Viewer::finish() {
+  printer_.finish();
+  return has_shown_;
+}
+
+Result run_monitor(Session& session, const Command&) {
+  const Settings& settings = session.settings();
+  if (settings.emulate || settings.dry_run) {
+    return usage_error("it watches a kernel, or the emulator of --socket");
+  }
+  sigset_t ends;
+  sigemptyset(&ends);
+  sigaddset(&ends, SIGINT);
+  sigaddset(&ends, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+  corvil_netlink_set_timeout(settings.timeout_ms);
+  if (!settings.socket.empty()) {
+    corvil_netlink_set_emulator(settings.socket.c_str());
+  }
+  // Where there is no family yet, its id is learnt when it comes.
+  uint16_t family_id = 0;
+  corvil_netlink_query_genl(TAVIK_WLAN_FAMILY_NAME, TAVIK_WLAN_FAMILY_VERSION, &family_id);
+  const std::string emulator = corvil_netlink_emulator();
+  return emulator.empty() ? monitor_kernel(settings, family_id, ends)
+                          : monitor_emulator(settings, emulator, family_id, ends);
+}
+
+}  // namespace datapathctl

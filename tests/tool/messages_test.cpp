@@ -1,0 +1,247 @@
+// Messages as a person sees them: named, in a trace, and read back from files.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <linux/genetlink.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "datapathctl/capture.h"
+#include "datapathctl/message_decoder.h"
+#include "kernel_interface/tavik_wlan.h"
+#include "tests/support/netlink_bytes.h"
+
+namespace {
+
+using datapathctl::MessageDecoder;
+using datapathctl::Packet;
+using netlink_bytes::acknowledgement;
+using netlink_bytes::attribute;
+using netlink_bytes::generic;
+using netlink_bytes::message;
+using netlink_bytes::nest;
+using netlink_bytes::raw;
+using netlink_bytes::text;
+
+constexpr uint16_t kFamily = 28;
+
+std::vector<uint8_t> bytes(std::string_view text) { return {text.begin(), text.end()}; }
+
+std::string tuple(const char* eight_bytes) {
+  return nest(TAVIK_WLAN_TUPLE_ELEMENT, attribute(TAVIK_WLAN_TUPLE_ATTR, {eight_bytes, 8}));
+}
+
+/// Attributes at 20, 28, 32, 36, 48 and 52.
+std::string add_tuples(uint32_t sequence, uint32_t port_id = 0) {
+  return message(kFamily, NLM_F_REQUEST | NLM_F_ACK, sequence,
+                 generic(TAVIK_WLAN_CMD_ADD_TUPLES,
+                         attribute(TAVIK_WLAN_ATTR_SELECTOR, "\1") +
+                             nest(TAVIK_WLAN_ATTR_TUPLES, tuple("\x01\xbb\0\0\4\6\0\0") +
+                                                              tuple("\x12\x34\x56\x78\6\x32\0\0"))),
+                 port_id);
+}
+
+std::string lines(MessageDecoder& decoder, const std::string& datagram) {
+  std::string lines;
+  for (const auto& message : decoder.decode(bytes(datagram))) {
+    lines += (message.subject == datapathctl::Subject::kOther ? "(" : "") + to_line(message) + "\n";
+  }
+  return lines;
+}
+
+TEST(MessageDecoderTest, NamesTheAttributeAtAnOffset) {
+  const MessageDecoder decoder(kFamily);
+  const std::vector<uint8_t> request = bytes(add_tuples(1));
+  const auto at = [&](uint32_t offset) {
+    const auto [name, value] = decoder.attribute_at(request, offset);
+    return name + (value.is_null() ? "; " : " " + datapathctl::value_text(value));
+  };
+  EXPECT_EQ(at(24) + at(28) + at(32), "SELECTOR 1TUPLES; TUPLES[0]; ");
+  EXPECT_EQ(at(52), "TUPLES[1].TUPLE \"ipv6 esp 0x12345678\"");
+  EXPECT_EQ(at(63), "TUPLES[1].TUPLE \"ipv6 esp 0x12345678\"");
+  EXPECT_EQ(at(16) + at(64) + at(UINT32_MAX), "; ; ; ");
+  EXPECT_EQ(decoder.missing_attribute(request, 2, 0), "DEV");
+  EXPECT_EQ(decoder.missing_attribute(request, 1, 48), "TUPLES[1].TUPLE");
+}
+
+TEST(MessageDecoderTest, TellsWhatAnAnswerIsAbout) {
+  MessageDecoder decoder;
+  const auto told = [](uint32_t sequence, uint16_t id) {
+    return message(GENL_ID_CTRL, 0, sequence,
+                   generic(CTRL_CMD_NEWFAMILY, attribute(CTRL_ATTR_FAMILY_ID, raw(id)) +
+                                                   text(CTRL_ATTR_FAMILY_NAME, "TAVIK_WLAN")));
+  };
+  const auto answer = [](const std::string& request, int error, const std::string& attributes) {
+    nlmsgerr payload{.error = error, .msg = {}};
+    memcpy(&payload.msg, request.data(), sizeof(payload.msg));
+    return message(NLMSG_ERROR, NLM_F_CAPPED | NLM_F_ACK_TLVS, payload.msg.nlmsg_seq,
+                   raw(payload) + attributes);
+  };
+  EXPECT_EQ(lines(decoder, add_tuples(1)), "(family 28 command 1\n") << "of an unknown id";
+  EXPECT_EQ(lines(decoder, told(0, kFamily)),
+            "nlctrl NEWFAMILY FAMILY_ID 28, FAMILY_NAME \"TAVIK_WLAN\"\n");
+  const std::string dump = message(kFamily, NLM_F_REQUEST, 7, generic(14, ""), 5);
+  EXPECT_EQ(lines(decoder, add_tuples(7, 4) + dump),
+            "ADD_TUPLES SELECTOR 1, TUPLES [\"ipv4 tcp 443\",\"ipv6 esp 0x12345678\"]\n"
+            "GET_TUPLES\n");
+  EXPECT_EQ(lines(decoder, answer(add_tuples(7, 4), -EINVAL,
+                                  text(NLMSGERR_ATTR_MSG, "bad") +
+                                      attribute(NLMSGERR_ATTR_OFFS, raw(uint32_t{52})))),
+            "ERROR EINVAL ADD_TUPLES MSG \"bad\", TUPLES[1].TUPLE \"ipv6 esp 0x12345678\"\n");
+  EXPECT_EQ(lines(decoder, answer(add_tuples(7, 4), -EINVAL,
+                                  attribute(NLMSGERR_ATTR_MISS_TYPE, raw(uint32_t{2})))),
+            "ERROR EINVAL ADD_TUPLES missing DEV\n");
+  EXPECT_EQ(lines(decoder, message(NLMSG_DONE, 0, 7, raw(-EINTR), 5)), "ERROR EINTR GET_TUPLES\n");
+  EXPECT_EQ(lines(decoder, message(NLMSG_DONE, 0, 7, raw(0), 6)), "(DONE\n") << "of a third client";
+  EXPECT_EQ(lines(decoder, answer(message(30, 0, 7, ""), 0, "")), "(ACK\n");
+  EXPECT_EQ(lines(decoder, acknowledgement(9, INT32_MIN)), "(ERROR -2147483648\n");
+  lines(decoder, told(1, 99));
+  EXPECT_EQ(lines(decoder, add_tuples(8)), "(family 28 command 1\n") << "of a former id";
+  EXPECT_EQ(lines(decoder, raw(nlmsghdr{17, 2, 0, 0, 0})), "(MALFORMED\n");
+}
+
+/// A capture of one packet, which was taken at the 2nd second and 500 ms, all in network byte
+/// order.
+std::string capture(uint32_t magic, const std::string& datagram, uint32_t missing = 0,
+                    uint16_t protocol = NETLINK_GENERIC, uint32_t link_type = 253) {
+  const auto length = static_cast<uint32_t>(datagram.size() + 16);
+  const uint32_t half = magic == 0xa1b2c3d4 ? 500'000 : 500'000'000;
+  std::string file;
+  for (const uint32_t word : {magic, 0x20004U, 0U, 0U, 65535U, link_type, 2U, half,
+                              length + missing, length, 4U << 16 | 824, 0U, 0U, 0U + protocol}) {
+    file += raw(htonl(word));
+  }
+  return file + datagram;
+}
+
+TEST(CaptureTest, IsReadInEachFormatOrRefused) {
+  const auto read = [](const std::string& file, std::vector<Packet>* packets) {
+    EXPECT_TRUE(datapathctl::is_capture(file));
+    return datapathctl::read_capture(file, packets).error;
+  };
+  const std::string datagram = add_tuples(1);
+  for (const uint32_t magic : {0xa1b2c3d4, 0xa1b23c4d}) {
+    std::string native = capture(magic, datagram);
+    for (size_t i = 0; i < 40; i += 4) {  // up to the header of the link layer
+      std::reverse(native.begin() + static_cast<int>(i), native.begin() + static_cast<int>(i) + 4);
+    }
+    for (const std::string& file : {capture(magic, datagram), native}) {
+      std::vector<Packet> packets;
+      EXPECT_EQ(read(file, &packets), "");
+      ASSERT_EQ(packets.size(), 1U);
+      EXPECT_EQ(packets[0].datagram, bytes(datagram));
+      EXPECT_EQ(packets[0].time->time_since_epoch(), std::chrono::milliseconds(2500));
+      EXPECT_EQ(read(file.substr(0, file.size() - 1), &packets), "the capture ends in packet 1");
+      EXPECT_EQ(read(file.substr(0, 23), &packets), "the capture ends in its first header");
+      EXPECT_EQ(packets.size(), 1U);
+    }
+  }
+  std::vector<Packet> packets;
+  EXPECT_EQ(read(capture(0xa1b2c3d4, datagram, 1), &packets), "the capture ends in packet 1");
+  EXPECT_EQ(read(capture(0xa1b2c3d4, datagram, 0, NETLINK_ROUTE), &packets), "");
+  EXPECT_EQ(read(capture(0xa1b2c3d4, "", 0, 0, 1), &packets),
+            "of link type 1 and not 253, NETLINK");
+  EXPECT_TRUE(read("\n\r\r\n and more of that", &packets).starts_with("in the format pcapng"));
+  EXPECT_TRUE(packets.empty());
+}
+
+TEST(CaptureTest, HexadecimalIsReadAsToolsPrintIt) {
+  const std::vector<uint8_t> datagram = bytes(message(kFamily, 5, 1, generic(9, "")));
+  for (const char* text :
+       {"14000000 1c000500 01000000 00000000 09010000",
+        "> RESET\n    bytes 14000000 1c000500 01000000 00000000 09010000\nreset",
+        R"({"seq":1,"bytes":"14000000 1c000500 01000000 00000000 09010000","pid":1})",
+        "140000001c0005000100000000\r\n00000009010000",
+        "00000000: 1400 0000 1c00 0500 0100 0000 0000 0000  abcdefgh........\n"
+        "00000010: 0901 0000                                ....",
+        "0000  00 04 03 38 00 00 00 00 00 00 00 00 00 00 00 10   ...8............\n"
+        "0010  14 00 00 00 1c 00 05 00 01 00 00 00 00 00 00 00   ................\n"
+        "0020  09 01 00 00                                       be..\n",
+        "00000000  14 00 00 00 1c 00 05 00  01 00 00 00 00 00 00 00  |................|\n"
+        "00000010  09 01 00 00                                       |....|\n"}) {
+    const std::vector<Packet> packets = datapathctl::read_hex(text);
+    ASSERT_EQ(packets.size(), 1U) << text;
+    EXPECT_EQ(packets[0].datagram, datagram) << text;
+  }
+  EXPECT_EQ(datapathctl::read_hex("bytes 01\nbytes 02\n03\n\n04\n0000: 05\n0000: 06\n").size(), 5U);
+}
+
+/// What a shell prints, with times and numbers by which clients differ as "T".
+std::string shell(const std::string& command) {
+  const std::string all = "cd $(mktemp -d); datapathctl() { timeout 20 " DATAPATHCTL
+                          " \"$@\"; }; (" +
+                          command + ") 2>&1 | sed -E 's/[0-9:]{8}\\.[0-9]{6}/T/'" + "; rm -r $PWD";
+  FILE* output = popen(all.c_str(), "r");
+  std::string text;
+  for (int c = 0; (c = fgetc(output)) != EOF;) {
+    text += static_cast<char>(c);
+  }
+  pclose(output);
+  return text;
+}
+
+TEST(TraceTest, LeavesOutLookUpsUnlessTheyFail) {
+  const std::string tool = "datapathctl --trace --timeout 50 --emulate --misbehave ";
+  EXPECT_EQ(shell(tool + "none --time reset"), "T > RESET\nT < ACK RESET\n");
+  EXPECT_EQ(shell(tool + "absent reset 2>&-"),
+            "> nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n< ERROR ENOENT nlctrl GETFAMILY\n");
+  EXPECT_EQ(shell(tool + "silent reset 2>&-"), "> nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n");
+  EXPECT_EQ(shell("datapathctl --dry-run reset"), "> RESET\n");
+  EXPECT_EQ(shell("datapathctl --dry-run --trace=full --hex reset"),
+            "> nlctrl GETFAMILY, seq 0, 36 bytes\n    FAMILY_NAME \"TAVIK_WLAN\"\n"
+            "    bytes 24000000 10000100 00000000 00000000 03010000 0f000200 54415649 4b5f574c "
+            "414e0000\n> TAVIK_WLAN RESET, seq 0, 20 bytes\n"
+            "    bytes 14000000 ffff0500 00000000 00000000 09010000\n");
+  EXPECT_EQ(shell("datapathctl --dry-run --json --hex ipsec add 0x1001 ::1"),
+            R"({"message":"TAVIK_WLAN ADD_TUPLES","attributes":{"TUPLES":)"
+            R"([{"ip":6,"transport":"esp","spi":4097}]},"seq":0,"port_id":0,"length":40,)"
+            R"("direction":"sent","bytes":"28000000 ffff0500 00000000 00000000 01010000 )"
+            R"(14000180 10000180 0c000100 00001001 06320000"})"
+            "\n{\"command\":\"ipsec add\",\"result\":0}\n");
+  EXPECT_EQ(shell("datapathctl --dry-run proxy update --new tcp/443-448"),
+            "> ADD_TUPLES TUPLES [\"ipv4 tcp 443\",\"ipv4 tcp 444\",\"ipv4 tcp 445\","
+            "\"ipv4 tcp 446\",... 6]\n");
+}
+
+TEST(DecodeTest, ShowsACaptureAsItWasTraced) {
+  const std::string record =
+      "printf 'ipsec add 0x1001 ::1\nports\nencap unset 1\n' | datapathctl --pcap c --emulate "
+      "--hex --trace batch - 2>&- | sed '/^[#e]/d' >live; ";
+  EXPECT_EQ(shell(record + "datapathctl --hex decode c | sed -E 's/^[0-9:.]+ //' | diff live -; "
+                           "datapathctl --hex decode live | diff live -; wc -l <live"),
+            "14\n");
+  EXPECT_EQ(shell(record + "datapathctl --pcap - decode c | cmp c -"), "");
+  EXPECT_EQ(shell("printf '\\n\\r\\r\\n' | datapathctl decode -; datapathctl decode /; "
+                  "datapathctl decode none; echo 0: nothing | datapathctl decode -"),
+            "datapathctl: decode: standard input: in the format pcapng; 'editcap -F pcap FILE NEW' "
+            "converts "
+            "it\ndatapathctl: decode: cannot read /\ndatapathctl: decode: cannot read none\n"
+            "datapathctl: decode: standard input: nothing of TAVIK_WLAN in it\n");
+}
+
+TEST(MonitorTest, ShowsWhatOthersSayToAnEmulator) {
+  EXPECT_EQ(shell("timeout 20 " DATAPATHCTL " emulator k >served & "
+                  "until [ -S k ]; do sleep 0.05; done; "
+                  "timeout 20 " DATAPATHCTL " --socket k --pcap c monitor >seen & m=$!; "
+                  "until [ -s c ]; do sleep 0.05; done; datapathctl --socket k reset; "
+                  "datapathctl --socket k misbehave absent; datapathctl --socket k reset 2>&-; "
+                  "until grep -q ENOENT seen; do sleep 0.05; done; kill $m; wait $m; echo $?; "
+                  "sed -E 's/client [1-9][0-9]* .pid [1-9][0-9]*./C/' seen; "
+                  "sed -E 's/client.*\\) //' seen >want; datapathctl decode c | diff - want; "
+                  "kill %1"),
+            "0\nT C > RESET\nT C < ACK RESET\nT C > nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n"
+            "T C < ERROR ENOENT nlctrl GETFAMILY\n");
+  EXPECT_EQ(shell("datapathctl --socket k monitor; datapathctl --emulate monitor"),
+            "datapathctl: monitor: cannot watch the emulator: No such file or directory: k\n"
+            "datapathctl: hint: is 'datapathctl emulator k' running?\n"
+            "datapathctl: monitor: it watches a kernel, or the emulator of --socket\n");
+}
+
+}  // namespace
