@@ -24,6 +24,7 @@ ipsec add 0x89abcdef 2001:db8::1
 lowlat add ::1 1 ::2 256
 reset
 encap drop 65534
+proxy update --old tcp/4
 """
 MESSAGES = """\
 command=1 tuple.ip_proto=4,6 tuple.trans_proto=6,17 tuple.port=443,4500
@@ -35,6 +36,7 @@ command=1 tuple.ip_proto=6 tuple.trans_proto=50 tuple.spi=0x89abcdef
 command=12 ll_src_addr=::1 ll_dst_addr=::2 ll_src_port=1 ll_dst_port=256
 command=9
 command=11 encap_port=65534
+command=2 tuple.ip_proto=4 tuple.trans_proto=6 tuple.port=4
 """
 # Of the answers: packet, that of the request, and the line on both.
 OUTCOMES = """\
@@ -46,6 +48,7 @@ OUTCOMES = """\
 24 23 LL_ADDR_ADD LL_SRC_ADDR ::1, LL_DST_ADDR ::2, LL_SRC_PORT 1, LL_DST_PORT 256: acknowledged
 28 27 RESET: acknowledged
 32 31 ENCAP_PORT_ACT_DROP ENCAP_PORT 65534: ENOENT: the encapsulation port is not set: ENCAP_PORT
+36 35 DEL_TUPLES TUPLES ipv4 tcp 4: ENOENT: no such tuple: TUPLES[0].TUPLE
 """
 
 
@@ -71,9 +74,9 @@ class WiresharkTest(unittest.TestCase):
         os.chdir(folder.name)
 
     def run_batch(self):
-        done = subprocess.run([DATAPATHCTL, "--emulate", "--pcap", CAPTURE, "batch", "-"],
-                              input=BATCH, text=True, capture_output=True, umask=0o22)
-        self.assertIn("ENOENT", done.stderr)  # of the last command
+        command = [DATAPATHCTL, "--emulate", "--pcap", CAPTURE, "batch", "--force", "-"]
+        done = subprocess.run(command, input=BATCH, text=True, capture_output=True, umask=0o22)
+        self.assertEqual(done.stderr.count("ENOENT"), 2)  # of the last commands
 
     def tshark(self, *fields, show="tavik_wlan.command"):
         """The values of fields in the packets that a filter shows, a list a packet."""
@@ -94,7 +97,8 @@ class WiresharkTest(unittest.TestCase):
                                                  "_ws.col.Info", show="tavik_wlan.outcome")])
         self.assertEqual(self.tshark("tavik_wlan.extack.message", "tavik_wlan.bad_attribute",
                                      show='tavik_wlan.outcome == "ENOENT"'),
-                         [["the encapsulation port is not set", "ENCAP_PORT"]])
+                         [["the encapsulation port is not set", "ENCAP_PORT"],
+                          ["no such tuple", "TUPLES[0].TUPLE"]])
         self.assertEqual(self.tshark("frame.number", show="_ws.expert"), [])
         self.assertEqual(os.stat(CAPTURE).st_mode & 0o777, 0o600)
 
@@ -109,22 +113,24 @@ class WiresharkTest(unittest.TestCase):
         self.run_batch()
         family = list(packets(CAPTURE))[1]  # the controller's answer
         add_tuples, *others = (data for data in packets(CAPTURE) if data[4] != CONTROLLER)
-        forged = [family, *(add_tuples[:end] for end in range(21, len(add_tuples)))]
+        forged = [family, *(struct.pack("=I", end) + add_tuples[4:end]
+                            for end in range(21, len(add_tuples)))]
         cut = range(2, len(forged) + 1)
         chance = random.Random(1)
         for _ in range(3000):
             data = bytearray(chance.choice(others))
             for _ in range(chance.randrange(4)):
-                data[chance.randrange(16, len(data))] = chance.choice(b"\0\1\3\4\5\x40\x7f\x80\xff")
+                data[chance.randrange(6, len(data))] = chance.choice(b"\0\1\2\3\5\x40\x7f\x80\xff")
             del data[chance.randrange(16, len(data) + 1):]
-            forged.append(data + chance.choice((b"", b"\4\0\1\0")))  # an empty attribute
+            data += chance.choice((b"", b"\4\0\1\0"))  # an empty attribute
+            data[:4] = struct.pack("=I", len(data) + chance.choice((0, 0, 0, 0, -4, 400)))
+            forged.append(data)
         with open(CAPTURE, "r+b") as file:
             link_header = file.read(56)[40:]
             file.truncate(file.seek(24))
             for data in forged:
                 size = len(data) + len(link_header)
-                file.write(struct.pack("=8x2I", size, size) + link_header +
-                           struct.pack("=I", len(data)) + data[4:])
+                file.write(struct.pack("=8x2I", size, size) + link_header + data)
         self.assertEqual(self.tshark("frame.number", show="_ws.lua.error"), [])
         malformed = self.tshark("frame.number", "_ws.col.Info", show="tavik_wlan.malformed")
         self.assertEqual([row[0] for row in malformed[:len(cut)]], list(map(str, cut)))
