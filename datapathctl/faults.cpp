@@ -1,6 +1,7 @@
 #include "datapathctl/faults.h"
 
-#include <CLI/CLI.hpp>
+#include <CLI/Error.hpp>
+#include <CLI/StringTools.hpp>
 #include <stdexcept>
 
 namespace datapathctl {

@@ -1,5 +1,6 @@
 #include "datapathctl/operations.h"
 
+#include <CLI/App.hpp>
 #include <exception>
 #include <string>
 

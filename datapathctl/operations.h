@@ -2,12 +2,15 @@
 #ifndef DATAPATHCTL_OPERATIONS_H_
 #define DATAPATHCTL_OPERATIONS_H_
 
-#include <CLI/CLI.hpp>
 #include <span>
 #include <string>
 
 #include "datapathctl/command.h"
 #include "datapathctl/session.h"
+
+namespace CLI {
+class App;
+}
 
 namespace datapathctl {
 

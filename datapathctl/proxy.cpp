@@ -1,6 +1,7 @@
 // The calls that take the proxy through its life are several requests each. Some may be done when
 // one fails.
 
+#include <CLI/StringTools.hpp>
 #include <algorithm>
 #include <string>
 #include <utility>

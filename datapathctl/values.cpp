@@ -1,6 +1,7 @@
 #include "datapathctl/values.h"
 
 #include <arpa/inet.h>
+#include <CLI/Error.hpp>
 
 #include <charconv>
 

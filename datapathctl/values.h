@@ -2,7 +2,6 @@
 #ifndef DATAPATHCTL_VALUES_H_
 #define DATAPATHCTL_VALUES_H_
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -44,10 +43,10 @@ std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto);
 nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, uint32_t value);
 
 /// Has a parser convert the text, or the texts, of an option or argument to a value.
-template <typename Text, typename Value>
-CLI::Option* add_value(CLI::App& parser, const char* name, Value& value,
-                       Value (*convert)(const Text&), const std::string& help) {
-  return parser.add_option_function<Text>(
+template <typename Parser, typename Text, typename Value>
+auto* add_value(Parser& parser, const char* name, Value& value, Value (*convert)(const Text&),
+                const std::string& help) {
+  return parser.template add_option_function<Text>(
       name, [&value, convert](const Text& text) { value = convert(text); }, help);
 }
 
