@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0 */
 /*
  * The generic netlink protocol of the data-path kernel module: family "TAVIK_WLAN", version 1.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0 */
 /* Limits of this project's own family TAVIK_WLAN. */
 #ifndef REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
 #define REFERENCE_KERNEL_TAVIK_WLAN_LIMITS_H_
