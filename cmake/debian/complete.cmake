@@ -8,9 +8,8 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} upper)
   set(package ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
   set(share ${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share)
-  foreach(file IN ITEMS copyright changelog)
-    configure_file(${CMAKE_CURRENT_LIST_DIR}/${file} ${share}/doc/${package}/${file} COPYONLY)
-  endforeach()
+  file(COPY ${CMAKE_CURRENT_LIST_DIR}/copyright ${CMAKE_CURRENT_LIST_DIR}/changelog
+    ${CMAKE_CURRENT_LIST_DIR}/../../CHANGELOG.md DESTINATION ${share}/doc/${package})
   if(component STREQUAL runtime)
     configure_file(${CMAKE_CURRENT_LIST_DIR}/lintian-overrides
       ${share}/lintian/overrides/${package} COPYONLY)
