@@ -1,13 +1,11 @@
 #include "datapathctl/session.h"
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -15,6 +13,7 @@
 #include <system_error>
 
 #include "datapathctl/failure.h"
+#include "datapathctl/library.h"
 #include "datapathctl/report.h"
 #include "reference_host/log/corvil_log_control.h"
 #include "reference_kernel/emulator/control.h"
@@ -24,14 +23,6 @@ namespace {
 
 /// What stands for the family's id in a dry run: beyond those that a kernel gives.
 constexpr uint16_t kDryRunFamilyId = 65535;
-
-/// The library beside this program, or else the installed one.
-std::string default_library() {
-  std::error_code error;
-  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-  const auto beside = program.parent_path() / CORVIL_LIBRARY;
-  return std::filesystem::exists(beside, error) ? beside.string() : CORVIL_LIBRARY;
-}
 
 Result read_emulator_state(const std::string& emulator, std::optional<std::string>* state) {
   const std::chrono::milliseconds patience{corvil_netlink_timeout()};
@@ -57,11 +48,15 @@ std::string without_name(const char* text) {
 }  // namespace
 
 Result Session::start() {
-  if (library_ != nullptr) {
+  if (started_) {
     return {};
   }
-  for (Result (Session::*step)() : {&Session::load_library, &Session::start_kernel,
-                                    &Session::start_logging, &Session::start_netlink}) {
+  if (Result loaded = load_library(settings_); !loaded.ok()) {
+    return loaded;
+  }
+  started_ = true;
+  for (Result (Session::*step)() :
+       {&Session::start_kernel, &Session::start_logging, &Session::start_netlink}) {
     if (Result result = (this->*step)(); !result.ok()) {
       return result;
     }
@@ -83,13 +78,6 @@ Result Session::start_netlink() {
   const int result = settings_.pcap.empty() ? corvil_netlink_check_capture()
                                             : corvil_netlink_open_capture(settings_.pcap.c_str());
   return result == 0 ? Result{} : failure(corvil_netlink_last_error()->message);
-}
-
-Result Session::load_library() {
-  const std::string path = settings_.library.empty() ? default_library() : settings_.library;
-  library_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  return library_ != nullptr ? Result{}
-                             : usage_error(std::string("cannot load the library: ") + dlerror());
 }
 
 Result Session::start_kernel() {
@@ -172,9 +160,8 @@ Result Session::begin_call(const char* function, void** address) {
   if (Result started = start(); !started.ok()) {
     return started;
   }
-  *address = dlsym(library_, function);
-  if (*address == nullptr) {
-    return usage_error(std::string("not in the library: ") + dlerror());
+  if (Result found = find_function(function, address); !found.ok()) {
+    return found;
   }
   corvil_netlink_clear_last_error();
   failure_.reset();

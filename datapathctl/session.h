@@ -56,7 +56,6 @@ class Session {
 
  private:
   Result start();
-  Result load_library();
   Result start_kernel();
   Result start_logging();
   Result start_netlink();
@@ -69,8 +68,8 @@ class Session {
 
   const Settings& settings_;
   std::optional<tavik_wlan::Emulator> emulator_;  // in this process
-  void* library_ = nullptr;                       // of dlopen(); null: not started yet
-  MessageDecoder decoder_;                        // of what is shown
+  bool started_ = false;
+  MessageDecoder decoder_;  // of what is shown
   MessagePrinter printer_;
   Observer observer_;
   std::optional<Result> failure_;  // the first of the current call

@@ -20,6 +20,7 @@ packages_for[clang]="${packages_for[test]} clang libclang-rt-dev"
 packages_for[tidy]="${packages_for[clang]} clang-tidy"
 packages_for[arm]="${packages_for[demo]} g++-aarch64-linux-gnu g++-arm-linux-gnueabihf googletest
   qemu-user"
+packages_for[device]="${packages_for[demo]} g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user"
 # What builds the kernel module and boots a kernel with it.
 packages_for[vm]="${packages_for[test]} cpio kmod libelf1 make qemu-system-x86 sparse xz-utils"
 packages_for[vm_6.1]=${packages_for[vm]}

@@ -9,7 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(release asan style coverage arm fuzz clang tools vm tsan analyzers tidy vm_6.1 vm_faults
+stages=(release asan style coverage arm device fuzz clang tools vm tsan analyzers tidy vm_6.1 vm_faults
   package ynl_kernel android_bp reproducible)
 
 run_preset() {
@@ -48,6 +48,12 @@ run_stage() {
     arm)
       run_preset armhf
       run_preset arm64
+      ;;
+    device)
+      cmake --preset release --log-level=WARNING >/dev/null
+      cmake --build --preset release --target datapathctl
+      cmake --workflow --preset device
+      tests/ship/device_test.sh
       ;;
     vm) run_vm 6.12 ;;
     vm_6.1) run_vm 6.1 ;;

@@ -126,7 +126,8 @@ ucred peer_of(const FileDescriptor& connection) {
 
 FileDescriptor connect_to(const std::string& path, std::chrono::milliseconds patience) {
   FileDescriptor connection = open_socket(0);
-  const timeval limit{patience.count() / 1000, patience.count() % 1000 * 1000};
+  const timeval limit{static_cast<time_t>(patience.count() / 1000),
+                      static_cast<suseconds_t>(patience.count() % 1000 * 1000)};
   setsockopt(connection.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
   setsockopt(connection.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
   if (const int error = at_path(connect, connection, path); error != 0) {

@@ -1,0 +1,37 @@
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "datapathctl/library.h"
+
+namespace datapathctl {
+namespace {
+
+constinit void* library = nullptr;
+
+/// The library beside this program, or else the installed one.
+std::string default_library() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto beside = program.parent_path() / CORVIL_LIBRARY;
+  return std::filesystem::exists(beside, error) ? beside.string() : CORVIL_LIBRARY;
+}
+
+}  // namespace
+
+Result load_library(const Settings& settings) {
+  const std::string path = settings.library.empty() ? default_library() : settings.library;
+  library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  return library != nullptr ? Result{}
+                            : usage_error(std::string("cannot load the library: ") + dlerror());
+}
+
+Result find_function(const char* name, void** address) {
+  *address = dlsym(library, name);
+  return *address != nullptr ? Result{}
+                             : usage_error(std::string("not in the library: ") + dlerror());
+}
+
+}  // namespace datapathctl
