@@ -121,6 +121,9 @@ void bind_to(const FileDescriptor& packets, int device) {
 FileDescriptor join_notifications() {
   FileDescriptor socket(
       ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_GENERIC));
+  // Without a port id, which this gives it, a socket gets nothing that is sent to a group.
+  const sockaddr_nl address{.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = 0, .nl_groups = 0};
+  bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
   setsockopt(socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &kNotifications,
              sizeof(kNotifications));
   return socket;
