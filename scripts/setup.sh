@@ -30,6 +30,7 @@ packages_for[fuzz]="${packages_for[test]} clang libclang-rt-dev"
 packages_for[coverage]="${packages_for[test]} clang-19 libclang-rt-19-dev llvm-19"
 packages_for[package]="${packages_for[test]} debootstrap dpkg-dev file lintian"
 packages_for[reproducible]="${packages_for[package]} git"
+packages_for[docs]="${packages_for[package]} ${packages_for[vm]} tshark"
 packages_for[ynl_kernel]="${packages_for[vm]} python3-jsonschema python3-yaml"
 packages_for[android_bp]="blueprint-tools golang-android-soong-dev
   golang-github-google-blueprint-dev golang-go golang-goprotobuf-dev"

@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 stages=(release asan style coverage arm device fuzz clang tools vm tsan analyzers tidy vm_6.1 vm_faults
-  package ynl_kernel android_bp reproducible)
+  package ynl_kernel android_bp reproducible docs)
 
 run_preset() {
   cmake --preset "$1" --log-level=WARNING >/dev/null
@@ -59,6 +59,11 @@ run_stage() {
     vm_6.1) run_vm 6.1 ;;
     vm_faults) scripts/vm.sh 'fault_test --target=kernel' ;;
     analyzers) tests/analyze.sh ;;
+    docs)
+      cmake --preset release --log-level=WARNING >/dev/null
+      cmake --build --preset release
+      tests/ship/docs_test.py build/release docs
+      ;;
     package | ynl_kernel | android_bp | reproducible)
       "tests/ship/$1_test.sh" || [ $? -eq 77 ] # skipped
       ;;

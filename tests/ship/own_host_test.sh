@@ -5,7 +5,7 @@
 #   tests/ship/own_host_test.sh SOURCES CC CXX
 set -euo pipefail
 sources=$1
-export CC=$2 CXX=$3
+export CC=$2 CXX=$3 CMAKE_GENERATOR=Ninja
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
