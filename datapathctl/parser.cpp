@@ -1,5 +1,6 @@
 #include "datapathctl/parser.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iterator>
 #include <string_view>
@@ -133,14 +134,17 @@ std::string list_operations() {
 }  // namespace
 
 Parser::Parser(Settings* settings)
-    : settings_(settings), options_("", "datapathctl OBJECT [VERB] [ARGUMENT]...") {
+    : settings_(settings),
+      options_(std::make_unique<CLI::App>("", "datapathctl OBJECT [VERB] [ARGUMENT]...")) {
   if (settings != nullptr) {
-    options_.add_flag("-V,--version")->description("print the version and exit");
-    define_options(options_, *settings);
-    options_.footer(list_operations());
-    options_.prefix_command();
+    options_->add_flag("-V,--version")->description("print the version and exit");
+    define_options(*options_, *settings);
+    options_->footer(list_operations());
+    options_->prefix_command();
   }
 }
+
+Parser::~Parser() = default;
 
 Result Parser::parse(std::vector<std::string> words, Command* command) {
   command_ = {};
@@ -165,11 +169,12 @@ Result Parser::take_options(std::vector<std::string>* words) {
   }
   try {
     std::ranges::reverse(*words);  // CLI11 takes them from the back.
-    options_.parse(*words);
-    *words = options_.count("-V") > 0 ? std::vector<std::string>{"version"} : options_.remaining();
+    options_->parse(*words);
+    *words =
+        options_->count("-V") > 0 ? std::vector<std::string>{"version"} : options_->remaining();
   } catch (const CLI::CallForHelp&) {
     *words = {"help"};
-    command_.text = options_.help();
+    command_.text = options_->help();
   }
   return {};
 }
@@ -192,7 +197,7 @@ Result Parser::take_operation(std::vector<std::string>* words) {
     *words = {};
     command_.text = help_on(name);
   } else if (name == "help" && command_.text.empty()) {
-    command_.text = options_.help() + "\n" + help_on("");
+    command_.text = options_->help() + "\n" + help_on("");
   }
   return {};
 }
@@ -222,9 +227,12 @@ Result Parser::take_arguments(std::vector<std::string>* words) {
 }
 
 CLI::App& Parser::arguments_of(const Operation& operation) {
-  const auto [entry, is_new] = arguments_.try_emplace(&operation, operation.help,
-                                                      std::string("datapathctl ") + operation.name);
-  CLI::App& app = entry->second;
+  std::unique_ptr<CLI::App>& held = arguments_[&operation];
+  const bool is_new = held == nullptr;
+  if (is_new) {
+    held = std::make_unique<CLI::App>(operation.help, std::string("datapathctl ") + operation.name);
+  }
+  CLI::App& app = *held;
   if (is_new && settings_ != nullptr) {
     define_options(app, *settings_);
     for (CLI::Option* option : app.get_options()) {

@@ -2,12 +2,16 @@
 #ifndef DATAPATHCTL_PARSER_H_
 #define DATAPATHCTL_PARSER_H_
 
-#include <CLI/CLI.hpp>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "datapathctl/command.h"
+
+namespace CLI {
+class App;
+}
 
 namespace datapathctl {
 
@@ -18,6 +22,7 @@ class Parser {
   explicit Parser(Settings* settings);
   Parser(const Parser&) = delete;
   Parser& operator=(const Parser&) = delete;
+  ~Parser();
 
   /// Fills the command, or tells in one line what is wrong; the command's operation is set as soon
   /// as it is known.
@@ -33,9 +38,10 @@ class Parser {
   std::string help_on(const std::string& topic);
 
   Settings* settings_;
-  Command command_;                                 // which the parts of the parser fill
-  CLI::App options_;                                // before the object
-  std::map<const Operation*, CLI::App> arguments_;  // of operations, once they are needed
+  Command command_;                    // which the parts of the parser fill
+  std::unique_ptr<CLI::App> options_;  // before the object
+  // Of operations, once they are needed.
+  std::map<const Operation*, std::unique_ptr<CLI::App>> arguments_;
 };
 
 }  // namespace datapathctl
