@@ -106,7 +106,6 @@ class LinePrinter {
   bool has_failed_ = false;
 };
 
-/// The time of the day here, or with its date in UTC, with microseconds.
 /// The request, decoded, and what became of it.
 nlohmann::ordered_json describe(const Peer& peer, Bytes message, const Status& status) {
   const auto header = tavik_wlan::load<nlmsghdr>(message);

@@ -8,6 +8,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <barrier>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -17,6 +20,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
@@ -69,6 +73,29 @@ TEST_F(EmulatorTest, ReplacesAndRemovesNoFileButItsOwn) {
   std::ofstream(path_) << "of another program";
   EXPECT_THROW(tavik_wlan::Emulator{path_}, std::system_error);
   EXPECT_TRUE(std::filesystem::remove(path_));
+}
+
+TEST_F(EmulatorTest, GivesTheFileOfADeadOneToOneOfItsRivals) {
+  const std::string path = path_ + ".dead";
+  for (int round = 0; round < 500; ++round) {
+    make_socket(bind, path);
+    std::array<std::optional<tavik_wlan::Listener>, 4> rivals;
+    std::barrier start(rivals.size());
+    {
+      std::vector<std::jthread> threads;
+      for (auto& rival : rivals) {
+        threads.emplace_back([&start, &path, &rival] {
+          start.arrive_and_wait();
+          try {
+            rival.emplace(path);
+          } catch (const std::system_error&) {
+          }
+        });
+      }
+    }
+    ASSERT_EQ(std::ranges::count_if(rivals, [](const auto& rival) { return rival.has_value(); }), 1)
+        << "in round " << round;
+  }
 }
 
 TEST_F(EmulatorTest, AnswersEachMessageOfADatagram) {
