@@ -93,7 +93,7 @@ test_a_monitor_sees_what_a_caller_says_that_knows_nothing_of_it() {
   eventually grep -q ERROR seen
   kill -INT $monitor
   wait $monitor
-  [ -z "$(ip link | grep nlmon)" ]
+  [ "$(ip link | grep -c nlmon)" -eq 0 ]
   datapathctl decode seen.pcap | cmp - seen
   sed -E 's/^[0-9:.]+ //; s/(client) [1-9][0-9]* /\1 /; s/(nlctrl [A-Z]+) .*/\1/' seen >lines
   cmp lines - <<'END'
@@ -154,7 +154,7 @@ test_a_long_dump_stands_changes() {
   trap 'touch stop; wait' EXIT
   churn &
   for _ in 1 2 3 4 5; do
-    datapathctl --timeout 60000 --trace ports >trace 2>&1 ||
+    datapathctl --timeout 60000 --trace=full ports >trace 2>&1 ||
       grep "interrupted by changes" trace
     awk '/^> .*GET_TUPLES/ { dumps++ } dumps < 2' trace | grep -o 'ipv4 tcp [0-9]*' |
       sed 's/^/tuple /' | grep -vw 1 | cmp stable -
