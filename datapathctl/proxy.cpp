@@ -49,7 +49,7 @@ Result with_steps(const Session& session, const Command& command, Result result)
   for (const uint8_t step : done) {
     names.emplace_back(find_command(tavik_wlan::kCommands, step)->name);
   }
-  names.erase(std::ranges::unique(names).begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
   const bool flushed = has(done, TAVIK_WLAN_CMD_LL_ADDR_FLUSH);
   result.members["done"] = names;
   result.members["undo"] = undo;
