@@ -227,17 +227,20 @@ TEST(DecodeTest, ShowsACaptureAsItWasTraced) {
 }
 
 TEST(MonitorTest, ShowsWhatOthersSayToAnEmulator) {
-  EXPECT_EQ(shell("timeout 20 " DATAPATHCTL " emulator k >served & "
-                  "until [ -S k ]; do sleep 0.05; done; "
-                  "timeout 20 " DATAPATHCTL " --socket k --pcap c monitor >seen & m=$!; "
-                  "until [ -s c ]; do sleep 0.05; done; datapathctl --socket k reset; "
-                  "datapathctl --socket k misbehave absent; datapathctl --socket k reset 2>&-; "
-                  "until grep -q ENOENT seen; do sleep 0.05; done; kill $m; wait $m; echo $?; "
-                  "sed -E 's/client [1-9][0-9]* .pid [1-9][0-9]*./C/' seen; "
-                  "sed -E 's/client.*\\) //' seen >want; datapathctl decode c | diff - want; "
-                  "kill %1"),
-            "0\nT C > RESET\nT C < ACK RESET\nT C > nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n"
-            "T C < ERROR ENOENT nlctrl GETFAMILY\n");
+  // Without --foreground a timeout that is killed sends a SIGCONT, too, and that can keep the
+  // search for leaks at the program's end from stopping it.
+  EXPECT_EQ(
+      shell("timeout --foreground 20 " DATAPATHCTL " emulator k >served & e=$!; "
+            "until [ -S k ]; do sleep 0.05; done; "
+            "timeout --foreground 20 " DATAPATHCTL " --socket k --pcap c monitor >seen & m=$!; "
+            "until [ -s c ]; do sleep 0.05; done; datapathctl --socket k reset; "
+            "datapathctl --socket k misbehave absent; datapathctl --socket k reset 2>&-; "
+            "until grep -q ENOENT seen; do sleep 0.05; done; kill $m; wait $m; echo $?; "
+            "sed -E 's/client [1-9][0-9]* .pid [1-9][0-9]*./C/' seen; "
+            "sed -E 's/client.*\\) //' seen >want; datapathctl decode c | diff - want; "
+            "kill $e"),
+      "0\nT C > RESET\nT C < ACK RESET\nT C > nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n"
+      "T C < ERROR ENOENT nlctrl GETFAMILY\n");
   EXPECT_EQ(shell("datapathctl --socket k monitor; datapathctl --emulate monitor"),
             "datapathctl: monitor: cannot watch the emulator: No such file or directory: k\n"
             "datapathctl: hint: is 'datapathctl emulator k' running?\n"
