@@ -1,6 +1,5 @@
 // Datagrams in files: captures of link type NETLINK, and bytes in hexadecimal.
-#ifndef DATAPATHCTL_CAPTURE_H_
-#define DATAPATHCTL_CAPTURE_H_
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -53,5 +52,3 @@ class CaptureWriter {
 };
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_CAPTURE_H_

@@ -1,7 +1,6 @@
 // What a person asked for, as plain values, and how it ended: parsing fills the one, running gives
 // the other, and reporting prints that.
-#ifndef DATAPATHCTL_COMMAND_H_
-#define DATAPATHCTL_COMMAND_H_
+#pragma once
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -88,5 +87,3 @@ inline Result failure(std::string error, std::string hint = "") {
 }
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_COMMAND_H_

@@ -1,6 +1,5 @@
 // What went wrong with a command, and why it may have.
-#ifndef DATAPATHCTL_FAILURE_H_
-#define DATAPATHCTL_FAILURE_H_
+#pragma once
 
 #include <cstdint>
 #include <span>
@@ -28,5 +27,3 @@ std::string error_name(int error);
 std::string emulator_hint(int error, const std::string& path);
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_FAILURE_H_

@@ -1,6 +1,5 @@
 // The emulator's fault injection as a person writes it.
-#ifndef DATAPATHCTL_FAULTS_H_
-#define DATAPATHCTL_FAULTS_H_
+#pragma once
 
 #include <string>
 #include <vector>
@@ -18,5 +17,3 @@ using Faults = std::string;
 Faults parse_faults(const std::vector<std::string>& words);
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_FAULTS_H_

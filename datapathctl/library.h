@@ -1,7 +1,6 @@
 // How this program reaches the data-path library: it loads the shared one or, where it is static
 // itself, has it inside.
-#ifndef DATAPATHCTL_LIBRARY_H_
-#define DATAPATHCTL_LIBRARY_H_
+#pragma once
 
 #include "datapathctl/command.h"
 
@@ -15,5 +14,3 @@ Result load_library(const Settings& settings);
 Result find_function(const char* name, void** address);
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_LIBRARY_H_

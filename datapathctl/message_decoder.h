@@ -1,6 +1,5 @@
 // Netlink messages of the family TAVIK_WLAN and of the controller, by name.
-#ifndef DATAPATHCTL_MESSAGE_DECODER_H_
-#define DATAPATHCTL_MESSAGE_DECODER_H_
+#pragma once
 
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
@@ -103,5 +102,3 @@ std::string printable(std::string_view text);
 std::string to_hex(std::span<const uint8_t> bytes);
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_MESSAGE_DECODER_H_

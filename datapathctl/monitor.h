@@ -1,6 +1,5 @@
 // What others say to the family and hear from it.
-#ifndef DATAPATHCTL_MONITOR_H_
-#define DATAPATHCTL_MONITOR_H_
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -38,5 +37,3 @@ class Viewer {
 };
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_MONITOR_H_

@@ -1,6 +1,5 @@
 // What the exchanges of a command have shown, as they were sent and answered.
-#ifndef DATAPATHCTL_OBSERVER_H_
-#define DATAPATHCTL_OBSERVER_H_
+#pragma once
 
 #include <cstdint>
 #include <vector>
@@ -23,5 +22,3 @@ struct Observer {
 };
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_OBSERVER_H_

@@ -1,6 +1,5 @@
 // Every command there is: how it is written, and what it does.
-#ifndef DATAPATHCTL_OPERATIONS_H_
-#define DATAPATHCTL_OPERATIONS_H_
+#pragma once
 
 #include <span>
 #include <string>
@@ -66,5 +65,3 @@ Result run_monitor(Session& session, const Command& command);
 Result run_decode(Session& session, const Command& command);
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_OPERATIONS_H_

@@ -1,6 +1,5 @@
 // Words to commands.
-#ifndef DATAPATHCTL_PARSER_H_
-#define DATAPATHCTL_PARSER_H_
+#pragma once
 
 #include <map>
 #include <memory>
@@ -45,5 +44,3 @@ class Parser {
 };
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_PARSER_H_

@@ -1,6 +1,5 @@
 // How results reach the user.
-#ifndef DATAPATHCTL_REPORT_H_
-#define DATAPATHCTL_REPORT_H_
+#pragma once
 
 #include <string>
 
@@ -23,5 +22,3 @@ void report(const Settings& settings, const Command& command, const Result& resu
             const Place& place = {});
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_REPORT_H_

@@ -1,6 +1,5 @@
 // What the commands of one run work with: the library, and the kernel behind it.
-#ifndef DATAPATHCTL_SESSION_H_
-#define DATAPATHCTL_SESSION_H_
+#pragma once
 
 #include <cstdint>
 #include <optional>
@@ -80,5 +79,3 @@ class Session {
   (session).call<decltype(function)>(#function, ##__VA_ARGS__)
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_SESSION_H_

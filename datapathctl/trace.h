@@ -1,6 +1,5 @@
 // Netlink messages as the user sees them.
-#ifndef DATAPATHCTL_TRACE_H_
-#define DATAPATHCTL_TRACE_H_
+#pragma once
 
 #include <sys/types.h>
 
@@ -49,5 +48,3 @@ class MessagePrinter {
 };
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_TRACE_H_

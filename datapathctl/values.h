@@ -1,6 +1,5 @@
 // Ports and numbers as a person writes them.
-#ifndef DATAPATHCTL_VALUES_H_
-#define DATAPATHCTL_VALUES_H_
+#pragma once
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -51,5 +50,3 @@ auto* add_value(Parser& parser, const char* name, Value& value, Value (*convert)
 }
 
 }  // namespace datapathctl
-
-#endif  // DATAPATHCTL_VALUES_H_

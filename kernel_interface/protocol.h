@@ -1,6 +1,5 @@
 // The names and shapes of the protocol in tavik_wlan.h, for every reader of it in C++.
-#ifndef KERNEL_INTERFACE_PROTOCOL_H_
-#define KERNEL_INTERFACE_PROTOCOL_H_
+#pragma once
 
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
@@ -181,5 +180,3 @@ FoundAttribute attribute_at(Bytes message, std::span<const AttributeInfo> attrib
                             uint32_t offset);
 
 }  // namespace tavik_wlan
-
-#endif  // KERNEL_INTERFACE_PROTOCOL_H_

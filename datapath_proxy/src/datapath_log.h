@@ -1,8 +1,7 @@
 // The log statement of the data-path library: one message to up to three sinks of the host, the
 // file sink, the diagnostic sink and the Android log. The host's settings decide at run time which
 // of them are on; they are read afresh by every statement and never written here.
-#ifndef DATAPATH_PROXY_SRC_DATAPATH_LOG_H_
-#define DATAPATH_PROXY_SRC_DATAPATH_LOG_H_
+#pragma once
 
 #include <android/log.h>
 #include <sys/time.h>
@@ -148,5 +147,3 @@ void write_log(const LogSiteDescriptor& site, const char* name, const char* form
 
 /// Logs a message under the name of the function that the statement stands in.
 #define DATAPATH_LOG(level, ...) DATAPATH_LOG_AS(level, __func__, __VA_ARGS__)
-
-#endif  // DATAPATH_PROXY_SRC_DATAPATH_LOG_H_

@@ -1,6 +1,5 @@
 // One generic netlink request to the data-path family: its exact size, its buffer, its attributes.
-#ifndef DATAPATH_PROXY_SRC_DATAPATH_REQUEST_H_
-#define DATAPATH_PROXY_SRC_DATAPATH_REQUEST_H_
+#pragma once
 
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
@@ -108,5 +107,3 @@ class DatapathRequest {
 };
 
 }  // namespace datapath
-
-#endif  // DATAPATH_PROXY_SRC_DATAPATH_REQUEST_H_

@@ -1,6 +1,5 @@
 // Values of the attributes that corvil_nla_parse() has found.
-#ifndef REFERENCE_HOST_NETLINK_ATTRIBUTES_H_
-#define REFERENCE_HOST_NETLINK_ATTRIBUTES_H_
+#pragma once
 
 #include <linux/netlink.h>
 
@@ -21,5 +20,3 @@ std::optional<T> value_of(const nlattr* attribute) {
 }
 
 }  // namespace corvil::netlink
-
-#endif  // REFERENCE_HOST_NETLINK_ATTRIBUTES_H_

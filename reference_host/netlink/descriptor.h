@@ -1,6 +1,5 @@
 // A descriptor that the library keeps from one call of its host to the next.
-#ifndef REFERENCE_HOST_NETLINK_DESCRIPTOR_H_
-#define REFERENCE_HOST_NETLINK_DESCRIPTOR_H_
+#pragma once
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -47,5 +46,3 @@ class Descriptor {
 };
 
 }  // namespace corvil::netlink
-
-#endif  // REFERENCE_HOST_NETLINK_DESCRIPTOR_H_

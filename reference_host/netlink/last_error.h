@@ -1,6 +1,5 @@
 // The calling thread's record of how its last exchange ended.
-#ifndef REFERENCE_HOST_NETLINK_LAST_ERROR_H_
-#define REFERENCE_HOST_NETLINK_LAST_ERROR_H_
+#pragma once
 
 #include <linux/netlink.h>
 
@@ -20,5 +19,3 @@ int fail(int error, const char* format, ...) __attribute__((__format__(__printf_
 void record_kernel_error(int error, const nlmsghdr* answer);
 
 }  // namespace corvil::netlink
-
-#endif  // REFERENCE_HOST_NETLINK_LAST_ERROR_H_

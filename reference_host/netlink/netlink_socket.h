@@ -1,6 +1,5 @@
 // A kept socket to the kernel or to an emulator of it.
-#ifndef REFERENCE_HOST_NETLINK_NETLINK_SOCKET_H_
-#define REFERENCE_HOST_NETLINK_NETLINK_SOCKET_H_
+#pragma once
 
 #include <linux/netlink.h>
 #include <sys/un.h>
@@ -76,5 +75,3 @@ class NetlinkSocket {
 };
 
 }  // namespace corvil::netlink
-
-#endif  // REFERENCE_HOST_NETLINK_NETLINK_SOCKET_H_

@@ -1,7 +1,6 @@
 // Whatever looks at the messages of the exchanges: the process's trace callback and its capture
 // file. In a dry run they are all that gets to see a request.
-#ifndef REFERENCE_HOST_NETLINK_OBSERVERS_H_
-#define REFERENCE_HOST_NETLINK_OBSERVERS_H_
+#pragma once
 
 #include <linux/netlink.h>
 
@@ -22,5 +21,3 @@ uint16_t dry_run_family_id();
 void show_received(int protocol, std::span<const std::byte> datagram);
 
 }  // namespace corvil::netlink
-
-#endif  // REFERENCE_HOST_NETLINK_OBSERVERS_H_

@@ -1,6 +1,5 @@
 // IP addresses, which the kernel reads and writes in its own way.
-#ifndef REFERENCE_KERNEL_EMULATOR_ADDRESS_H_
-#define REFERENCE_KERNEL_EMULATOR_ADDRESS_H_
+#pragma once
 
 #include <array>
 #include <compare>
@@ -30,5 +29,3 @@ std::optional<Address> parse_address(const std::string& written);
 std::string to_text(const Address& address);
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_ADDRESS_H_

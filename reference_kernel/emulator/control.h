@@ -1,6 +1,5 @@
 // What a served emulator is asked besides netlink, over the same sockets.
-#ifndef REFERENCE_KERNEL_EMULATOR_CONTROL_H_
-#define REFERENCE_KERNEL_EMULATOR_CONTROL_H_
+#pragma once
 
 #include <sys/types.h>
 
@@ -78,5 +77,3 @@ class ControlClient {
 };
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_CONTROL_H_

@@ -1,6 +1,5 @@
 // The generic netlink controller, which tells about families.
-#ifndef REFERENCE_KERNEL_EMULATOR_CONTROLLER_H_
-#define REFERENCE_KERNEL_EMULATOR_CONTROLLER_H_
+#pragma once
 
 #include <cstdint>
 #include <span>
@@ -27,5 +26,3 @@ FamilyDescription describe_controller();
 Outcome handle_controller_request(Bytes message, std::span<const FamilyDescription> families);
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_CONTROLLER_H_

@@ -1,6 +1,5 @@
 // An emulated kernel with the family TAVIK_WLAN, for machines whose own kernel lacks it.
-#ifndef REFERENCE_KERNEL_EMULATOR_EMULATOR_H_
-#define REFERENCE_KERNEL_EMULATOR_EMULATOR_H_
+#pragma once
 
 #include <string>
 #include <thread>
@@ -63,5 +62,3 @@ class Emulator {
 };
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_EMULATOR_H_

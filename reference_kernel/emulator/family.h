@@ -1,6 +1,5 @@
 // The family TAVIK_WLAN.
-#ifndef REFERENCE_KERNEL_EMULATOR_FAMILY_H_
-#define REFERENCE_KERNEL_EMULATOR_FAMILY_H_
+#pragma once
 
 #include <cstdint>
 
@@ -18,5 +17,3 @@ FamilyDescription describe_family(uint16_t id);
 Outcome handle_family_request(Bytes message, State& state);
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_FAMILY_H_

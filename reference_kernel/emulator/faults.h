@@ -1,6 +1,5 @@
 // What the emulated kernel does wrong when it is told to.
-#ifndef REFERENCE_KERNEL_EMULATOR_FAULTS_H_
-#define REFERENCE_KERNEL_EMULATOR_FAULTS_H_
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -78,5 +77,3 @@ class FaultInjector {
 };
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_FAULTS_H_

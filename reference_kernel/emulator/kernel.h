@@ -1,6 +1,5 @@
 // The emulated kernel without its sockets: datagrams in, datagrams out.
-#ifndef REFERENCE_KERNEL_EMULATOR_KERNEL_H_
-#define REFERENCE_KERNEL_EMULATOR_KERNEL_H_
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -51,5 +50,3 @@ class Kernel {
 };
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_KERNEL_H_

@@ -1,6 +1,5 @@
 // Generic netlink as a kernel speaks it: what requests must look like, and the encoding of answers.
-#ifndef REFERENCE_KERNEL_EMULATOR_NETLINK_H_
-#define REFERENCE_KERNEL_EMULATOR_NETLINK_H_
+#pragma once
 
 #include <linux/netlink.h>
 
@@ -106,5 +105,3 @@ Datagram acknowledgement(const nlmsghdr& request, const Status& status);
 void append_done(DatagramWriter& writer, const nlmsghdr& request);
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_NETLINK_H_

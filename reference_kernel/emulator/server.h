@@ -1,6 +1,5 @@
 // The sockets of the emulated kernel.
-#ifndef REFERENCE_KERNEL_EMULATOR_SERVER_H_
-#define REFERENCE_KERNEL_EMULATOR_SERVER_H_
+#pragma once
 
 #include <poll.h>
 #include <sys/types.h>
@@ -97,5 +96,3 @@ class Server {
 };
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_SERVER_H_

@@ -1,6 +1,5 @@
 // What the family holds.
-#ifndef REFERENCE_KERNEL_EMULATOR_STATE_H_
-#define REFERENCE_KERNEL_EMULATOR_STATE_H_
+#pragma once
 
 #include <arpa/inet.h>
 
@@ -70,5 +69,3 @@ struct State {
 };
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_STATE_H_

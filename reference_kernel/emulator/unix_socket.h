@@ -1,6 +1,5 @@
 // Sockets of AF_UNIX and of type SOCK_SEQPACKET, and who may have them.
-#ifndef REFERENCE_KERNEL_EMULATOR_UNIX_SOCKET_H_
-#define REFERENCE_KERNEL_EMULATOR_UNIX_SOCKET_H_
+#pragma once
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -67,5 +66,3 @@ ucred peer_of(const FileDescriptor& connection);
 FileDescriptor connect_to(const std::string& path, std::chrono::milliseconds patience);
 
 }  // namespace tavik_wlan
-
-#endif  // REFERENCE_KERNEL_EMULATOR_UNIX_SOCKET_H_

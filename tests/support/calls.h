@@ -1,6 +1,5 @@
 // The library's fourteen calls, each with arguments that need all of its requests.
-#ifndef TESTS_SUPPORT_CALLS_H_
-#define TESTS_SUPPORT_CALLS_H_
+#pragma once
 
 #include <arpa/inet.h>
 
@@ -38,5 +37,3 @@ inline constexpr int (*kAll[])() = {up,         down,         update,      unmap
                                     drop_encap, add_flow,     flush_flows, get_ports};
 
 }  // namespace calls
-
-#endif  // TESTS_SUPPORT_CALLS_H_

@@ -1,7 +1,6 @@
 // A host process made for tests: it writes down, line by line, everything that the data-path
 // library does to it, and fails on demand.
-#ifndef TESTS_SUPPORT_FAKE_HOST_H_
-#define TESTS_SUPPORT_FAKE_HOST_H_
+#pragma once
 
 #include <sys/time.h>
 
@@ -66,5 +65,3 @@ void open_log_file();
 std::string replace(std::string text, const std::string& what, const std::string& by);
 
 }  // namespace fake_host
-
-#endif  // TESTS_SUPPORT_FAKE_HOST_H_

@@ -1,6 +1,5 @@
 // Netlink messages as strings of bytes, put together by name. Numbers are as the machine has them.
-#ifndef TESTS_SUPPORT_NETLINK_BYTES_H_
-#define TESTS_SUPPORT_NETLINK_BYTES_H_
+#pragma once
 
 #include <linux/netlink.h>
 
@@ -48,5 +47,3 @@ inline std::string acknowledgement(uint32_t sequence, int error = 0, uint16_t fl
 }
 
 }  // namespace netlink_bytes
-
-#endif  // TESTS_SUPPORT_NETLINK_BYTES_H_

@@ -1,6 +1,5 @@
 // A kernel for the reference host that answers whatever a test says.
-#ifndef TESTS_SUPPORT_SCRIPTED_KERNEL_H_
-#define TESTS_SUPPORT_SCRIPTED_KERNEL_H_
+#pragma once
 
 #include <linux/netlink.h>
 #include <sys/socket.h>
@@ -87,5 +86,3 @@ class ScriptedKernel {
   Script script_;
   std::string babble_;
 };
-
-#endif  // TESTS_SUPPORT_SCRIPTED_KERNEL_H_
