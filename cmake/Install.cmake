@@ -62,6 +62,8 @@ install(FILES kernel_interface/tavik_wlan.yaml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME} COMPONENT development)
 install(FILES docs/man/corvil_datapath_proxy.3
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+install(FILES docs/troubleshooting.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libcorvil-datapath-proxy-dev COMPONENT development)
 
 if(NOT CORVIL_REFERENCE)
   return()
