@@ -37,11 +37,6 @@ constexpr struct Level {
     {LOG_LEVEL_MASK_ERR, "ERR"},
 };
 
-const char* level_name(uint32_t level_mask) {
-  const auto* found = std::ranges::find(kLevels, level_mask, &Level::mask);
-  return found != std::end(kLevels) ? found->name : "UNKNOWN";
-}
-
 // What the environment asks of the default handler.
 constinit uint32_t lowest_level = 0;
 constinit char file_path[PATH_MAX] = "";  // empty: stderr
@@ -113,11 +108,6 @@ constinit void* diagnostic_context = nullptr;
   zu_log_mask |= ZU_LOG_MASK_DIAGNOSTIC;
 }
 
-/// How many bytes, without the NUL, snprintf() has written to a buffer of `size` bytes.
-size_t bytes_written(int result, size_t size) {
-  return result < 0 ? 0 : std::min(static_cast<size_t>(result), size - 1);
-}
-
 }  // namespace
 
 CORVIL_EXPORT int zu_format_log_msg(char* buffer, size_t size, const char* format, ...) {
@@ -129,26 +119,26 @@ CORVIL_EXPORT int zu_format_log_msg(char* buffer, size_t size, const char* forma
 }
 
 CORVIL_EXPORT void msg_sprintf(const LogSiteDescriptor* descriptor, ...) {
+  const auto* level = std::ranges::find(kLevels, descriptor->level_mask, &Level::mask);
+  const char* name = level != std::end(kLevels) ? level->name : "UNKNOWN";
   char line[kMaxLine];
-  const size_t head = bytes_written(
-      snprintf(line, sizeof(line), "subsystem %u %s %s:%u: ", unsigned{descriptor->subsystem},
-               level_name(descriptor->level_mask), descriptor->file, unsigned{descriptor->line}),
-      sizeof(line));
+  snprintf(line, sizeof(line), "subsystem %u %s %s:%u: ", unsigned{descriptor->subsystem}, name,
+           descriptor->file, unsigned{descriptor->line});
+  char* text = line + strlen(line);
 
   va_list arguments;
   va_start(arguments, descriptor);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"  // Callers answer for the format.
-  const int text = vsnprintf(line + head, sizeof(line) - head, descriptor->format, arguments);
+  vsnprintf(text, static_cast<size_t>(std::end(line) - text), descriptor->format, arguments);
 #pragma GCC diagnostic pop
   va_end(arguments);
 
-  size_t end = head + bytes_written(text, sizeof(line) - head);
-  while (end > head && line[end - 1] == '\n') {
-    --end;
+  char* end = text + strlen(text);
+  while (end > text && end[-1] == '\n') {
+    *--end = '\0';
   }
-  line[end] = '\0';
-  diagnostic_handler(descriptor, line, line + head, diagnostic_context);
+  diagnostic_handler(descriptor, line, text, diagnostic_context);
 }
 
 CORVIL_EXPORT void corvil_log_set_diagnostic_handler(corvil_log_diagnostic_handler handler,

@@ -34,6 +34,9 @@
  * settings itself calls corvil_netlink_set_emulator(), corvil_netlink_set_timeout() and
  * corvil_netlink_open_capture() instead.
  *
+ * Thread-safety: while a function with "set" in its name runs, no other thread may be in a netlink
+ * operation. All other functions are thread-safe.
+ *
  * A host may close all its descriptors between its calls, the library's included, as daemons do.
  * The next exchange then connects anew, the capture ends (EBADF), and files of the host that have
  * got the same numbers are left alone.
@@ -63,7 +66,7 @@ typedef struct CorvilNetlinkError {
 
 /*
  * Returns how the calling thread's last query_genl, transact or query ended; never null. Valid
- * until the thread ends, and rewritten by its next exchange. Thread-safe.
+ * until the thread ends, and rewritten by its next exchange.
  */
 const CorvilNetlinkError* corvil_netlink_last_error(void);
 
@@ -90,8 +93,6 @@ typedef void (*corvil_netlink_trace_callback)(CorvilNetlinkDirection direction, 
 
 /*
  * Sets the trace callback of the whole process; null switches tracing off.
- *
- * Not thread-safe: no other thread may be in a netlink operation.
  */
 void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* context);
 
@@ -101,8 +102,6 @@ void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* cont
  * succeeds without a reply.
  *
  * family_id  the id that corvil_netlink_query_genl() finds for any family; 0 ends the dry run
- *
- * Not thread-safe: no other thread may be in a netlink operation.
  */
 void corvil_netlink_set_dry_run(uint16_t family_id);
 
@@ -111,8 +110,6 @@ void corvil_netlink_set_dry_run(uint16_t family_id);
  * says; "": to the kernel; null: where the environment says.
  *
  * path  as of CORVIL_NETLINK_EMULATOR; kept, not copied
- *
- * Not thread-safe: no other thread may be in a netlink operation.
  */
 void corvil_netlink_set_emulator(const char* path);
 
@@ -121,14 +118,12 @@ const char* corvil_netlink_emulator(void);
 
 /*
  * Has exchanges wait for so many milliseconds, whatever the environment says; 0: as it says.
- *
- * Not thread-safe: no other thread may be in a netlink operation.
  */
 void corvil_netlink_set_timeout(int milliseconds);
 
 /*
  * Returns how long exchanges wait, in milliseconds, or -1 with the last error recorded (EINVAL)
- * when CORVIL_NETLINK_TIMEOUT_MS is no positive number. Thread-safe.
+ * when CORVIL_NETLINK_TIMEOUT_MS is no positive number.
  */
 int corvil_netlink_timeout(void);
 
@@ -136,14 +131,13 @@ int corvil_netlink_timeout(void);
  * Starts a capture at a path as CORVIL_NETLINK_PCAP would, whatever the environment says. Returns
  * 0, or -1 with the last error recorded: when the file can't be written, or with EALREADY when an
  * exchange, or a call of this or the next function, has settled before where there is a capture.
- * Thread-safe.
  */
 int corvil_netlink_open_capture(const char* path);
 
 /*
  * Starts the capture that CORVIL_NETLINK_PCAP asks for, unless an exchange has done so already.
  * Returns 0, also when none is asked for, or -1 with the last error recorded when the capture has
- * failed: it then lacks messages and gets no more. Thread-safe.
+ * failed: it then lacks messages and gets no more.
  */
 int corvil_netlink_check_capture(void);
 

@@ -1,8 +1,14 @@
 // Exchanges: a request and the whole answer to it, on a connection that each thread keeps.
 #include <linux/netlink.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -15,13 +21,13 @@
 
 #include "host_interfaces/corvil_netlink.h"
 #include "reference_host/corvil_export.h"
-#include "reference_host/netlink/corvil_netlink_control.h"
-#include "reference_host/netlink/last_error.h"
-#include "reference_host/netlink/netlink_socket.h"
-#include "reference_host/netlink/observers.h"
+#include "reference_host/netlink/internal.h"
 
 namespace corvil::netlink {
 namespace {
+
+/// Holds any request, and several times the largest datagram that the kernel sends in a dump.
+constexpr size_t kBufferSize = size_t{128} * 1024;
 
 /// How often a dump is asked for while changes interrupt it.
 constexpr int kDumpAttempts = 4;
@@ -29,97 +35,204 @@ constexpr int kDumpAttempts = 4;
 /// The largest errno of the kernel.
 constexpr int kMaxErrno = 4095;
 
+constexpr int kDefaultTimeoutMs = 3000;
+
+// What the host has set in place of the environment's settings; null or 0: nothing.
+constinit const char* chosen_emulator = nullptr;
+constinit int chosen_timeout_ms = 0;
+
+/// The time at which a wait is given up: the time-out after remaining() was first called. An
+/// exchange that never waits therefore reads neither the clock nor CORVIL_NETLINK_TIMEOUT_MS.
+class Deadline {
+ public:
+  /// In milliseconds; 0 once it has passed.
+  [[nodiscard]] int remaining() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!end_) {
+      end_ = now + std::chrono::milliseconds{corvil_netlink_timeout()};
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end_ - now).count();
+    return static_cast<int>(std::max(left, decltype(left){0}));
+  }
+
+ private:
+  std::optional<std::chrono::steady_clock::time_point> end_;
+};
+
+/// A socket to the kernel or to an emulator of it. What returns an int returns 0 or a positive
+/// errno, which is ETIMEDOUT when it would have had to wait longer than the time-out.
+class Connection {
+ public:
+  Connection() = default;
+  ~Connection() { close(); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// Whether requests of a netlink protocol to an emulator, or to the kernel where its path is
+  /// empty, can go through this socket. Not in a forked child, because the parent still uses it,
+  /// and not once the host has closed the descriptor.
+  [[nodiscard]] bool is_open_to(int protocol, const char* emulator) const {
+    return protocol_ == protocol && process_ == getpid() && strcmp(emulator_, emulator) == 0 &&
+           socket_.is_open();
+  }
+
+  /// Closes the socket and opens one to there.
+  [[nodiscard]] int open(int protocol, const char* emulator);
+
+  void close() { socket_.close(); }
+
+  /// Numbers never come back when the socket is replaced, so that a late answer never bears that of
+  /// a later request.
+  uint32_t next_sequence() { return ++sequence_; }
+
+  /// Where a request is put together, kBufferSize bytes. What is received takes its place.
+  nlmsghdr* buffer() { return reinterpret_cast<nlmsghdr*>(buffer_); }
+
+  /// Sends the request in the buffer. EPIPE or ECONNRESET when the peer has closed the connection.
+  [[nodiscard]] int send();
+
+  /// Receives the next datagram into the buffer, 4-byte aligned. ECONNRESET when the peer has
+  /// closed the connection.
+  [[nodiscard]] int receive(Deadline& deadline, std::span<const std::byte>* datagram);
+
+ private:
+  /// Repeats a system call that does not wait until it succeeds, and waits meanwhile.
+  template <typename Call>
+  int repeat(Call call, short events, Deadline& deadline);
+
+  Descriptor socket_;
+  int protocol_ = 0;
+  pid_t process_ = 0;
+  char emulator_[sizeof(sockaddr_un::sun_path)] = "";  // Without a path: the kernel.
+  uint32_t sequence_ = 0;
+  alignas(nlmsghdr) std::byte buffer_[kBufferSize];
+};
+
+int Connection::open(int protocol, const char* emulator) {
+  sockaddr_nl kernel_address{};
+  kernel_address.nl_family = AF_NETLINK;
+  sockaddr_un emulator_address{AF_UNIX, {}};
+  const size_t path_length = strlen(emulator);
+  if (path_length >= sizeof(emulator_)) {
+    return ENAMETOOLONG;
+  }
+  memcpy(emulator_, emulator, path_length + 1);
+  memcpy(emulator_address.sun_path, emulator, path_length + 1);
+  const auto* address = reinterpret_cast<const sockaddr*>(&kernel_address);
+  socklen_t length = sizeof(kernel_address);
+  if (path_length > 0) {
+    address = reinterpret_cast<const sockaddr*>(&emulator_address);
+    length = sizeof(emulator_address);
+  }
+  if (emulator[0] == '@') {
+    // An abstract address begins with a NUL, and ends where its length says.
+    emulator_address.sun_path[0] = '\0';
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_length);
+  }
+  protocol_ = protocol;
+  process_ = getpid();
+  const int type = path_length > 0 ? SOCK_SEQPACKET : SOCK_RAW;
+  if (const int error = socket_.adopt(
+          socket(address->sa_family, type | SOCK_CLOEXEC, path_length > 0 ? 0 : protocol))) {
+    return error;
+  }
+
+  // Emulators and old kernels lack the first two options. Such a kernel gives less detail.
+  const int on = 1;
+  setsockopt(socket_.number(), SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof(on));
+  setsockopt(socket_.number(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof(on));
+  // This one limits how long connect() waits for room in an emulator's backlog.
+  const int timeout = corvil_netlink_timeout();
+  const timeval limit{timeout / 1000, timeout % 1000 * 1000};
+  setsockopt(socket_.number(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  // The kernel lets no other process send to a socket that is connected to it.
+  Deadline deadline;
+  while (connect(socket_.number(), address, length) == -1) {
+    if (errno != EINTR || deadline.remaining() == 0) {
+      return errno == EAGAIN || errno == EINTR ? ETIMEDOUT : errno;
+    }
+  }
+  return 0;
+}
+
+int Connection::send() {
+  Deadline deadline;
+  return repeat(
+      [this] {
+        return ::send(socket_.number(), buffer_, buffer()->nlmsg_len, MSG_NOSIGNAL | MSG_DONTWAIT);
+      },
+      POLLOUT, deadline);
+}
+
+int Connection::receive(Deadline& deadline, std::span<const std::byte>* datagram) {
+  ssize_t size = 0;
+  const auto try_once = [&] {
+    return size = recv(socket_.number(), buffer_, kBufferSize, MSG_DONTWAIT);
+  };
+  if (const int error = repeat(try_once, POLLIN, deadline)) {
+    return error;
+  }
+  if (size == 0) {
+    return ECONNRESET;
+  }
+  *datagram = {buffer_, static_cast<size_t>(size)};
+  show(CORVIL_NETLINK_RECEIVED, protocol_, *datagram);
+  return 0;
+}
+
+template <typename Call>
+int Connection::repeat(Call call, short events, Deadline& deadline) {
+  while (call() == -1) {
+    if (errno != EAGAIN && errno != EINTR) {
+      return errno;
+    }
+    const int left = deadline.remaining();
+    if (left == 0) {
+      return ETIMEDOUT;
+    }
+    pollfd poll{socket_.number(), events, 0};
+    if (::poll(&poll, 1, left) == -1 && errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+/// The calling thread's connection, or null without memory. It is no thread_local object, because
+/// the C++ runtime ends the process when it has no memory to register the destructor of one.
+Connection* thread_connection() {
+  static pthread_key_t key;
+  static const bool kCreated =
+      pthread_key_create(&key, [](void* kept) { delete static_cast<Connection*>(kept); }) == 0;
+  if (!kCreated) {
+    return nullptr;
+  }
+  if (void* kept = pthread_getspecific(key)) {
+    return static_cast<Connection*>(kept);
+  }
+  std::unique_ptr<Connection> created(new (std::nothrow) Connection);
+  return pthread_setspecific(key, created.get()) == 0 ? created.release() : nullptr;
+}
+
 struct Request {
   const nlmsghdr* message;
   int protocol;
   corvil_netlink_reply_callback callback;  // null: only the acknowledgement counts
   void* context;
   bool dump;
+  int* kernel_error;  // receives an error of the kernel as a negative errno, unless null
 };
-
-/// The path that the host has set in place of the environment's; null: none.
-constinit const char* chosen_emulator = nullptr;
-
-const char* emulator_setting() {
-  if (chosen_emulator != nullptr) {
-    return chosen_emulator;
-  }
-  const char* value = secure_getenv("CORVIL_NETLINK_EMULATOR");
-  return value != nullptr ? value : "";
-}
-
-/// What a thread keeps from one exchange to the next.
-struct Connection {
-  NetlinkSocket socket;
-  /// Goes on counting when the socket is replaced, so that a late reply never bears the number of a
-  /// later request.
-  uint32_t sequence = 0;
-  bool busy = false;
-};
-
-std::optional<pthread_key_t> create_connection_key() {
-  pthread_key_t key{};
-  const auto destroy = [](void* connection) { delete static_cast<Connection*>(connection); };
-  return pthread_key_create(&key, destroy) == 0 ? std::optional(key) : std::nullopt;
-}
-
-/// The calling thread's connection, or null without memory. It is no thread_local object, because
-/// the C++ runtime ends the process when it has no memory to register the destructor of one.
-Connection* thread_connection() {
-  static const std::optional<pthread_key_t> kKey = create_connection_key();
-  if (!kKey) {
-    return nullptr;
-  }
-  if (void* kept = pthread_getspecific(*kKey)) {
-    return static_cast<Connection*>(kept);
-  }
-  std::unique_ptr<Connection> created(new (std::nothrow) Connection);
-  return pthread_setspecific(*kKey, created.get()) == 0 ? created.release() : nullptr;
-}
-
-/// The header of a request as it is sent.
-nlmsghdr header_of(const Request& request, uint32_t sequence) {
-  nlmsghdr header = *request.message;
-  header.nlmsg_seq = sequence;
-  if (request.dump) {
-    header.nlmsg_flags |= NLM_F_DUMP;
-  }
-  return header;
-}
 
 /// How far the answer has come. A dump that is interrupted can be asked for again.
 enum class Progress { kPending, kDone, kInterrupted, kFailed };
 
-/// Records why no whole answer was received. Returns -1.
-int fail_to_receive(int error, std::chrono::milliseconds timeout) {
-  switch (error) {
-    case ETIMEDOUT:
-      return fail(error, "no answer within %lld ms", static_cast<long long>(timeout.count()));
-    case ENOBUFS:
-      return fail(error, "an answer was lost: the socket's receive buffer overflowed");
-    case EMSGSIZE:
-      return fail(error, "the answer is longer than the receive buffer");
-    case EBADMSG:
-      return fail(error, "the answer is malformed");
-    case ECONNRESET:
-      return fail(error, "the peer closed the connection before its answer");
-    default:
-      return fail(error, "cannot receive the answer: %m");
-  }
-}
-
 class Exchange {
  public:
-  Exchange(const Request& request, Connection& connection, int* kernel_error)
-      : request_(request),
-        connection_(connection),
-        kernel_error_(kernel_error),
-        emulator_(emulator_setting()) {
-    connection_.busy = true;
-  }
-  ~Exchange() { connection_.busy = false; }
-  Exchange(const Exchange&) = delete;
-  Exchange& operator=(const Exchange&) = delete;
+  Exchange(const Request& request, Connection& connection)
+      : request_(request), connection_(connection) {}
+
+  /// Puts the request together in the connection's buffer, and shows it.
+  void compose(uint32_t sequence);
 
   /// Sends the request once and takes its answer; never returns kPending.
   Progress ask();
@@ -134,17 +247,25 @@ class Exchange {
 
   const Request& request_;
   Connection& connection_;
-  int* kernel_error_;
-  const char* emulator_;
+  const char* emulator_ = corvil_netlink_emulator();
   Deadline deadline_;
   uint32_t sequence_ = 0;
-  bool lost_ = false;         // The receive buffer overflowed.
   bool interrupted_ = false;  // The kernel says that the dump is inconsistent.
 };
 
+void Exchange::compose(uint32_t sequence) {
+  nlmsghdr* message = connection_.buffer();
+  memcpy(message, request_.message, request_.message->nlmsg_len);
+  message->nlmsg_seq = sequence;
+  if (request_.dump) {
+    message->nlmsg_flags |= NLM_F_DUMP;
+  }
+  show(CORVIL_NETLINK_SENT, request_.protocol,
+       {reinterpret_cast<const std::byte*>(message), message->nlmsg_len});
+}
+
 Progress Exchange::ask() {
-  sequence_ = ++connection_.sequence;
-  lost_ = false;
+  sequence_ = connection_.next_sequence();
   interrupted_ = false;
   if (send() == -1) {
     return Progress::kFailed;
@@ -154,35 +275,33 @@ Progress Exchange::ask() {
   // no answer never lets it wait, so the clock is looked at here, too.
   do {
     std::span<const std::byte> datagram;
-    const int error = connection_.socket.receive(deadline_, &datagram);
-    if (error != 0 && error != ENOBUFS) {
+    if (const int error = connection_.receive(deadline_, &datagram)) {
       return give_up(error);
     }
-    lost_ |= error == ENOBUFS;
-    const Progress progress = error == 0 ? take(datagram) : Progress::kPending;
+    const Progress progress = take(datagram);
     if (progress != Progress::kPending) {
       return progress;
     }
-  } while (deadline_.remaining().count() > 0);
+  } while (deadline_.remaining() > 0);
   return give_up(ETIMEDOUT);
 }
 
 int Exchange::send() {
-  const nlmsghdr header = header_of(request_, sequence_);
-  const bool kept = connection_.socket.is_open_to(request_.protocol, emulator_);
-  if ((!kept && open() == -1) || show_request(request_.protocol, header, request_.message) == -1) {
+  const bool kept = connection_.is_open_to(request_.protocol, emulator_);
+  if (!kept && open() == -1) {
     return -1;
   }
-  int error = connection_.socket.send(header, request_.message);
+  compose(sequence_);
+  int error = connection_.send();
   if (kept && (error == EPIPE || error == ECONNRESET)) {
     // The peer has closed the kept connection since the last exchange. It may have been restarted.
     if (open() == -1) {
       return -1;
     }
-    error = connection_.socket.send(header, request_.message);
+    error = connection_.send();
   }
   if (error != 0) {
-    connection_.socket.close();
+    connection_.close();
     return fail(error, "cannot send the request: %m");
   }
   return 0;
@@ -192,10 +311,11 @@ int Exchange::open() {
   if (corvil_netlink_timeout() == -1) {
     return -1;
   }
-  const int error = connection_.socket.open(request_.protocol, emulator_);
+  const int error = connection_.open(request_.protocol, emulator_);
   if (error == 0) {
     return 0;
   }
+  connection_.close();
   return emulator_[0] != '\0'
              ? fail(error, "cannot reach the emulator: %m: %s", emulator_)
              : fail(error, "cannot open a socket of netlink protocol %d: %m", request_.protocol);
@@ -239,54 +359,47 @@ Progress Exchange::finish(int result, const nlmsghdr* answer) {
   if (result > 0 || result < -kMaxErrno) {
     return give_up(EBADMSG);
   }
-  if (result != 0) {
-    record_kernel_error(-result, answer);
-    if (kernel_error_ != nullptr) {
-      *kernel_error_ = result;
-    }
-    return Progress::kFailed;
+  if (result == 0) {
+    return request_.dump && interrupted_ ? Progress::kInterrupted : Progress::kDone;
   }
-  if (request_.dump && (lost_ || interrupted_)) {
-    return Progress::kInterrupted;
+  record_kernel_error(-result, answer);
+  if (request_.kernel_error != nullptr) {
+    *request_.kernel_error = result;
   }
-  if (request_.callback != nullptr && lost_) {
-    return give_up(ENOBUFS);
-  }
-  return Progress::kDone;
-}
-
-/// Ends the exchange without a whole answer.
-Progress Exchange::give_up(int error) {
-  if (error == ETIMEDOUT && lost_) {
-    error = ENOBUFS;
-  }
-  // After these two errors the socket can be kept: a late answer is recognised by its number. A
-  // dump is no such case, because the kernel has more of it to send and starts no other meanwhile.
-  if (request_.dump || (error != ETIMEDOUT && error != ENOBUFS)) {
-    connection_.socket.close();
-  }
-  fail_to_receive(error, deadline_.timeout());
   return Progress::kFailed;
 }
 
-/// Sends a request and takes its answer. Returns 0, or -1 with the thread's last error recorded; an
-/// error of the kernel is also stored at `kernel_error`, unless null, as a negative errno.
-int exchange(const Request& request, int* kernel_error) {
+/// Ends the exchange without a whole answer, of which more may come.
+Progress Exchange::give_up(int error) {
+  connection_.close();
+  if (error == ETIMEDOUT) {
+    const int timeout = corvil_netlink_timeout();
+    fail(error, "no answer within %d ms", timeout);
+  } else if (error == EBADMSG) {
+    fail(error, "the answer is malformed");
+  } else {
+    fail(error, "cannot receive the answer: %m");
+  }
+  return Progress::kFailed;
+}
+
+/// Sends a request and takes its answer. Returns 0, or -1 with the thread's last error recorded.
+int exchange(const Request& request) {
   Connection* connection = thread_connection();
   if (connection == nullptr) {
     return fail(ENOMEM, "no memory for a connection");
   }
-  if (connection->busy) {
-    return fail(EBUSY, "an exchange of this thread is in progress");
+  const uint32_t length = request.message->nlmsg_len;
+  if (length < sizeof(nlmsghdr) || length > kBufferSize) {
+    return fail(EMSGSIZE, "a request has at least 16 and at most %zu bytes, not %u", kBufferSize,
+                length);
   }
-  if (request.message->nlmsg_len < sizeof(nlmsghdr)) {
-    return fail(EINVAL, "the request is shorter than its header");
-  }
+  Exchange current(request, *connection);
   if (dry_run_family_id() != 0) {
+    current.compose(0);
     last_error = {};
-    return show_request(request.protocol, header_of(request, 0), request.message);
+    return 0;
   }
-  Exchange current(request, *connection, kernel_error);
   for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
     const Progress progress = current.ask();
     if (progress == Progress::kDone) {
@@ -305,17 +418,45 @@ int exchange(const Request& request, int* kernel_error) {
 
 CORVIL_EXPORT int corvil_netlink_transact(const struct nlmsghdr* request, int protocol,
                                           int* error) {
-  return corvil::netlink::exchange({request, protocol, nullptr, nullptr, false}, error);
+  return corvil::netlink::exchange({request, protocol, nullptr, nullptr, false, error});
 }
 
 CORVIL_EXPORT int corvil_netlink_query(const struct nlmsghdr* request, int protocol,
                                        corvil_netlink_reply_callback callback, void* context,
                                        int dump) {
-  return corvil::netlink::exchange({request, protocol, callback, context, dump != 0}, nullptr);
+  return corvil::netlink::exchange({request, protocol, callback, context, dump != 0, nullptr});
 }
 
 CORVIL_EXPORT void corvil_netlink_set_emulator(const char* path) {
   corvil::netlink::chosen_emulator = path;
 }
 
-CORVIL_EXPORT const char* corvil_netlink_emulator() { return corvil::netlink::emulator_setting(); }
+CORVIL_EXPORT const char* corvil_netlink_emulator() {
+  if (corvil::netlink::chosen_emulator != nullptr) {
+    return corvil::netlink::chosen_emulator;
+  }
+  const char* value = secure_getenv("CORVIL_NETLINK_EMULATOR");
+  return value != nullptr ? value : "";
+}
+
+CORVIL_EXPORT void corvil_netlink_set_timeout(int milliseconds) {
+  corvil::netlink::chosen_timeout_ms = milliseconds;
+}
+
+CORVIL_EXPORT int corvil_netlink_timeout() {
+  if (corvil::netlink::chosen_timeout_ms != 0) {
+    return corvil::netlink::chosen_timeout_ms;
+  }
+  const char* text = secure_getenv("CORVIL_NETLINK_TIMEOUT_MS");
+  if (text == nullptr || text[0] == '\0') {
+    return corvil::netlink::kDefaultTimeoutMs;
+  }
+  int milliseconds = 0;
+  const char* end = text + strlen(text);
+  const auto [rest, error] = std::from_chars(text, end, milliseconds);
+  if (error == std::errc{} && rest == end && milliseconds > 0) {
+    return milliseconds;
+  }
+  return corvil::netlink::fail(
+      EINVAL, "CORVIL_NETLINK_TIMEOUT_MS: '%s' is not a positive number of milliseconds", text);
+}

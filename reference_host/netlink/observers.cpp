@@ -1,5 +1,5 @@
-#include "reference_host/netlink/observers.h"
-
+// Whatever looks at the messages of the exchanges: the trace callback and the capture file of the
+// process. In a dry run they are all that gets to see a request.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_arp.h>
@@ -22,9 +22,7 @@
 #include <new>
 
 #include "reference_host/corvil_export.h"
-#include "reference_host/netlink/corvil_netlink_control.h"
-#include "reference_host/netlink/descriptor.h"
-#include "reference_host/netlink/last_error.h"
+#include "reference_host/netlink/internal.h"
 
 namespace corvil::netlink {
 namespace {
@@ -61,45 +59,42 @@ struct PacketHeader {
 constexpr size_t kLinkLayerSize = 16;
 static_assert(sizeof(FileHeader) == 24 && sizeof(PacketHeader) == 16 + kLinkLayerSize);
 
-/// Empties the capture's file and locks it until the process ends; a character device needs
-/// neither. Returns 0 or a positive errno, EBUSY where another process has the lock.
+/// Empties the capture's file, once it is locked until the process ends. Only a regular file needs
+/// it. Returns 0 or a positive errno, EBUSY where another process has the lock.
 int claim(int fd) {
   struct stat status {};
-  fstat(fd, &status);
-  if (S_ISCHR(status.st_mode)) {
+  if (fstat(fd, &status) == 0 && !S_ISREG(status.st_mode)) {
     return 0;
   }
   if (flock(fd, LOCK_EX | LOCK_NB) == -1) {
     return errno == EWOULDBLOCK ? EBUSY : errno;
   }
-  return S_ISREG(status.st_mode) && ftruncate(fd, 0) == -1 ? errno : 0;
+  return ftruncate(fd, 0) == -1 ? errno : 0;
 }
 
-/// Like writev(), but without the signals that would end the process: SIGPIPE when nobody reads the
-/// pipe, SIGXFSZ at the limit of a file's size.
-ssize_t write_without_signals(int fd, std::span<const iovec> parts) {
-  sigset_t pending;
+/// Writes a header and what belongs to it at once, but without the signals that would end the
+/// process: SIGPIPE when nobody reads the pipe, SIGXFSZ at the limit of a file's size. Returns 0 or
+/// a positive errno, ENOSPC when there was no room for all.
+int write_without_signals(int fd, std::span<const std::byte> header,
+                          std::span<const std::byte> bytes) {
+  // writev() only reads, but an iovec's pointer is not const.
+  const std::array<iovec, 2> parts{{
+      {const_cast<std::byte*>(header.data()), header.size()},
+      {const_cast<std::byte*>(bytes.data()), bytes.size()},
+  }};
   sigset_t raised;
   sigset_t mask;
-  sigpending(&pending);
   sigemptyset(&raised);
-  for (const int signal : {SIGPIPE, SIGXFSZ}) {
-    // A signal that is pending already is not this write's, and must not be taken away below.
-    if (sigismember(&pending, signal) == 0) {
-      sigaddset(&raised, signal);
-    }
-  }
+  sigaddset(&raised, SIGPIPE);
+  sigaddset(&raised, SIGXFSZ);
   pthread_sigmask(SIG_BLOCK, &raised, &mask);
-  ssize_t written = 0;
-  do {
-    written = writev(fd, parts.data(), static_cast<int>(parts.size()));
-  } while (written == -1 && errno == EINTR);
-  const int error = errno;
+  const ssize_t written = TEMP_FAILURE_RETRY(writev(fd, parts.data(), parts.size()));
+  const bool is_whole = static_cast<size_t>(written) == header.size() + bytes.size();
+  const int error = written == -1 ? errno : is_whole ? 0 : ENOSPC;
   const timespec no_time{};
   sigtimedwait(&raised, nullptr, &no_time);
   pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-  errno = error;
-  return written;
+  return error;
 }
 
 /// A pcap file of link type NETLINK. Every packet is written by one system call, so the file can be
@@ -121,9 +116,6 @@ class Capture {
   void write(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> datagram);
 
  private:
-  /// Writes a header and what belongs to it.
-  void write(std::span<const std::byte> header, std::span<const std::byte> bytes);
-
   char path_[PATH_MAX] = "";
   Descriptor file_;
   std::atomic<int> error_{0};
@@ -151,7 +143,7 @@ Capture::Capture(const char* path) {
   }
   if (is_on()) {
     const FileHeader header;
-    write(std::as_bytes(std::span(&header, 1)), {});
+    error_ = write_without_signals(file_.number(), std::as_bytes(std::span(&header, 1)), {});
   } else {
     file_.close();
   }
@@ -172,29 +164,18 @@ void Capture::write(CorvilNetlinkDirection direction, int protocol,
       .unused = {},
       .protocol = htons(static_cast<uint16_t>(protocol)),
   };
-  write(std::as_bytes(std::span(&header, 1)), datagram);
+  const int error = file_.is_open()
+                        ? write_without_signals(file_.number(),
+                                                std::as_bytes(std::span(&header, 1)), datagram)
+                        : EBADF;
+  if (error != 0) {
+    error_ = error;
+  }
 }
 
-void Capture::write(std::span<const std::byte> header, std::span<const std::byte> bytes) {
-  if (!file_.is_open()) {
-    error_ = EBADF;
-    return;
-  }
-  // writev() only reads, but an iovec's pointer is not const.
-  const std::array<iovec, 2> parts{{
-      {const_cast<std::byte*>(header.data()), header.size()},
-      {const_cast<std::byte*>(bytes.data()), bytes.size()},
-  }};
-  const ssize_t written = write_without_signals(file_.number(), parts);
-  if (written == -1) {
-    error_ = errno;
-  } else if (static_cast<size_t>(written) != header.size() + bytes.size()) {
-    // Only a write that fails tells why there was no room for all: one byte more is tried. It
-    // succeeds where the reader of a FIFO has made room meanwhile.
-    const std::array<iovec, 1> more{{{const_cast<std::byte*>(header.data()), 1}}};
-    error_ = write_without_signals(file_.number(), more) == -1 ? errno : EAGAIN;
-  }
-}
+}  // namespace
+
+uint16_t dry_run_family_id() { return dry_run_id; }
 
 void show(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> bytes) {
   if (capture().is_on()) {
@@ -203,28 +184,6 @@ void show(CorvilNetlinkDirection direction, int protocol, std::span<const std::b
   if (trace.callback != nullptr) {
     trace.callback(direction, bytes.data(), bytes.size(), trace.context);
   }
-}
-
-}  // namespace
-
-uint16_t dry_run_family_id() { return dry_run_id; }
-
-int show_request(int protocol, const nlmsghdr& header, const nlmsghdr* message) {
-  if (trace.callback == nullptr && !capture().is_on()) {
-    return 0;
-  }
-  const std::unique_ptr<std::byte[]> copy(new (std::nothrow) std::byte[header.nlmsg_len]);
-  if (copy == nullptr) {
-    return fail(ENOMEM, "no memory to trace the request");
-  }
-  memcpy(copy.get(), message, header.nlmsg_len);
-  memcpy(copy.get(), &header, sizeof(header));
-  show(CORVIL_NETLINK_SENT, protocol, {copy.get(), header.nlmsg_len});
-  return 0;
-}
-
-void show_received(int protocol, std::span<const std::byte> datagram) {
-  show(CORVIL_NETLINK_RECEIVED, protocol, datagram);
 }
 
 }  // namespace corvil::netlink

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <set>
 #include <tuple>
 
@@ -18,23 +17,8 @@ namespace {
 /// ip_proto, trans_proto, port: in the order in which ports are visited.
 using Port = std::tuple<uint8_t, uint8_t, uint16_t>;
 
-struct Tree {
-  std::mutex mutex;  // of the ports
-  std::set<Port> ports;
-};
-
-Tree& tree() {
-  static Tree the_tree;
-  return the_tree;
-}
-
-/// The first port behind `port`, or the very first one without it.
-std::optional<Port> next(const std::optional<Port>& port) {
-  const std::lock_guard lock(tree().mutex);
-  const std::set<Port>& ports = tree().ports;
-  const auto found = port ? ports.upper_bound(*port) : ports.begin();
-  return found != ports.end() ? std::optional(*found) : std::nullopt;
-}
+constinit std::mutex mutex;  // of the tree
+std::set<Port> tree;
 
 }  // namespace
 
@@ -44,9 +28,9 @@ CORVIL_EXPORT int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t 
       (trans_proto != IPPROTO_TCP && trans_proto != IPPROTO_UDP && trans_proto != IPPROTO_ESP)) {
     return -1;
   }
-  const std::lock_guard lock(tree().mutex);
+  const std::lock_guard lock(mutex);
   try {
-    tree().ports.emplace(ip_proto, trans_proto, port);
+    tree.emplace(ip_proto, trans_proto, port);
   } catch (const std::bad_alloc&) {
     return -1;
   }
@@ -54,18 +38,20 @@ CORVIL_EXPORT int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t 
 }
 
 CORVIL_EXPORT size_t corvil_port_tree_count() {
-  const std::lock_guard lock(tree().mutex);
-  return tree().ports.size();
+  const std::lock_guard lock(mutex);
+  return tree.size();
 }
 
 CORVIL_EXPORT void corvil_port_tree_clear() {
-  const std::lock_guard lock(tree().mutex);
-  tree().ports.clear();
+  const std::lock_guard lock(mutex);
+  tree.clear();
 }
 
 CORVIL_EXPORT void corvil_port_tree_visit(corvil_port_visitor visitor, void* context) {
-  for (auto at = next(std::nullopt); at; at = next(at)) {
-    const auto [ip_proto, trans_proto, port] = *at;
+  std::unique_lock lock(mutex);
+  const std::set<Port> ports = tree;  // The visitor may change the tree.
+  lock.unlock();
+  for (const auto& [ip_proto, trans_proto, port] : ports) {
     const CorvilPort visited{port, ip_proto, trans_proto};
     visitor(&visited, context);
   }
