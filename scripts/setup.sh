@@ -34,7 +34,7 @@ packages_for[docs]="${packages_for[package]} ${packages_for[vm]} tshark"
 packages_for[ynl_kernel]="${packages_for[vm]} python3-jsonschema python3-yaml"
 packages_for[android_bp]="blueprint-tools golang-android-soong-dev
   golang-github-google-blueprint-dev golang-go golang-goprotobuf-dev"
-packages_for[bench]="${packages_for[demo]} gnuplot-nox libmnl-dev libnl-genl-3-dev valgrind"
+packages_for[bench]="${packages_for[demo]} libmnl-dev libnl-genl-3-dev"
 
 fail() {
   echo "setup: $1" >&2

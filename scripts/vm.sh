@@ -6,9 +6,8 @@
 #   scripts/vm.sh              gives a shell there; leave it with "exit"
 #   scripts/vm.sh --check      says what is missing for it, if so, and fails
 #
-# KERNEL chooses 6.12 (the default) or 6.1, EXTRA a folder of more files to have there;
-# CLOCK=instructions has the clocks there advance a nanosecond an instruction. Everything is
-# built in and unpacked to build/. Exit status 125: the VM ended before the command did.
+# KERNEL chooses 6.12 (the default) or 6.1, EXTRA a folder of more files to have there. Everything
+# is built in and unpacked to build/. Exit status 125: the VM ended before the command did.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -48,7 +47,6 @@ qemu=(
   -serial "file:$build/console.log" -chardev stdio,id=terminal,signal=off -serial chardev:terminal
   -serial file:/dev/fd/3 -serial "file:$run/status"
 )
-[ "${CLOCK:-}" != instructions ] || qemu+=(-icount "shift=0,sleep=off")
 # In the background, so that the VM ends with this script whatever ends it.
 if [ $# -gt 0 ]; then
   timeout "$seconds" "${qemu[@]}" </dev/null &
