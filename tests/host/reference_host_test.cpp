@@ -10,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -20,6 +19,8 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -44,9 +45,7 @@ constexpr uint16_t kFamily = 32;
 /// The datagrams that answer one request.
 using Answer = std::vector<std::string>;
 
-std::string result(int error, const std::string& extack = "") {
-  return acknowledgement(kAsked, error, NLM_F_CAPPED | NLM_F_ACK_TLVS, extack);
-}
+std::string result(int error) { return acknowledgement(kAsked, error, NLM_F_CAPPED); }
 
 /// The end of a dump.
 std::string done(int error = 0, uint16_t flags = NLM_F_MULTI, const std::string& extack = "") {
@@ -60,10 +59,6 @@ std::string part(char character, uint16_t type = kFamily, uint32_t sequence = kA
 }
 
 const std::string kAck = result(0);
-const std::string kBadMessage = attribute(NLMSGERR_ATTR_MSG, "bad");
-const std::string kInvalid = result(-EINVAL, kBadMessage + attribute(NLMSGERR_ATTR_OFFS, raw(20U)) +
-                                                 attribute(NLMSGERR_ATTR_MISS_TYPE, raw(6U)) +
-                                                 attribute(NLMSGERR_ATTR_MISS_NEST, raw(24U)));
 const std::string kForeign = part('X', kFamily, 0);
 
 /// Gives one answer after the other, and then accepts every request.
@@ -84,21 +79,14 @@ const struct {
   genlmsghdr generic{9, 1, 0};
 } kRequest;
 
-int transact(int* error = nullptr, const nlmsghdr* request = &kRequest.header,
-             int protocol = NETLINK_GENERIC) {
-  return corvil_netlink_transact(request, protocol, error);
+int transact(const nlmsghdr* request = &kRequest.header, int protocol = NETLINK_GENERIC) {
+  return corvil_netlink_transact(request, protocol, nullptr);
 }
 
-/// The last error: its name; for one of the kernel the offset of the bad attribute, the type of a
-/// missing one and the offset of the nest that lacks it; the message.
+/// The last error: its name and its message.
 std::string last_error() {
   const CorvilNetlinkError& last = *corvil_netlink_last_error();
-  const char* name = strerrorname_np(last.error);
-  const std::string where = std::to_string(last.attribute_offset) + "/" +
-                            std::to_string(last.missing_attribute) + "/" +
-                            std::to_string(last.missing_nest_offset) + " ";
-  return (name != nullptr ? name : std::to_string(last.error)) + " " +
-         (last.from_kernel == 1 || where != "0/0/0 " ? where : "") + last.message;
+  return strerrorname_np(last.error) + std::string(" ") + last.message;
 }
 const std::string kNoError = "0 ";
 const std::string kNoAnswer = "ETIMEDOUT no answer within 200 ms";
@@ -120,9 +108,11 @@ const struct QueryCase {
 } kQueries[] = {
     {{{part('a'), part('b'), kAck, part('X')}}, false, "ab"},
     {{{part('a'), part('X', 33) + kForeign + part('b'), kAck + part('c') + done()}}, true, "abc"},
-    {{{kInvalid}}, true, "", "EINVAL 20/6/24 bad"},
-    {{{acknowledgement(kAsked, -EINVAL, 0, kBadMessage)}}, true, "", "EINVAL 0/0/0 "},
-    {{{part('a'), done(-ENOMEM, NLM_F_ACK_TLVS, kBadMessage)}}, true, "a", "ENOMEM 0/0/0 bad"},
+    {{{result(-EINVAL)}}, true, "", "EINVAL "},
+    {{{part('a'), done(-ENOMEM, NLM_F_ACK_TLVS, text(NLMSGERR_ATTR_MSG, "bad"))}},
+     true,
+     "a",
+     "ENOMEM bad"},
     {{{""}}, false, "", "ECONNRESET cannot receive the answer: Connection reset by peer", true},
     // What is left of a dump keeps the kernel from starting another one on the socket.
     {{{part('a')}}, true, "a", kNoAnswer, true},
@@ -157,24 +147,20 @@ TEST(Netlink, QueriesTakeTheirOwnAnswers) {
   }
 }
 
-TEST(Netlink, SilentPeerTimesOutAndItsLateAnswerIsSkipped) {
+TEST(Netlink, WaitsNoLongerThanTheTimeOut) {
   corvil_netlink_set_timeout(200);
-  std::string late;
-  ScriptedKernel kernel([&](const nlmsghdr& request) {
-    late = acknowledgement(request.nlmsg_seq, -EBUSY);
-    return Answer{};
-  });
+  ScriptedKernel kernel(script({{}, {part('a'), part('b'), part('c'), done()}}));
   const clock_t start = clock();
   EXPECT_EQ(-1, transact());
   EXPECT_LT(clock() - start, CLOCKS_PER_SEC / 10) << "of computing, instead of waiting";
   EXPECT_EQ(kNoAnswer, last_error());
-  kernel.answer_with(script({{late, kInvalid}, {result(-EBUSY)}}));
-  int error = 0;
-  EXPECT_EQ(-1, transact(&error));
-  EXPECT_EQ(-EINVAL, error);
-  EXPECT_EQ("EINVAL 20/6/24 bad", last_error());
-  EXPECT_EQ(-1, transact());
-  EXPECT_EQ("EBUSY 0/0/0 ", last_error()) << "with what was said of another error";
+  int parts = 0;
+  const auto take_slowly = [](const nlmsghdr*, void* count) {
+    usleep(150'000);
+    return ++*static_cast<int*>(count);
+  };
+  EXPECT_EQ(0, corvil_netlink_query(&kRequest.header, NETLINK_GENERIC, take_slowly, &parts, 1));
+  EXPECT_EQ(3, parts) << "The time of callbacks does not count.";
 
   corvil_netlink_set_timeout(20);
   corvil_netlink_set_trace(nullptr, nullptr);  // No connection is accepted any more.
@@ -184,36 +170,19 @@ TEST(Netlink, SilentPeerTimesOutAndItsLateAnswerIsSkipped) {
   EXPECT_TRUE(last_error().starts_with("ETIMEDOUT cannot reach the emulator: ")) << last_error();
 }
 
-TEST(Netlink, TimeOfCallbacksDoesNotCountAndForeignMessagesAddNone) {
-  corvil_netlink_set_timeout(200);
-  ScriptedKernel kernel(script({{part('a'), part('b'), part('c'), done()}, {part('a'), kForeign}}));
-  int parts = 0;
-  const auto take_slowly = [](const nlmsghdr*, void* count) {
-    usleep(150'000);
-    return ++*static_cast<int*>(count);
-  };
-  EXPECT_EQ(0, corvil_netlink_query(&kRequest.header, NETLINK_GENERIC, take_slowly, &parts, 1));
-  EXPECT_EQ(3, parts);
-  kernel.babble(kForeign);
-  EXPECT_EQ(-1, corvil_netlink_query(&kRequest.header, NETLINK_GENERIC, take_slowly, &parts, 1));
-  EXPECT_EQ(kNoAnswer, last_error());
-}
-
 TEST(Netlink, FamilyQueryWantsIdAndVersion) {
-  const auto look_up = [](const std::string& attributes) {
+  const std::string id = attribute(CTRL_ATTR_FAMILY_ID, raw(uint16_t{42}));
+  const std::string version = attribute(CTRL_ATTR_VERSION, raw(1U));
+  for (const auto& [attributes, outcome] :
+       {std::pair<std::string, std::string>{id + version, "42 0 "},
+        {id + attribute(CTRL_ATTR_VERSION, raw(2U)),
+         "7 EPROTONOSUPPORT netlink family FIFTEEN_LETTERS has version 2, not 1"},
+        {attribute(CTRL_ATTR_FAMILY_ID, "x") + version,
+         "7 EBADMSG the controller's answer lacks the id of family FIFTEEN_LETTERS"}}) {
     ScriptedKernel kernel(script({{message(GENL_ID_CTRL, 0, kAsked, generic(1, attributes))}}));
     uint16_t family = 7;
     corvil_netlink_query_genl("FIFTEEN_LETTERS", 1, &family);
-    return std::to_string(family) + " " + last_error();
-  };
-  const std::string id = attribute(CTRL_ATTR_FAMILY_ID, raw(uint16_t{42}));
-  const std::string version = attribute(CTRL_ATTR_VERSION, raw(1U));
-  EXPECT_EQ("42 0 ", look_up(id + version));
-  EXPECT_EQ("7 EPROTONOSUPPORT netlink family FIFTEEN_LETTERS has version 2, not 1",
-            look_up(id + attribute(CTRL_ATTR_VERSION, raw(2U))));
-  for (const std::string& lacking : {version, attribute(CTRL_ATTR_FAMILY_ID, "x") + version}) {
-    EXPECT_EQ("7 EBADMSG the controller's answer lacks the id of family FIFTEEN_LETTERS",
-              look_up(lacking));
+    EXPECT_EQ(outcome, std::to_string(family) + " " + last_error());
   }
   EXPECT_EQ(-1, corvil_netlink_query_genl("SIXTEEN_LETTERS_", 1, nullptr));
   EXPECT_EQ("EINVAL no family name is as long as SIXTEEN_LETTERS_", last_error());
@@ -221,12 +190,10 @@ TEST(Netlink, FamilyQueryWantsIdAndVersion) {
 
 TEST(Netlink, RequestsAndSettingsMustMakeSense) {
   ScriptedKernel kernel(script());
-  for (const uint32_t length : {15, 131073}) {
+  for (const uint32_t length : {15U, 131073U}) {
     const nlmsghdr request{length, kFamily, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
-    EXPECT_EQ(-1, transact(nullptr, &request));
-    EXPECT_EQ("EMSGSIZE a request has at least 16 and at most 131072 bytes, not " +
-                  std::to_string(length),
-              last_error());
+    EXPECT_EQ(-1, transact(&request));
+    EXPECT_TRUE(last_error().starts_with("EMSGSIZE a request has ")) << last_error();
   }
   EXPECT_EQ(0, transact());
   EXPECT_EQ(-1, corvil_netlink_open_capture("/dev/null")) << "behind an exchange";
@@ -243,14 +210,17 @@ TEST(Netlink, RequestsAndSettingsMustMakeSense) {
   }
   setenv("CORVIL_NETLINK_TIMEOUT_MS", "", 1);
   EXPECT_EQ(3000, corvil_netlink_timeout());
-  corvil_netlink_set_dry_run(99);
-  EXPECT_EQ(0, transact());
-  EXPECT_EQ(kNoError, last_error());
-  corvil_netlink_set_dry_run(0);
   const std::string long_path(108, 'x');
   corvil_netlink_set_emulator(long_path.c_str());
   EXPECT_EQ(-1, transact());
   EXPECT_TRUE(last_error().starts_with("ENAMETOOLONG ")) << last_error();
+}
+
+/// The number that the next descriptor will get.
+int lowest_free() {
+  const int number = dup(0);
+  close(number);
+  return number;
 }
 
 /// Closes one of the library's descriptors, as a daemon does that closes all, and gives its number
@@ -275,9 +245,8 @@ TEST(Netlink, ThreadsAndForksHaveConnectionsOfTheirOwnThatTheHostMayClose) {
   EXPECT_EQ(0, transact());
   EXPECT_EXIT(_exit(transact() + kernel.connections()), testing::ExitedWithCode(2), "");
   for (const bool exchanges_again : {true, false}) {
-    int number = dup(0);  // The lowest free number, which the connection will get.
+    const int number = lowest_free();
     int end = -1;
-    close(number);
     std::thread([&] {
       EXPECT_EQ(0, transact());
       end = reuse(number);
@@ -311,13 +280,7 @@ const struct CaptureCase {
      }},
     {"EBUSY",
      [](const char* path) { flock(open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600), LOCK_EX); }},
-    {"EBADF", [](const char* /*path*/) {},
-     [] {
-       do {
-         ++file;
-       } while (fcntl(file, F_GETFL) == -1 || (fcntl(file, F_GETFL) & O_APPEND) == 0);
-       other_end = reuse(file);
-     }},
+    {"EBADF", [](const char* /*path*/) { file = lowest_free(); }, [] { other_end = reuse(file); }},
 };
 
 [[noreturn]] void fail_to_capture(const CaptureCase& capture) {
@@ -325,8 +288,8 @@ const struct CaptureCase {
   static_cast<void>(std::signal(SIGPIPE, SIG_DFL));
   static_cast<void>(std::signal(SIGXFSZ, SIG_DFL));
   const std::string path = testing::TempDir() + std::to_string(getpid()) + "capture";
-  setenv("CORVIL_NETLINK_PCAP", path.c_str(), 1);
   capture.prepare(path.c_str());
+  corvil_netlink_open_capture(path.c_str());
   ScriptedKernel kernel(script());
   int result = transact();
   capture.spoil();
@@ -346,17 +309,12 @@ TEST(CaptureDeathTest, FailureIsReportedAndTouchesNothingElse) {
   }
 }
 
-/// Answers the requests of the library's socket before the kernel does, once it has seen an answer,
-/// which bears that socket's address. It takes CAP_NET_ADMIN.
-void forge(CorvilNetlinkDirection direction, const void* bytes, size_t /*length*/, void* socket) {
-  const nlmsghdr header = *static_cast<const nlmsghdr*>(bytes);
-  const int forger = *static_cast<int*>(socket);
-  if (direction == CORVIL_NETLINK_SENT) {
-    const std::string forged = acknowledgement(header.nlmsg_seq, -EXDEV, NLM_F_CAPPED);
-    send(forger, forged.data(), forged.size(), 0);
-  } else {
-    const sockaddr_nl victim{AF_NETLINK, 0, header.nlmsg_pid, 0};
-    static_cast<void>(connect(forger, reinterpret_cast<const sockaddr*>(&victim), sizeof(victim)));
+/// Sends what the kernel has answered to the library's socket once more.
+void forge(CorvilNetlinkDirection direction, const void* bytes, size_t length, void* socket) {
+  const sockaddr_nl victim{AF_NETLINK, 0, static_cast<const nlmsghdr*>(bytes)->nlmsg_pid, 0};
+  if (direction == CORVIL_NETLINK_RECEIVED) {
+    EXPECT_EQ(-1, sendto(*static_cast<int*>(socket), bytes, length, 0,
+                         reinterpret_cast<const sockaddr*>(&victim), sizeof(victim)));
   }
 }
 
@@ -367,10 +325,8 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   }
   corvil_netlink_set_trace(forge, &forger);
   uint16_t family = 0;
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(-1, corvil_netlink_query_genl("NO_SUCH_FAMILY", 1, &family));
-    EXPECT_EQ("ENOENT 0/0/0 netlink family NO_SUCH_FAMILY is not available", last_error());
-  }
+  EXPECT_EQ(-1, corvil_netlink_query_genl("NO_SUCH_FAMILY", 1, &family));
+  EXPECT_EQ("ENOENT netlink family NO_SUCH_FAMILY is not available", last_error());
   corvil_netlink_set_trace(nullptr, nullptr);
   close(forger);
   EXPECT_EQ(0, corvil_netlink_query_genl("nlctrl", 2, &family));
@@ -378,33 +334,31 @@ TEST(Netlink, RealKernelIsBelievedAndNobodyElse) {
   const std::string bad = message(
       GENL_ID_CTRL, NLM_F_REQUEST | NLM_F_ACK, 0,
       generic(CTRL_CMD_GETFAMILY, attribute(CTRL_ATTR_FAMILY_NAME, "a name without its NUL")));
-  EXPECT_EQ(-1, transact(nullptr, reinterpret_cast<const nlmsghdr*>(bad.data())));
-  EXPECT_EQ("EINVAL 20/0/0 Attribute failed policy validation", last_error());
-  EXPECT_EQ(-1, transact(nullptr, &kRequest.header, 99));
+  EXPECT_EQ(-1, transact(reinterpret_cast<const nlmsghdr*>(bad.data())));
+  EXPECT_EQ("EINVAL Attribute failed policy validation", last_error());
+  EXPECT_EQ(20U, corvil_netlink_last_error()->attribute_offset);
+  EXPECT_EQ(-1, transact(&kRequest.header, 99));
   EXPECT_EQ("EPROTONOSUPPORT cannot open a socket of netlink protocol 99: Protocol not supported",
             last_error());
 }
 
 TEST(Attributes, StayInsideTheirLimits) {
-  const std::string payload(65532, 'x');
-  std::vector<char> buffer(66000, '\xff');
+  std::vector<char> buffer(64, '\xff');
   auto* message = new (buffer.data()) nlmsghdr{17, 0, 0, 0, 0};
   EXPECT_EQ(0, corvil_nla_put(message, 0x8001, 1, "a"));
   EXPECT_EQ(0, corvil_nla_put(message, 2, 0, nullptr));
-  EXPECT_EQ(-1, corvil_nla_put(message, 3, 65532, payload.data()));
+  EXPECT_EQ(-1, corvil_nla_put(message, 3, 65532, buffer.data()));
   EXPECT_EQ(32U, message->nlmsg_len);
   EXPECT_EQ(std::string("\xff\0\0\0", 4) + attribute(0x8001, "a") + attribute(2, "") + '\xff',
             std::string(&buffer[16], 17));
-  EXPECT_EQ(0, corvil_nla_put(message, 3, 65531, payload.data()));
 
   const auto* first = reinterpret_cast<const nlattr*>(&buffer[20]);
   std::array<const nlattr*, 3> table{first, nullptr, nullptr};
   EXPECT_EQ(0, corvil_nla_parse(first, table.data(), 12, 2));
   EXPECT_EQ(table, (std::array<const nlattr*, 3>{nullptr, first, first + 2}));
-  EXPECT_EQ(0, corvil_nla_parse(first, table.data(), 12 + 65535, 2))
-      << "with a type of no interest";
-  EXPECT_EQ(-1, corvil_nla_parse(first, table.data(), 11, 2)) << "bytes too few for a header";
-  EXPECT_EQ(-1, corvil_nla_parse(first, table.data(), 12 + 65534, 2)) << "an attribute that is cut";
+  EXPECT_EQ(0, corvil_nla_parse(first, table.data(), 5, 0)) << "without padding";
+  EXPECT_EQ(-1, corvil_nla_parse(first, table.data(), 11, 0)) << "bytes too few for a header";
+  EXPECT_EQ(-1, corvil_nla_parse(first, table.data(), 4, 0)) << "an attribute that is cut";
 }
 
 /// Logs what the environment asks for, and ends the process.
@@ -435,20 +389,17 @@ TEST(LogDeathTest, EnvironmentSwitchesItOn) {
     EXPECT_EXIT(log_and_exit(), testing::ExitedWithCode(0), printed);
   }
   std::ifstream log(path);
-  std::string line;
-  std::getline(log, line);
-  EXPECT_EQ("was there", line);
-  for (const char* text :
-       {"subsystem 65 LOW a.cpp:1: trace", "subsystem 65 ERR a.cpp:2: 100% -1"}) {
-    std::getline(log, line);
-    EXPECT_EQ(text, line.substr(std::min(line.size(), strlen("2026-11-23 17:02:11.123 "))));
-  }
+  const std::string lines(std::istreambuf_iterator<char>(log), {});
+  const std::string time = "....-..-.. ..:..:..[.]... subsystem 65 ";
+  EXPECT_TRUE(std::regex_match(lines, std::regex("was there\n" + time + "LOW a.cpp:1: trace\n" +
+                                                 time + "ERR a.cpp:2: 100% -1\n")))
+      << lines;
   unlink(path.c_str());
 }
 
 TEST(PortTree, HoldsKnownPortsOnceAndInOrder) {
-  const CorvilPort ports[] = {{443, 6, 6}, {53, 4, 17}, {65535, 4, 6}, {80, 4, 6}, {80, 4, 6}};
-  for (const auto& [port, ip_proto, trans_proto] : ports) {
+  for (const auto& [port, ip_proto, trans_proto] :
+       {CorvilPort{443, 6, 6}, {53, 4, 17}, {65535, 4, 6}, {80, 4, 6}, {80, 4, 6}}) {
     EXPECT_EQ(0, corvil_port_utils_add_port_from_kernel(port, ip_proto, trans_proto));
   }
   EXPECT_EQ(-1, corvil_port_utils_add_port_from_kernel(80, 5, 6));

@@ -44,20 +44,14 @@ class ScriptedKernel {
 
   void answer_with(Script script) { script_ = std::move(script); }
 
-  /// Sends a datagram after each one that the library has received from now on.
-  void babble(const std::string& datagram) { babble_ = datagram; }
-
   /// How many have been made to it.
   [[nodiscard]] int connections() const { return connections_; }
 
  private:
   static void trace(CorvilNetlinkDirection direction, const void* bytes, size_t /*length*/,
                     void* context) {
-    auto* kernel = static_cast<ScriptedKernel*>(context);
     if (direction == CORVIL_NETLINK_SENT) {
-      kernel->answer(*static_cast<const nlmsghdr*>(bytes));
-    } else if (!kernel->babble_.empty()) {
-      kernel->send(kernel->babble_);
+      static_cast<ScriptedKernel*>(context)->answer(*static_cast<const nlmsghdr*>(bytes));
     }
   }
 
@@ -68,12 +62,11 @@ class ScriptedKernel {
       ++connections_;
     }
     for (const std::string& datagram : script_(request)) {
-      datagram.empty() ? static_cast<void>(shutdown(peer_, SHUT_WR)) : send(datagram);
+      if (datagram.empty()) {
+        shutdown(peer_, SHUT_WR);
+      }
+      send(peer_, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
-  }
-
-  void send(const std::string& datagram) const {
-    ::send(peer_, datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   }
 
   const int listener_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -84,5 +77,4 @@ class ScriptedKernel {
   const std::string name_ =
       "@scripted_kernel." + std::to_string(getpid()) + "." + std::to_string(++count_);
   Script script_;
-  std::string babble_;
 };
