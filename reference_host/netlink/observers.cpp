@@ -18,8 +18,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <memory>
-#include <new>
 
 #include "reference_host/corvil_export.h"
 #include "reference_host/netlink/internal.h"
