@@ -5,18 +5,20 @@
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <functional>
-#include <set>
-#include <sstream>
+#include <limits>
+#include <regex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
+#include "datapath_proxy/src/datapath_log.h"
 #include "tests/support/calls.h"
 #include "tests/support/fake_host.h"
 
@@ -26,22 +28,12 @@ using fake_host::host;
 using fake_host::replace;
 using Function = std::function<int()>;
 
-/// Every log statement that has been reached so far, with its format.
-std::set<std::pair<const LogSiteDescriptor*, std::string>> statements;
-
 /// A transcript as the host writes it: without empty lines, with the prefix of the library's names
 /// for "@", and without log messages where no sink takes them.
 std::string expand(const std::string& transcript, bool with_log) {
-  std::string expanded;
-  std::istringstream lines(replace(transcript, "@", "corvil_datapath_proxy_"));
-  for (std::string line; std::getline(lines, line);) {
-    const std::string word = line.substr(0, line.find(' '));
-    const bool is_log = word == "LOW" || word == "MED" || word == "HIGH" || word == "ERR";
-    if (!line.empty() && (with_log || !is_log)) {
-      expanded += line + '\n';
-    }
-  }
-  return expanded;
+  const std::regex end(with_log ? "\n+" : "\n+((LOW|MED|HIGH|ERR) [^\n]*\n+)*");
+  const std::string lines = "\n" + replace(transcript, "@", "corvil_datapath_proxy_");
+  return std::regex_replace(lines, end, "\n").substr(1);
 }
 
 /// Expects a result and a transcript of a call from a host that has been prepared: with log
@@ -56,7 +48,6 @@ void expect(const Function& call, int result, const std::string& transcript,
     }
     EXPECT_EQ(call(), result);
     EXPECT_EQ(host().transcript, expand(transcript, with_log));
-    statements.merge(host().statements);
   }
 }
 
@@ -267,7 +258,7 @@ TEST(LibraryTest, RefusesNullArguments) {
     // The IPsec calls allocate before they look.
     const std::string allocated = "calloc 40\nLOW @" + name + "(): Allocated 40 bytes for msg\n";
     expect([=] { return call(arguments...); }, -1,
-           name.ends_with("ipsec_info") ? allocated + refusal + "free" : refusal);
+           name.ends_with("ipsec_info") ? allocated + refusal + "free\n" : refusal);
   };
   const PortDescriptor* none = nullptr;
   expect_refusal("update_config_info", kUpdate, none, 2U, kPorts, 0U);
@@ -448,21 +439,108 @@ TEST(LibraryTest, HandsTheTuplesOfAReplyToThePortTree) {
   }
 }
 
-/// After all tests: what they have seen of the log.
-class StatementsTest : public ::testing::Environment {
-  void TearDown() override {
-    const auto* run = ::testing::UnitTest::GetInstance();
-    if (run->test_to_run_count() != run->total_test_count()) {
-      return;
-    }
-    std::set<uint16_t> lines;
-    for (const auto& [site, format] : statements) {
-      EXPECT_TRUE(lines.insert(site->line).second) << "line " << site->line << " has several";
-    }
-    EXPECT_EQ(lines.size(), 58U) << "statements reached; a new one needs a test above";
+// The log statement alone: which sinks it reaches, with what
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    fake_host::reset();
+    zu_log_mask = 0;
   }
+  void TearDown() override { fake_host::reset(); }
 };
-const auto* const kStatementsTest =
-    ::testing::AddGlobalTestEnvironment(new StatementsTest);  // GoogleTest's from here on.
+
+TEST_F(LogTest, SwitchedOffItReadsTheSettingsAndNothingElse) {
+  int evaluated = 0;
+  for (const auto& [mask, to_file, stream] :
+       {std::tuple{0U, 0, stderr}, {4U, 1, nullptr}, {0xfffffffcU, 0, nullptr}}) {
+    zu_log_mask = mask;
+    log_to_file = static_cast<uint8_t>(to_file);
+    logging_fd = stream;
+    DATAPATH_LOG(ERR, "%s(): %d", ++evaluated);
+  }
+  logging_fd = nullptr;
+  EXPECT_EQ(evaluated, 0);
+  EXPECT_EQ(host().transcript, "");
+}
+
+void log_each_level() {
+  const auto log = [](uint16_t line, uint32_t level, const char* format, auto argument) {
+    const LogSiteDescriptor site = {line, datapath::kDiagnosticSubsystem, level, "%s",
+                                    datapath::kSourcePath};
+    datapath::write_log(site, "name", format, argument);
+  };
+  log(7, LOG_LEVEL_MASK_LOW, "%s(): low %d", 1);
+  log(70, LOG_LEVEL_MASK_MED, "%s(): med %s\n", "two");
+  log(700, LOG_LEVEL_MASK_HIGH, "%s(): high %u\n", 3U);
+  log(7000, LOG_LEVEL_MASK_ERR, "%s(): err 0x%x", 255U);
+}
+
+TEST_F(LogTest, ReachesTheSinksThatAreOn) {
+  host().clock = {36942, 7999};  // 10:15:42.007999
+  fake_host::open_log_file();
+  log_each_level();
+  const std::string place =
+      "               10:15:42.7                               "
+      "datapath_proxy/src/corvil_datapath_proxy                                     name():";
+  EXPECT_EQ(fake_host::log_file(), place + "  7 (LOW):name(): low 1\n" +          //
+                                       place + " 70 (MED):name(): med two\n\n" +  //
+                                       place + "700 (HIGH):name(): high 3\n\n" +  //
+                                       place + "7000 (ERR):name(): err 0xff\n");
+  EXPECT_EQ(host().transcript, "");
+  log_to_file = 0;
+  zu_log_mask = 3;
+  log_each_level();
+  EXPECT_EQ(host().transcript, R"(LOW name(): low 1
+android 3 VX-CORVIL-LIB name(): low 1
+MED name(): med two\n
+android 4 VX-CORVIL-LIB name(): med two\n
+HIGH name(): high 3\n
+android 4 VX-CORVIL-LIB name(): high 3\n
+ERR name(): err 0xff
+android 6 VX-CORVIL-LIB name(): err 0xff
+)");
+}
+
+TEST_F(LogTest, StampsPlaceAndTimeWithoutLeadingZeros) {
+  const std::vector<std::pair<timeval, std::string>> cases = {
+      {{36942, 999}, " 10:15:42.0 "},
+      {{86399, 999999}, " 23:59:59.999 "},
+      {{std::numeric_limits<time_t>::max(), 42000}, ".42 "}};  // in a year that no int holds
+  fake_host::open_log_file();
+  for (const auto& [clock, stamp] : cases) {
+    host().clock = clock;
+    const std::string before = fake_host::log_file();
+    DATAPATH_LOG(LOW, "%s()");
+    const std::string place = "TestBody():" + std::to_string(__LINE__ - 1) + " (LOW):TestBody()\n";
+    const std::string line = fake_host::log_file().substr(before.size());
+    EXPECT_NE(line.find(stamp), std::string::npos) << line;
+    EXPECT_TRUE(line.ends_with(place)) << line;
+  }
+}
+
+TEST_F(LogTest, ReadsTheMaskAgainAfterTheDiagnosticSink) {
+  for (const auto& [before, after, transcript] :
+       {std::tuple{1U, 2U, "LOW f()\nandroid 3 VX-CORVIL-LIB f()\n"},
+        {3U, 1U, "LOW f()\n"},
+        {2U, 1U, "android 3 VX-CORVIL-LIB f()\n"}}) {
+    host().transcript.clear();
+    host().next_log_mask = after;
+    zu_log_mask = before;
+    DATAPATH_LOG_AS(LOW, "f", "%s()");
+    EXPECT_EQ(host().transcript, transcript);
+  }
+}
+
+TEST_F(LogTest, CutsALongMessageForTheDiagnosticSinkOnly) {
+  fake_host::open_log_file();
+  zu_log_mask = 3;
+  const std::string text(600, 'x');
+  DATAPATH_LOG_AS(LOW, "f", "%s:%s", text.c_str());
+  EXPECT_TRUE(fake_host::log_file().ends_with("f:" + text + "\n"));
+  EXPECT_EQ(host().transcript,
+            "LOW f:" + text.substr(0, 509) + "\nandroid 3 VX-CORVIL-LIB f:" + text + "\n");
+}
 
 }  // namespace

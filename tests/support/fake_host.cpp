@@ -18,23 +18,11 @@
 namespace fake_host {
 namespace {
 
+// What the library has flushed to the log file.
+char* file_text = nullptr;
+size_t file_size = 0;
+
 void record(const std::string& line) { host().transcript += replace(line, "\n", "\\n") + '\n'; }
-
-[[gnu::format(printf, 1, 0)]] std::string formatted(const char* format, va_list arguments) {
-  char text[2048];
-  vsnprintf(text, sizeof(text), format, arguments);
-  return text;
-}
-
-/// Whether this is the log file's stream at the moment; then it takes the line and changes.
-bool write_to_log_file(const FILE* stream, const std::string& line) {
-  if (stream == nullptr || stream != logging_fd) {
-    return false;
-  }
-  record(line);
-  open_log_file();
-  return true;
-}
 
 template <typename Value>
 Value next(std::deque<Value>& values) {
@@ -80,23 +68,28 @@ std::string replace(std::string text, const std::string& what, const std::string
 
 void reset() {
   host() = Host{};
+  if (file_text != nullptr) {
+    fclose(logging_fd);
+    free(file_text);
+    file_text = nullptr;
+  }
   log_to_file = 0;
   logging_fd = nullptr;
   zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
 }
 
 void open_log_file() {
-  static const std::array<FILE*, 2> kStreams = {fopen("/dev/null", "w"), fopen("/dev/null", "w")};
   log_to_file = 1;
-  logging_fd = kStreams[logging_fd == kStreams[0] ? 1 : 0];
+  logging_fd = open_memstream(&file_text, &file_size);
+  fflush(logging_fd);
 }
+
+std::string log_file() { return {file_text, file_size}; }
 
 }  // namespace fake_host
 
-using fake_host::formatted;
 using fake_host::host;
 using fake_host::record;
-using fake_host::write_to_log_file;
 
 extern "C" {
 
@@ -107,17 +100,14 @@ uint32_t zu_log_mask = 0;
 int corvil_netlink_query_genl(const char* family_name, uint32_t version, uint16_t* family_id) {
   EXPECT_EQ(*family_id, 0);
   record("resolve " + std::string(family_name) + " " + std::to_string(version));
-  if (++host().resolutions == host().failing_resolution) {
+  if (--host().failing_resolution == 0) {
     return -1;
   }
   *family_id = 0x2a;
   return 0;
 }
 
-// A fuzz target has the reference host's attribute operations in the place of these two.
-
-[[gnu::weak]] int corvil_nla_put(nlmsghdr* message, uint16_t type, uint32_t length,
-                                 const void* payload) {
+int corvil_nla_put(nlmsghdr* message, uint16_t type, uint32_t length, const void* payload) {
   const uint32_t start = NLA_ALIGN(message->nlmsg_len);
   const uint32_t end = start + NLA_HDRLEN + NLA_ALIGN(length);
   if (end > host().live[message]) {
@@ -159,8 +149,8 @@ int corvil_netlink_query(const nlmsghdr* request, int protocol,
   return fake_host::next(host().answers).result;
 }
 
-[[gnu::weak]] int corvil_nla_parse(const nlattr* first, const nlattr** table, uint32_t length,
-                                   uint16_t max_type) {
+int corvil_nla_parse(const nlattr* first, const nlattr** table, uint32_t length,
+                     uint16_t max_type) {
   EXPECT_NE(first, nullptr);
   std::fill_n(table, max_type + 1, nullptr);
   const auto* start = reinterpret_cast<const uint8_t*>(first);
@@ -186,7 +176,6 @@ int corvil_port_utils_add_port_from_kernel(uint16_t port, uint8_t ip_proto, uint
 
 int zu_format_log_msg(char* buffer, size_t size, const char* format, ...) {
   EXPECT_EQ(size, 512U);
-  host().last_format = format;
   va_list arguments;
   va_start(arguments, format);
   const int length = vsnprintf(buffer, size, format, arguments);
@@ -202,15 +191,16 @@ void msg_sprintf(const LogSiteDescriptor* descriptor, ...) {
   va_start(arguments, descriptor);
   record(fake_host::level_name(descriptor->level_mask) + va_arg(arguments, const char*));
   va_end(arguments);
-  host().statements.emplace(descriptor, host().last_format);
   zu_log_mask = host().next_log_mask.value_or(zu_log_mask);
 }
 
 int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+  char text[1024];
   va_list arguments;
   va_start(arguments, fmt);
-  record("android " + std::to_string(prio) + " " + tag + " " + formatted(fmt, arguments));
+  vsnprintf(text, sizeof(text), fmt, arguments);
   va_end(arguments);
+  record("android " + std::to_string(prio) + " " + tag + " " + text);
   return 1;
 }
 
@@ -219,12 +209,11 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
 
 void* __real_calloc(size_t count, size_t size);
 void __real_free(void* memory);
-int __real_fflush(FILE* stream);
 
 void* __wrap_calloc(size_t count, size_t size) {
   EXPECT_EQ(count, 1U);
   record("calloc " + std::to_string(size));
-  if (++host().allocations == host().failing_allocation) {
+  if (--host().failing_allocation == 0) {
     return nullptr;
   }
   void* memory = __real_calloc(count, size);
@@ -243,24 +232,6 @@ int __wrap_gettimeofday(timeval* now, void* zone) {
   EXPECT_EQ(zone, nullptr);
   *now = host().clock;
   return 0;
-}
-
-[[gnu::format(printf, 2, 3)]] int __wrap_fprintf(FILE* stream, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  const std::string text = formatted(format, arguments);
-  va_end(arguments);
-  return write_to_log_file(stream, "fprintf " + text) ? 0 : fputs(text.c_str(), stream);
-}
-
-int __wrap_fputc(int character, FILE* stream) {
-  return write_to_log_file(stream, std::string("fputc ") + static_cast<char>(character))
-             ? 0
-             : putc(character, stream);
-}
-
-int __wrap_fflush(FILE* stream) {
-  return write_to_log_file(stream, "fflush") ? 0 : __real_fflush(stream);
 }
 
 // NOLINTEND(bugprone-reserved-identifier)

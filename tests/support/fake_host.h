@@ -8,9 +8,7 @@
 #include <deque>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "host_interfaces/corvil_log_services.h"
@@ -26,8 +24,7 @@ struct Host {
   /// What was done to the host, a line each: "calloc 20", "free", "resolve TAVIK_WLAN 1", "send
   /// 14000000 2a00...", with " error slot" where one was passed, "query 14000000...", "reply 1"
   /// with the callback's result, "port 443 4 6"; of the log "ERR name(): text" from the diagnostic
-  /// sink, "android 6 tag name(): text", and from the file sink "fprintf text", "fputc c" and
-  /// "fflush". A newline inside a line is written as \n.
+  /// sink and "android 6 tag name(): text". A newline inside a line is written as \n.
   std::string transcript;
 
   /// Answers of the transact and dump operations, first to last; success when there are none left.
@@ -36,19 +33,14 @@ struct Host {
   std::vector<std::vector<uint8_t>> replies;
   /// Results of the port tree, first to last; success when there are none left.
   std::deque<int> port_results;
-  /// Which allocation and which resolution of the family fails, counted from 1; 0: none.
+  /// Which allocation and which resolution of the family from here on fails; 0: none.
   int failing_allocation = 0;
   int failing_resolution = 0;
   timeval clock = {};
   /// What zu_log_mask becomes while the diagnostic sink is at work.
   std::optional<uint32_t> next_log_mask;
 
-  /// The log statements that reached the diagnostic sink, with their formats.
-  std::set<std::pair<const LogSiteDescriptor*, std::string>> statements;
-  std::string last_format;
   std::map<const void*, size_t> live;  // allocations of the library and their sizes
-  int allocations = 0;
-  int resolutions = 0;
 };
 
 /// The one host of the process.
@@ -57,9 +49,11 @@ Host& host();
 /// Makes it a fresh host whose only sink is the diagnostic service.
 void reset();
 
-/// Opens the log file. Each write to it opens another one, since the library is to read logging_fd
-/// anew each time; what goes to an earlier one is not in the transcript.
+/// Switches the file sink on, with a new log file.
 void open_log_file();
+
+/// What has been flushed to the log file.
+std::string log_file();
 
 /// The text with `by` wherever it has had `what`.
 std::string replace(std::string text, const std::string& what, const std::string& by);
