@@ -22,34 +22,14 @@ local COMMANDS = {
   [14] = "GET_TUPLES",
 }
 
-local ATTRIBUTES = {
-  [1] = "TUPLES",
-  [2] = "DEV",
-  [3] = "FWD_FROM",
-  [4] = "FWD_TO",
-  [5] = "ENCAP_PORT",
-  [6] = "SELECTOR",
-  [7] = "LL_SRC_ADDR",
-  [8] = "LL_DST_ADDR",
-  [9] = "LL_SRC_PORT",
-  [10] = "LL_DST_PORT",
-}
-
--- Of the container TUPLES, and of an element in it.
-local TUPLES_ATTRIBUTES = { [1] = "TUPLE_ELEMENT" }
-local ELEMENT_ATTRIBUTES = { [1] = "TUPLE_ATTR" }
-
 local IP_PROTOS = { [4] = "IPV4", [6] = "IPV6" }
 local TRANS_PROTOS = { [6] = "TCP", [17] = "UDP", [50] = "ESP" }
 
--- What an answer says besides its error number (extended acknowledgement).
-local EXTACK = { [1] = "MSG", [2] = "OFFS", [3] = "COOKIE", [4] = "POLICY", [5] = "MISS_TYPE",
-  [6] = "MISS_NEST" }
-local ERRORS = { [1] = "EPERM", [2] = "ENOENT", [4] = "EINTR", [11] = "EAGAIN", [12] = "ENOMEM",
-  [16] = "EBUSY", [17] = "EEXIST", [22] = "EINVAL", [28] = "ENOSPC", [95] = "EOPNOTSUPP" }
 local NETLINK, GENERIC = 824, 16 -- in the header of the link layer
 local ERROR, DONE = 2, 3 -- the types of answers
 local REQUEST, CAPPED, ACK_TLVS = 0x1, 0x100, 0x200 -- flags of messages
+local ERRORS = { [1] = "EPERM", [2] = "ENOENT", [4] = "EINTR", [11] = "EAGAIN", [12] = "ENOMEM",
+  [16] = "EBUSY", [17] = "EEXIST", [22] = "EINVAL", [28] = "ENOSPC", [95] = "EOPNOTSUPP" }
 
 local family = Proto("tavik_wlan", "TAVIK_WLAN data path")
 local answers = Proto("tavik_wlan_answers", "TAVIK_WLAN answers")
@@ -57,14 +37,6 @@ local answers = Proto("tavik_wlan_answers", "TAVIK_WLAN answers")
 local fields = {
   command = ProtoField.uint8("tavik_wlan.command", "Command", base.DEC, COMMANDS),
   version = ProtoField.uint8("tavik_wlan.version", "Version"),
-  attribute_length = ProtoField.uint16("tavik_wlan.attribute.length", "Length"),
-  attribute_nested = ProtoField.bool("tavik_wlan.attribute.nested", "Nested", 16, nil, 0x8000),
-  attribute_type =
-    ProtoField.uint16("tavik_wlan.attribute.type", "Type", base.DEC, ATTRIBUTES, 0x3fff),
-  tuples_type =
-    ProtoField.uint16("tavik_wlan.tuples.type", "Type", base.DEC, TUPLES_ATTRIBUTES, 0x3fff),
-  element_type =
-    ProtoField.uint16("tavik_wlan.element.type", "Type", base.DEC, ELEMENT_ATTRIBUTES, 0x3fff),
   tuple = ProtoField.string("tavik_wlan.tuple", "Tuple"),
   tuple_port = ProtoField.uint16("tavik_wlan.tuple.port", "Port"),
   tuple_spi = ProtoField.uint32("tavik_wlan.tuple.spi", "SPI", base.HEX),
@@ -73,23 +45,11 @@ local fields = {
   tuple_trans_proto =
     ProtoField.uint8("tavik_wlan.tuple.trans_proto", "Protocol", base.DEC, TRANS_PROTOS),
   tuple_reserved = ProtoField.uint16("tavik_wlan.tuple.reserved", "Reserved", base.HEX),
-  device = ProtoField.string("tavik_wlan.device", "Device"),
-  forward_from = ProtoField.string("tavik_wlan.forward_from", "Forward from"),
-  forward_to = ProtoField.string("tavik_wlan.forward_to", "Forward to"),
-  encap_port = ProtoField.uint16("tavik_wlan.encap_port", "Encapsulation port"),
-  selector = ProtoField.uint8("tavik_wlan.selector", "Selector"),
-  ll_src_addr = ProtoField.string("tavik_wlan.ll_src_addr", "Source address"),
-  ll_dst_addr = ProtoField.string("tavik_wlan.ll_dst_addr", "Destination address"),
-  ll_src_port = ProtoField.uint16("tavik_wlan.ll_src_port", "Source port"),
-  ll_dst_port = ProtoField.uint16("tavik_wlan.ll_dst_port", "Destination port"),
   request = ProtoField.framenum("tavik_wlan.request", "Request", base.NONE, frametype.REQUEST),
   outcome = ProtoField.string("tavik_wlan.outcome", "Outcome"),
-  extack_type = ProtoField.uint16("tavik_wlan.extack.type", "Type", base.DEC, EXTACK, 0x3fff),
-  extack_message = ProtoField.string("tavik_wlan.extack.message", "Message"),
   bad_attribute = ProtoField.string("tavik_wlan.bad_attribute", "Bad attribute"),
   missing_attribute = ProtoField.string("tavik_wlan.missing_attribute", "Missing attribute"),
 }
-family.fields = fields
 
 local malformed = ProtoExpert.new("tavik_wlan.malformed", "Malformed", expert.group.MALFORMED,
                                   expert.severity.ERROR)
@@ -102,34 +62,6 @@ local is_malformed -- whether what is dissected has turned out to be
 local function mark_malformed(item, text)
   item:add_proto_expert_info(malformed, text)
   is_malformed = true
-end
-
--- Calls each(name, payload, item) for every known attribute in a range, with the tree item that has
--- its header.
-local function for_each_attribute(range, tree, type_field, names, each)
-  local from = 0
-  while from < range:len() do
-    local rest = range(from)
-    local length = rest:len() >= 4 and rest(0, 2):le_uint() or 0
-    if length < 4 or length > rest:len() then
-      mark_malformed(tree, string.format("Attribute of length %d where %d bytes are left", length,
-                                         rest:len()))
-      return
-    end
-    local attribute_type = rest(2, 2):le_uint() % 0x4000
-    local name = names[attribute_type]
-    local item = tree:add(rest(0, length), name or "Attribute " .. attribute_type)
-    item:add_le(fields.attribute_length, rest(0, 2))
-    item:add_le(fields.attribute_nested, rest(2, 2))
-    item:add_le(type_field, rest(2, 2))
-    if name then
-      -- A buffer has an empty range at its end, where a range refuses to have one.
-      each(name, rest:tvb()(4, length - 4), item)
-    else
-      item:add_proto_expert_info(unexpected, "Unknown attribute " .. attribute_type)
-    end
-    from = from + length + -length % 4
-  end
 end
 
 -- What follows shows the payload of one attribute and returns it as text, or nil when it is
@@ -189,47 +121,87 @@ local function show_tuple(payload, item)
   return text
 end
 
+-- A number of an extended acknowledgement is in host byte order.
+local function show_host_number(payload, item)
+  return has_size(payload, 4, item) and tostring(payload:le_uint()) or nil
+end
+
+local function show_length(payload)
+  return payload:len() .. " bytes"
+end
+
+-- A row of a table of attributes: its name, how to show it, and as which field.
+local function row(name, show, field_type, abbreviation, label)
+  local field = field_type and ProtoField[field_type]("tavik_wlan." .. abbreviation, label)
+  fields[name] = field
+  return { name = name, show = show, field = field }
+end
+
+local IN_ELEMENT = { [1] = row("TUPLE", show_tuple) }
+local IN_TUPLES = { [1] = { name = "ELEMENT", inside = IN_ELEMENT } }
+local ATTRIBUTES = {
+  [1] = { name = "TUPLES", inside = IN_TUPLES },
+  [2] = row("DEV", show_string, "string", "device", "Device"),
+  [3] = row("FWD_FROM", show_string, "string", "forward_from", "Forward from"),
+  [4] = row("FWD_TO", show_string, "string", "forward_to", "Forward to"),
+  [5] = row("ENCAP_PORT", show_number(2), "uint16", "encap_port", "Encapsulation port"),
+  [6] = row("SELECTOR", show_number(1), "uint8", "selector", "Selector"),
+  [7] = row("LL_SRC_ADDR", show_string, "string", "ll_src_addr", "Source address"),
+  [8] = row("LL_DST_ADDR", show_string, "string", "ll_dst_addr", "Destination address"),
+  [9] = row("LL_SRC_PORT", show_number(2), "uint16", "ll_src_port", "Source port"),
+  [10] = row("LL_DST_PORT", show_number(2), "uint16", "ll_dst_port", "Destination port"),
+}
+-- What an answer says besides its error number (extended acknowledgement).
+local EXTACK = {
+  [1] = row("MSG", show_string, "string", "extack.message", "Message"),
+  [2] = row("OFFS", show_host_number),
+  [3] = row("COOKIE", show_length),
+  [4] = row("POLICY", show_length),
+  [5] = row("MISS_TYPE", show_host_number),
+  [6] = row("MISS_NEST", show_host_number),
+}
+family.fields = fields
+
 -- The first of many, and how many they are.
 local function summary(texts)
   local shown = table.concat(texts, ", ", 1, math.min(#texts, 4))
   return #texts <= 4 and shown or string.format("%s, ... %d tuples", shown, #texts)
 end
 
-local function show_tuples(payload, item)
-  local texts = {}
-  for_each_attribute(payload, item, fields.tuples_type, TUPLES_ATTRIBUTES,
-    function(_, element, element_item)
-      for_each_attribute(element, element_item, fields.element_type, ELEMENT_ATTRIBUTES,
-        function(_, tuple, tuple_item)
-          texts[#texts + 1] = show_tuple(tuple, tuple_item)
-        end)
-    end)
-  return summary(texts)
-end
-
-local SHOW = {
-  TUPLES = { show_tuples },
-  DEV = { show_string, fields.device },
-  FWD_FROM = { show_string, fields.forward_from },
-  FWD_TO = { show_string, fields.forward_to },
-  ENCAP_PORT = { show_number(2), fields.encap_port },
-  SELECTOR = { show_number(1), fields.selector },
-  LL_SRC_ADDR = { show_string, fields.ll_src_addr },
-  LL_DST_ADDR = { show_string, fields.ll_dst_addr },
-  LL_SRC_PORT = { show_number(2), fields.ll_src_port },
-  LL_DST_PORT = { show_number(2), fields.ll_dst_port },
-}
-
--- Shows all attributes and returns them as one line.
-local function show_attributes(range, tree)
-  local texts = {}
-  for_each_attribute(range, tree, fields.attribute_type, ATTRIBUTES, function(name, payload, item)
-    local show, field = table.unpack(SHOW[name])
-    local text = name .. " " .. (show(payload, item, field) or "malformed")
-    item:set_text(text)
-    texts[#texts + 1] = text
-  end)
-  return table.concat(texts, ", ")
+-- Shows the attributes from one place in a buffer to another. Calls each(attribute, text) for those
+-- that are known, and adds to `places` where each is: "DEV", "TUPLES[3].TUPLE".
+local function show_attributes(buffer, from, to, tree, known, each, places, parent)
+  local index = 0
+  while from < to do
+    local length = to - from >= 4 and buffer(from, 2):le_uint() or 0
+    if length < 4 or length > to - from then
+      mark_malformed(tree, string.format("Attribute of length %d where %d bytes are left", length,
+                                         to - from))
+      return
+    end
+    local attribute_type = buffer(from + 2, 2):le_uint() % 0x4000
+    local attribute = known[attribute_type] or { name = "type " .. attribute_type }
+    local item = tree:add(buffer(from, length), attribute.name)
+    local path = not parent and attribute.name or known == IN_TUPLES and
+      parent .. "[" .. index .. "]" or parent .. "." .. attribute.name
+    places[#places + 1] = { from = from, to = from + length, path = path }
+    local text
+    if attribute.inside then
+      local texts = {}
+      show_attributes(buffer, from + 4, from + length, item, attribute.inside,
+        function(_, inner) texts[#texts + 1] = inner end, places, path)
+      text = summary(texts)
+    elseif attribute.show then
+      text = attribute.show(buffer(from + 4, length - 4), item, attribute.field) or "malformed"
+    else
+      item:add_proto_expert_info(unexpected, "Unknown attribute " .. attribute_type)
+    end
+    if text then
+      item:append_text(" " .. text)
+      each(attribute, text)
+    end
+    from, index = from + length + -length % 4, index + 1
+  end
 end
 
 -- Puts one message into the columns; a datagram may hold several.
@@ -268,58 +240,46 @@ function family.dissector(buffer, packet, root)
     tree:add_proto_expert_info(unexpected, "Unknown command " .. command)
   end
   local name = COMMANDS[command] or "command " .. command
-  local attributes = show_attributes(buffer(4, buffer:len() - 4), tree)
-  local line = attributes == "" and name or name .. " " .. attributes
+  local texts, places = {}, {}
+  show_attributes(buffer, 4, buffer:len(), tree, ATTRIBUTES, function(attribute, text)
+    texts[#texts + 1] = attribute.name .. " " .. text
+  end, places)
+  local line = #texts == 0 and name or name .. " " .. table.concat(texts, ", ")
   tree:append_text(": " .. line)
   show_line(packet, line)
-  shown[buffer:offset()] = { frame = packet.number, line = line, attributes = buffer:raw(4) }
+  shown[buffer:offset()] = { frame = packet.number, line = line, places = places }
   return buffer:len()
 end
 
--- The name of the attribute that holds the byte at an offset of a run: "DEV", "TUPLES[3].TUPLE".
-local function attribute_at(run, offset, depth)
-  local from, index = 0, 0
-  while offset >= 0 and #run - from >= 4 do
-    local length = run:byte(from + 1) + 256 * run:byte(from + 2)
-    if length < 4 or length > #run - from then
-      return nil
+-- The path of the innermost attribute of a request that holds the byte at an offset, which counts
+-- from the netlink header.
+local function attribute_at(request, offset)
+  local path
+  for _, place in ipairs(request.places) do
+    if offset and offset - 16 >= place.from and offset - 16 < place.to then
+      path = place.path
     end
-    if offset >= from and offset < from + length then
-      local attribute_type = (run:byte(from + 3) + 256 * run:byte(from + 4)) % 0x4000
-      local name = ATTRIBUTES[attribute_type] or "type " .. attribute_type
-      if depth == 1 and name ~= "TUPLES" then
-        return name
-      end
-      local inside = run:sub(from + 5, from + length)
-      name = depth == 1 and name or depth == 2 and "[" .. index .. "]" or ".TUPLE"
-      return name .. (depth < 3 and attribute_at(inside, offset - from - 4, depth + 1) or "")
-    end
-    from, index = from + length + -length % 4, index + 1
   end
+  return path
 end
 
 -- Shows an extended acknowledgement and returns it as text.
-local function show_extack(range, tree, request)
+local function show_extack(buffer, from, tree, request)
   local found = {}
-  for_each_attribute(range, tree, fields.extack_type, EXTACK, function(name, payload, item)
-    if name == "MSG" then
-      found.MSG = show_string(payload, item, fields.extack_message)
-    elseif name ~= "COOKIE" and name ~= "POLICY" and has_size(payload, 4, item) then
-      found[name] = payload:le_uint()
-      item:set_text(name .. " " .. found[name])
-    end
-  end)
+  show_attributes(buffer, from, buffer:len(), tree, EXTACK, function(attribute, text)
+    found[attribute.name] = text
+  end, {})
   local text = found.MSG and ": " .. found.MSG or ""
-  -- Offsets count from the netlink header.
-  local bad = found.OFFS and attribute_at(request.attributes, found.OFFS - 20, 1)
+  local bad = attribute_at(request, tonumber(found.OFFS))
   if bad then
     tree:add(fields.bad_attribute, bad):set_generated()
     text = text .. ": " .. bad
   end
-  if found.MISS_TYPE then
-    local nest = found.MISS_NEST and attribute_at(request.attributes, found.MISS_NEST - 20, 1)
+  local missing_type = tonumber(found.MISS_TYPE)
+  if missing_type then
+    local nest = attribute_at(request, tonumber(found.MISS_NEST))
     local missing = nest and nest .. (nest:find("%]$") and ".TUPLE" or ".ELEMENT") or
-      ATTRIBUTES[found.MISS_TYPE] or "type " .. found.MISS_TYPE
+      (ATTRIBUTES[missing_type] or { name = "type " .. missing_type }).name
     tree:add(fields.missing_attribute, missing):set_generated()
     text = text .. ": missing " .. missing
   end
@@ -347,7 +307,7 @@ local function show_answer(range, packet, root, request)
     local echoed = not is_error and 0 or has_flag(flags, CAPPED) and 16 or range(20, 4):le_uint()
     local from = 20 + echoed + -echoed % 4
     if from <= range:len() then
-      text = show_extack(range:tvb()(from, range:len() - from), tree, request)
+      text = show_extack(range:tvb(), from, tree, request)
     else
       mark_malformed(tree, "The request in the answer is longer than the answer")
     end
