@@ -12,10 +12,14 @@ cd "$(dirname "$0")/.."
 stages=(release asan style coverage arm device fuzz clang tools vm tsan analyzers tidy vm_6.1 vm_faults
   package ynl_kernel android_bp reproducible docs)
 
+run_tests() {
+  ctest --test-dir "build/$1" --output-on-failure --no-tests=error "${@:2}"
+}
+
 run_preset() {
   cmake --preset "$1" --log-level=WARNING >/dev/null
   cmake --build --preset "$1"
-  ctest --preset "$1" --parallel "$(nproc)"
+  run_tests "$1" --parallel "$(nproc)"
 }
 
 run_vm() {
@@ -34,7 +38,7 @@ run_stage() {
     tools) # the tests of the stage release that it skips without other programs
       cmake --preset release --log-level=WARNING >/dev/null
       cmake --build --preset release
-      ctest --preset release --tests-regex '^(abi|agreement|completion|manual_pages|wireshark)$'
+      run_tests release --tests-regex '^(abi|agreement|completion|manual_pages|wireshark)$'
       ;;
     coverage) tests/library/coverage.sh ;;
     fuzz) scripts/fuzz.sh 5 ;;
@@ -53,6 +57,7 @@ run_stage() {
       cmake --preset release --log-level=WARNING >/dev/null
       cmake --build --preset release --target datapathctl
       cmake --workflow --preset device
+      cmake --workflow --preset device_arm
       tests/ship/device_test.sh
       ;;
     vm) run_vm 6.12 ;;
