@@ -4,13 +4,11 @@
 // with whole messages; and datapathctl decodes both, and reads any file that it is given.
 
 #include <fuzzer/FuzzedDataProvider.h>
-#include <linux/genetlink.h>
 #include <linux/netlink.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <span>
 #include <string>
 #include <string_view>
@@ -19,7 +17,6 @@
 #include "datapathctl/capture.h"
 #include "datapathctl/message_decoder.h"
 #include "host_interfaces/corvil_log_services.h"
-#include "host_interfaces/corvil_netlink.h"
 #include "reference_host/log/corvil_log_control.h"
 #include "reference_host/port_utils/corvil_port_tree.h"
 #include "reference_kernel/emulator/kernel.h"
@@ -74,23 +71,6 @@ std::vector<Message> decode(MessageDecoder& decoder, const Bytes& datagram) {
   return messages;
 }
 
-/// Reads the attributes of a message as the host does, and finds the one that a kernel complains
-/// of, wherever that points.
-void read(const MessageDecoder& decoder, const Bytes& message, uint32_t offset) {
-  constexpr size_t kHeaders = NLMSG_HDRLEN + GENL_HDRLEN;
-  uint32_t length = 0;
-  memcpy(&length, message.data(), std::min(sizeof(length), message.size()));
-  if (message.size() < kHeaders || length != message.size()) {
-    return;
-  }
-  const nlattr* table[TAVIK_WLAN_ATTR_MAX + 1];
-  corvil_nla_parse(reinterpret_cast<const nlattr*>(message.data() + kHeaders), table,
-                   length - uint32_t{kHeaders}, TAVIK_WLAN_ATTR_MAX);
-  const auto value = decoder.attribute_at(message, offset).value;
-  require(is_printable(datapathctl::printable(datapathctl::value_text(value))));
-  require(!decoder.missing_attribute(message, offset % 16, offset).empty());
-}
-
 /// Whole messages, which point at nothing outside the request.
 void check_answer(const std::vector<Message>& messages, size_t request_size) {
   require(!messages.empty());
@@ -109,7 +89,6 @@ std::vector<std::string> answer(FuzzedDataProvider& input, tavik_wlan::Kernel& k
   const Bytes request = changed(input, {reinterpret_cast<const char*>(&header), header.nlmsg_len});
   if (decodes) {
     decode(decoder, request);
-    read(decoder, request, input.ConsumeIntegral<uint32_t>());
   }
   std::vector<std::string> answers;
   for (const auto& datagram : kernel.receive(request).datagrams) {

@@ -448,7 +448,6 @@ class LogTest : public ::testing::Test {
     fake_host::reset();
     zu_log_mask = 0;
   }
-  void TearDown() override { fake_host::reset(); }
 };
 
 TEST_F(LogTest, SwitchedOffItReadsTheSettingsAndNothingElse) {
@@ -460,7 +459,6 @@ TEST_F(LogTest, SwitchedOffItReadsTheSettingsAndNothingElse) {
     logging_fd = stream;
     DATAPATH_LOG(ERR, "%s(): %d", ++evaluated);
   }
-  logging_fd = nullptr;
   EXPECT_EQ(evaluated, 0);
   EXPECT_EQ(host().transcript, "");
 }

@@ -53,8 +53,8 @@ class AgreementTest(unittest.TestCase):
             for entry in definition.get("entries", []):
                 found[upper(definition["name-prefix"] + entry["name"])] = entry["value"]
         for group in [*SPEC["attribute-sets"], SPEC["operations"]]:
-            for entry in group.get("attributes") or group["list"]:
-                found[upper(group["name-prefix"] + entry["name"])] = entry["value"]
+            for number, entry in enumerate(group.get("attributes") or group["list"], 1):
+                found[upper(group["name-prefix"] + entry["name"])] = entry.get("value", number)
         self.assertEqual(CONSTANTS, {name: str(value) for name, value in found.items()})
         self.expect_agreement(
             ((upper(its["name"]), its["type"] + its.get("byte-order", ""))
