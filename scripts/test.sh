@@ -57,7 +57,6 @@ run_stage() {
       cmake --preset release --log-level=WARNING >/dev/null
       cmake --build --preset release --target datapathctl
       cmake --workflow --preset device
-      cmake --workflow --preset device_arm
       tests/ship/device_test.sh
       ;;
     vm) run_vm 6.12 ;;

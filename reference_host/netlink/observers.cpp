@@ -162,10 +162,10 @@ void Capture::write(CorvilNetlinkDirection direction, int protocol,
       .unused = {},
       .protocol = htons(static_cast<uint16_t>(protocol)),
   };
-  const int error = file_.is_open()
-                        ? write_without_signals(file_.number(),
-                                                std::as_bytes(std::span(&header, 1)), datagram)
-                        : EBADF;
+  const int error =
+      file_.is_open()
+          ? write_without_signals(file_.number(), std::as_bytes(std::span(&header, 1)), datagram)
+          : EBADF;
   if (error != 0) {
     error_ = error;
   }

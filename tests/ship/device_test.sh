@@ -2,7 +2,7 @@
 # The static datapathctl of each ABI of a device, under qemu-user, does and prints what the one of
 # this machine does: on an emulated kernel of its own, and on one that this machine's serves.
 #
-# Needs build/release, build/device and build/device_arm.
+# Needs build/release and build/device.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 
@@ -33,8 +33,8 @@ refuses() {
 emulator=$!
 until "$native" --socket "$scratch/kernel" reset 2>/dev/null; do sleep 0.1; done
 
-for abi in device:qemu-aarch64 device_arm:qemu-arm; do
-  program=build/${abi%:*}/bin/datapathctl
+for abi in arm64:qemu-aarch64 arm:qemu-arm; do
+  program=build/device/${abi%:*}/datapathctl
   run=("${abi#*:}" "$program")
   ! readelf --wide --program-headers --dynamic "$program" | grep -E 'INTERP|NEEDED' ||
     fail "$program is not static"
