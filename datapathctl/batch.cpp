@@ -9,9 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "datapathctl/execution.h"
 #include "datapathctl/operations.h"
-#include "datapathctl/parser.h"
-#include "datapathctl/report.h"
 
 namespace datapathctl {
 namespace {
@@ -53,22 +52,14 @@ Result split(std::string_view line, std::vector<std::string>* words) {
 int run_line(Session& session, Parser& parser, const std::string& line, const Place& place) {
   const Settings& settings = session.settings();
   std::vector<std::string> words;
-  Command command;
-  Result result = split(line, &words);
+  const Result result = split(line, &words);
   if (result.ok() && words.empty()) {
     return 0;
   }
   if ((settings.trace != Trace::kOff || settings.dry_run) && !settings.json) {
     std::cout << "# " << printable(line.substr(line.find_first_not_of(kBlanks))) << std::endl;
   }
-  if (result.ok()) {
-    result = parser.parse(std::move(words), &command);
-  }
-  if (result.ok()) {
-    result = run(session, command);
-  }
-  report(settings, command, result, place);
-  return result.status;
+  return execute(session, parser, std::move(words), place, result);
 }
 
 /// Returns the exit status of the batch: that of the worst line.

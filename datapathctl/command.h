@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
-#include "datapathctl/faults.h"
 
 namespace datapathctl {
+
+/// Faults of an emulator: words as of tavik_wlan::parse_faults().
+using Faults = std::string;
 
 /// How much of each message is shown.
 enum class Trace { kOff, kCompact, kFull };
@@ -45,8 +47,7 @@ struct PortList {
 
 struct Operation;
 
-/// A command with its arguments; each operation has its own of them. Ports are in network byte
-/// order outside lists, as the library takes them.
+/// A command with its arguments; each operation has its own of them. Ports are in host byte order.
 struct Command {
   const Operation* operation = nullptr;  // null: the words did not tell
   std::string device{};

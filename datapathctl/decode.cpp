@@ -10,30 +10,28 @@
 #include <vector>
 
 #include "datapathctl/capture.h"
-#include "datapathctl/monitor.h"
 #include "datapathctl/operations.h"
+#include "datapathctl/trace.h"
 #include "kernel_interface/protocol.h"
 
 namespace datapathctl {
 namespace {
 
-/// The family's id as the first answer of the controller tells it. Without one it is, in packets
-/// that hold nothing but messages of the family, the type of the first.
-uint16_t find_family(const std::vector<Packet>& packets, bool is_only_family) {
+/// The family's id as the first answer of the controller tells it; otherwise, of bytes in
+/// hexadecimal, the type of the first message that is not the controller's.
+uint16_t find_family(const std::vector<Packet>& packets, bool is_hex) {
   MessageDecoder decoder;
   uint16_t first = 0;
   for (const Packet& packet : packets) {
-    for (const Message& message : decoder.decode(packet.datagram)) {
-      if (decoder.family_id() != 0) {
-        return decoder.family_id();
-      }
-      if (is_only_family && first == 0 && message.bytes.size() >= sizeof(nlmsghdr)) {
-        const uint16_t type = tavik_wlan::load<nlmsghdr>(message.bytes).nlmsg_type;
-        first = type > GENL_ID_CTRL ? type : 0;
-      }
+    decoder.decode(packet.datagram);
+    if (decoder.family_id() != 0) {
+      return decoder.family_id();
+    }
+    if (is_hex && first <= GENL_ID_CTRL && packet.datagram.size() >= sizeof(nlmsghdr)) {
+      first = tavik_wlan::load<nlmsghdr>(packet.datagram).nlmsg_type;
     }
   }
-  return first;
+  return first > GENL_ID_CTRL ? first : uint16_t{0};
 }
 
 }  // namespace
@@ -51,18 +49,19 @@ Result run_decode(Session& session, const Command& command) {
   std::ostringstream read;
   read << input.rdbuf();
   const std::string contents = std::move(read).str();
+  const bool is_hex = !is_capture(contents);
   std::vector<Packet> packets;
   Result result;
-  if (is_capture(contents)) {
-    result = read_capture(contents, &packets);
-  } else {
+  if (is_hex) {
     packets = read_hex(contents);
+  } else {
+    result = read_capture(contents, &packets);
   }
-  Viewer viewer(session.settings(), find_family(packets, !is_capture(contents)));
+  Viewer viewer(session.settings(), find_family(packets, is_hex));
   for (const Packet& packet : packets) {
     viewer.show(packet.datagram, {.time = packet.time});
   }
-  if (!viewer.finish() && result.ok()) {
+  if (!viewer.has_shown() && result.ok()) {
     result = usage_error("nothing of TAVIK_WLAN in it");
   }
   return result.ok() ? result : Result{result.status, name + ": " + result.error};

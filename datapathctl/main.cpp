@@ -11,10 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "datapathctl/operations.h"
-#include "datapathctl/parser.h"
-#include "datapathctl/report.h"
-#include "reference_host/netlink/corvil_netlink_control.h"
+#include "datapathctl/execution.h"
 
 namespace datapathctl {
 namespace {
@@ -29,38 +26,19 @@ void hold_closed_descriptors() {
   }
 }
 
-/// Gives standard output to the capture; what is printed goes to standard error instead.
-Result capture_to_output() {
-  if (corvil_netlink_open_capture("-") == -1) {
-    return failure(corvil_netlink_last_error()->message);
-  }
-  dup2(STDERR_FILENO, STDOUT_FILENO);
-  return {};
-}
-
 int run_command_line(const std::vector<std::string>& words) {
   Settings settings;
-  Command command;
-  Result result = Parser(&settings).parse(words, &command);
-  if (!result.ok()) {
-    // What can't be parsed may have come before.
-    settings.json = std::ranges::any_of(
-        words, [](const std::string& word) { return word == "-j" || word == "--json"; });
-  } else if (settings.pcap == "-" && command.operation->run != run_monitor &&
-             command.operation->run != run_decode) {  // They write their own.
-    result = capture_to_output();
-  }
+  // Words that can't be parsed may stand before it.
+  settings.json = std::ranges::any_of(
+      words, [](const std::string& word) { return word == "-j" || word == "--json"; });
   Session session(settings);
-  if (result.ok()) {
-    result = run(session, command);
-  }
-  report(settings, command, result);
+  Parser parser(&settings);
+  const int status = execute(session, parser, words);
   // The library writes its log to stdout, beside std::cout.
   if (std::cout.flush() && std::ferror(stdout) == 0) {
-    return result.status;
+    return status;
   }
-  settings.json = false;
-  report(settings, {}, failure("cannot write the output"));
+  std::cerr << "datapathctl: cannot write the output\n";
   return 2;
 }
 

@@ -9,7 +9,6 @@
 #include <cwctype>
 #include <optional>
 
-#include "datapathctl/values.h"
 #include "kernel_interface/protocol.h"
 
 namespace datapathctl {
@@ -128,27 +127,25 @@ std::string command_name(std::span<const CommandInfo> commands, uint8_t command)
   return info != nullptr ? info->name : "command " + std::to_string(command);
 }
 
-FoundAttribute find_attribute_at(Bytes request, uint32_t offset, uint16_t family_id) {
-  const uint16_t type = load<nlmsghdr>(request).nlmsg_type;
-  std::span<const AttributeInfo> attributes;
-  if (type == GENL_ID_CTRL) {
-    attributes = kControllerAttributes;
-  } else if (type == family_id) {
-    attributes = tavik_wlan::kAttributes;
+/// Names what the attributes of an answer point at in its request.
+void explain(Bytes request, Json* answer) {
+  const bool is_look_up = load<nlmsghdr>(request).nlmsg_type == GENL_ID_CTRL;
+  const std::span<const AttributeInfo> known =
+      is_look_up ? std::span<const AttributeInfo>(kControllerAttributes) : tavik_wlan::kAttributes;
+  const auto number = [attributes = (*answer)["attributes"]](const char* name) {
+    const Json value = attributes.value(name, Json());
+    return value.is_number() ? value.get<uint32_t>() : 0;
+  };
+  const FoundAttribute bad = tavik_wlan::attribute_at(request, known, number("OFFS"));
+  if (!bad.name.empty()) {
+    (*answer)["attribute"] = bad.name;
+    (*answer)["value"] = bad.inside.empty() ? value(bad.info, bad.payload) : Json();
   }
-  return tavik_wlan::attribute_at(request, attributes, offset);
-}
-
-std::string outcome(const char* success, int error) {
-  // In 64 bits, since the smallest int has no opposite.
-  const char* name = strerrorname_np(static_cast<int>(-int64_t{error}));
-  return error == 0 ? success : "ERROR " + (name != nullptr ? name : std::to_string(error));
-}
-
-/// A name without the family that most names belong to.
-std::string short_name(std::string name) {
-  constexpr std::string_view kFamily = TAVIK_WLAN_FAMILY_NAME " ";
-  return name.starts_with(kFamily) ? name.substr(kFamily.size()) : name;
+  if (const uint32_t missing = number("MISS_TYPE"); missing != 0) {
+    const FoundAttribute container = tavik_wlan::attribute_at(request, known, number("MISS_NEST"));
+    (*answer)["missing"] = (container.name.empty() ? "" : container.name + ".") +
+                           attribute_name(container.inside, missing);
+  }
 }
 
 void mark_malformed(Message* message) {
@@ -192,20 +189,6 @@ std::vector<Message> MessageDecoder::decode(Bytes datagram) {
   return messages;
 }
 
-NamedAttribute MessageDecoder::attribute_at(std::span<const uint8_t> request,
-                                            uint32_t offset) const {
-  const FoundAttribute found = find_attribute_at(request, offset, family_id_);
-  const bool has_value = !found.name.empty() && found.inside.empty();
-  return {found.name, has_value ? value(found.info, found.payload) : Json()};
-}
-
-std::string MessageDecoder::missing_attribute(std::span<const uint8_t> request, uint32_t type,
-                                              uint32_t container_offset) const {
-  const FoundAttribute container = find_attribute_at(request, container_offset, family_id_);
-  return (container.name.empty() ? "" : container.name + ".") +
-         attribute_name(container.inside, type);
-}
-
 void MessageDecoder::decode_generic(Message* message) {
   if (message->bytes.size() < NLMSG_HDRLEN + GENL_HDRLEN) {
     mark_malformed(message);
@@ -245,7 +228,9 @@ void MessageDecoder::decode_answer(Message* message) {
   }
   const int error = load<int>(payload);
   message->is_failure = error != 0;
-  message->json["message"] = outcome(is_done ? "DONE" : "ACK", error);
+  message->json["message"] = error == 0 ? (is_done ? "DONE" : "ACK")
+                                        // In 64 bits, since the smallest int has no opposite.
+                                        : "ERROR " + error_name(static_cast<int>(-int64_t{error}));
 
   nlmsghdr asked = header;
   size_t extack_offset = NLMSG_HDRLEN + sizeof(error);
@@ -267,21 +252,6 @@ void MessageDecoder::decode_answer(Message* message) {
     if (request != nullptr) {
       explain(request->bytes, &message->json);
     }
-  }
-}
-
-/// Names what the attributes of an answer point at in its request.
-void MessageDecoder::explain(Bytes request, Json* answer) const {
-  const auto number = [attributes = (*answer)["attributes"]](const char* name) {
-    const Json value = attributes.value(name, Json());
-    return value.is_number() ? value.get<uint32_t>() : 0;
-  };
-  if (auto [name, value] = attribute_at(request, number("OFFS")); !name.empty()) {
-    (*answer)["attribute"] = name;
-    (*answer)["value"] = std::move(value);
-  }
-  if (const uint32_t missing = number("MISS_TYPE"); missing != 0) {
-    (*answer)["missing"] = missing_attribute(request, missing, number("MISS_NEST"));
   }
 }
 
@@ -322,29 +292,50 @@ std::string to_text(const Message& message) {
 
 std::string to_line(const Message& message) {
   const Json& json = message.json;
-  std::string line = short_name(json["message"]);
-  const char* separator = " ";
-  const auto append = [&](const std::string& name, const std::string& text = "") {
-    line.append(separator).append(name).append(text.empty() ? "" : " ").append(text);
-    separator = ", ";
-  };
-  if (json.contains("request")) {
-    line.append(" ").append(json["request"]);
-  }
+  std::string details;
   const Json attributes = json.value("attributes", Json::object());
   for (const auto& [name, value] : attributes.items()) {
     // What these numbers point at follows.
     if (name != "OFFS" && !name.starts_with("MISS_")) {
-      append(name, value_text(value, kMaxTuples));
+      details += ", " + name + " " + value_text(value, kMaxTuples);
     }
   }
-  if (json.contains("attribute")) {
-    append(json["attribute"], json["value"].is_null() ? "" : value_text(json["value"]));
+  if (const std::string complaint = complaint_of(json); !complaint.empty()) {
+    details += ", " + complaint;
   }
-  if (json.contains("missing")) {
-    append("missing", json["missing"]);
+  const std::string request = json.contains("request") ? " " + json.value("request", "") : "";
+  return printable(short_name(json["message"]) + request +
+                   (details.empty() ? "" : details.substr(1)));
+}
+
+std::string short_name(std::string name) {
+  constexpr std::string_view kFamily = TAVIK_WLAN_FAMILY_NAME " ";
+  return name.starts_with(kFamily) ? name.substr(kFamily.size()) : name;
+}
+
+std::string complaint_of(const Json& answer) {
+  std::string text = answer.value("attribute", "");
+  if (const Json value = answer.value("value", Json()); !value.is_null()) {
+    text += " " + value_text(value);
   }
-  return printable(line);
+  if (answer.contains("missing")) {
+    text.append(text.empty() ? "missing " : ", missing ").append(answer["missing"]);
+  }
+  return text;
+}
+
+std::string error_name(int error) {
+  const char* name = strerrorname_np(error);
+  return name != nullptr ? name : std::to_string(error);
+}
+
+Json tuple_as_json(unsigned ip, std::string_view transport, uint32_t value) {
+  return {{"ip", ip}, {"transport", transport}, {transport == "esp" ? "spi" : "port", value}};
+}
+
+std::string tuple_text(const Json& tuple) {
+  return tavik_wlan::tuple_text(tuple["ip"], tuple["transport"].get<std::string>(),
+                                tuple.value("spi", tuple.value("port", 0U)));
 }
 
 std::string value_text(const Json& value, size_t limit) {
@@ -356,10 +347,7 @@ std::string value_text(const Json& value, size_t limit) {
     return '[' + list + (value.size() > limit ? ",... " + std::to_string(value.size()) : "") + ']';
   }
   if (value.is_object()) {
-    return '"' +
-           tavik_wlan::tuple_text(value["ip"], value["transport"].get<std::string>(),
-                                  value.value("spi", value.value("port", 0U))) +
-           '"';
+    return '"' + tuple_text(value) + '"';
   }
   return value.is_string() ? '"' + value.get<std::string>() + '"' : value.dump();
 }

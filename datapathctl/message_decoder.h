@@ -14,11 +14,6 @@
 
 namespace datapathctl {
 
-struct NamedAttribute {
-  std::string name;  // with those it lies in: "DEV", "TUPLES[3].TUPLE"; the first element is [0]
-  nlohmann::ordered_json value;  // null of one that contains others
-};
-
 enum class Subject {
   kOther,
   kLookUp,  // the controller is asked for the family, or tells about it
@@ -53,16 +48,6 @@ class MessageDecoder {
   /// The id of TAVIK_WLAN; 0: not known yet.
   [[nodiscard]] uint16_t family_id() const { return family_id_; }
 
-  /// The innermost attribute that a request holds at an offset from its start; one without a name
-  /// when there is none. The request is whole.
-  [[nodiscard]] NamedAttribute attribute_at(std::span<const uint8_t> request,
-                                            uint32_t offset) const;
-
-  /// The name of an attribute that such a request lacks: by its type, and by the offset of the
-  /// container it belongs in, 0 for the request itself.
-  [[nodiscard]] std::string missing_attribute(std::span<const uint8_t> request, uint32_t type,
-                                              uint32_t container_offset) const;
-
  private:
   struct Request {
     Subject subject;
@@ -71,7 +56,6 @@ class MessageDecoder {
 
   void decode_generic(Message* message);
   void decode_answer(Message* message);
-  void explain(std::span<const uint8_t> request, nlohmann::ordered_json* answer) const;
   [[nodiscard]] const Request* find_request(const nlmsghdr& asked) const;
   [[nodiscard]] std::string name_of(std::span<const uint8_t> message) const;
   [[nodiscard]] bool is_family(uint16_t type) const { return type == family_id_ && type != 0; }
@@ -86,6 +70,22 @@ std::string to_text(const Message& message);
 /// A decoded message as one printable line without its end: what it is, what it is about and, of an
 /// answer, the outcome.
 std::string to_line(const Message& message);
+
+/// A name of a message without the family that most names belong to.
+std::string short_name(std::string name);
+
+/// What a decoded answer complains of, such as "DEV \"wlan0\"" or "missing DEV"; empty: of nothing.
+std::string complaint_of(const nlohmann::ordered_json& answer);
+
+/// "EPERM" and so on, or the number of an errno without a name.
+std::string error_name(int error);
+
+/// A tuple as every JSON output writes it: {"ip":4,"transport":"tcp","port":443}, or with the whole
+/// SPI {"ip":6,"transport":"esp","spi":4097}. The value is in host byte order.
+nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, uint32_t value);
+
+/// "ipv4 tcp 443", "ipv6 esp 0x00001001".
+std::string tuple_text(const nlohmann::ordered_json& tuple);
 
 /// The value of a decoded attribute as text: a string with its bytes as they are, in quotes; of a
 /// list the first elements and, where there are more, how many they are.

@@ -1,4 +1,4 @@
-#include "datapathctl/monitor.h"
+// What others say to the family and hear from it.
 
 #include <arpa/inet.h>
 #include <linux/genetlink.h>
@@ -23,8 +23,8 @@
 #include <system_error>
 #include <vector>
 
-#include "datapathctl/failure.h"
 #include "datapathctl/operations.h"
+#include "datapathctl/trace.h"
 #include "host_interfaces/corvil_netlink.h"
 #include "kernel_interface/tavik_wlan.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
@@ -186,76 +186,35 @@ Result monitor_kernel(const Settings& settings, uint16_t family_id, const sigset
   }
   bind_to(packets, device.index());
   std::vector<uint8_t> buffer(kLongest);
-  Result result = read_until_signal(ends, packets.get(), [&] {
+  return read_until_signal(ends, packets.get(), [&] {
     show_packets(packets, &buffer, &viewer);
     // What came here came there, too; this only keeps the socket from filling up.
     while (recv(notifications.get(), buffer.data(), buffer.size(), 0) >= 0) {
     }
     return true;
   });
-  viewer.finish();
-  return result;
 }
 
 Result monitor_emulator(const Settings& settings, const std::string& path, uint16_t family_id,
                         const sigset_t& ends) {
-  std::optional<tavik_wlan::ControlClient> client;
-  try {
-    client.emplace(path, std::chrono::milliseconds(corvil_netlink_timeout()));
-    client->monitor();
-  } catch (const std::system_error& error) {
-    return failure("cannot watch the emulator: " + error.code().message() + ": " + path,
-                   emulator_hint(error.code().value(), path));
-  }
-  Viewer viewer(settings, family_id);
-  bool is_served = true;
-  Result result = read_until_signal(ends, client->fd(), [&] {
-    const std::optional<tavik_wlan::MonitoredDatagram> copy = client->next();
-    is_served = copy.has_value();
-    if (is_served) {
-      tell_lost(copy->lost);
-      viewer.show(copy->bytes, {.time = copy->time, .client = copy->port_id, .pid = copy->pid});
-    }
-    return is_served;
+  return ask_emulator(path, [&](tavik_wlan::ControlClient& client) {
+    client.monitor();
+    Viewer viewer(settings, family_id);
+    bool is_served = true;
+    const Result result = read_until_signal(ends, client.fd(), [&] {
+      const std::optional<tavik_wlan::MonitoredDatagram> copy = client.next();
+      is_served = copy.has_value();
+      if (is_served) {
+        tell_lost(copy->lost);
+        viewer.show(copy->bytes, {.time = copy->time, .client = copy->port_id, .pid = copy->pid});
+      }
+      return is_served;
+    });
+    return is_served ? result : failure("the emulator has ended: " + path);
   });
-  viewer.finish();
-  return is_served ? result : failure("the emulator has ended: " + path);
 }
 
 }  // namespace
-
-Viewer::Viewer(const Settings& settings, uint16_t family_id)
-    : settings_(settings), decoder_(family_id), printer_(settings) {
-  if (!settings.pcap.empty()) {
-    capture_.emplace(settings.pcap);
-  }
-}
-
-void Viewer::show(std::span<const uint8_t> datagram, Origin origin) {
-  std::vector<Message> messages = decoder_.decode(datagram);
-  std::erase_if(messages,
-                [](const Message& message) { return message.subject == Subject::kOther; });
-  if (messages.empty()) {
-    return;
-  }
-  has_shown_ = true;
-  origin.is_sent = messages.front().is_request;
-  if (const uint32_t port_id = messages.front().json["port_id"]; !origin.client && port_id != 0) {
-    origin.client = port_id;
-  }
-  if (capture_) {
-    capture_->write(datagram, origin.is_sent,
-                    origin.time.value_or(std::chrono::system_clock::now()));
-  }
-  if (settings_.pcap != "-") {
-    printer_.print(messages, origin);
-  }
-}
-
-bool Viewer::finish() {
-  printer_.finish();
-  return has_shown_;
-}
 
 Result run_monitor(Session& session, const Command&) {
   const Settings& settings = session.settings();

@@ -1,7 +1,7 @@
 #include "datapathctl/operations.h"
 
-#include <CLI/App.hpp>
-#include <exception>
+#include <arpa/inet.h>
+
 #include <string>
 
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
@@ -17,7 +17,7 @@ CLI::Option* add_text(CLI::App& parser, const char* name, std::string& text, con
 void add_forwarding(CLI::App& parser, Command& c) {
   add_text(parser, "--from", c.from, "what is forwarded")->type_name("NAME");
   add_text(parser, "--to", c.to, "where it is forwarded to")->type_name("NAME");
-  add_value(parser, "--selector", c.selector, parse_selector, "number sent along, 0 unless given")
+  add_number(parser, "--selector", c.selector, "selector", "number sent along, 0 unless given")
       ->type_name("NUMBER");
   add_value(parser, "PORTS", c.ports, parse_ports, "ports: tcp/443, udp6/4500, tcp/1000-1999");
 }
@@ -43,26 +43,27 @@ void add_proxy_update(CLI::App& parser, Command& c) {
 }
 
 void add_ipsec(CLI::App& parser, Command& c) {
-  add_value(parser, "SPI", c.ipsec.spi, parse_spi, "security parameter index: 0x1001 or decimal")
+  add_number(parser, "SPI", c.ipsec.spi, "SPI", "security parameter index: 0x1001 or decimal")
       ->required();
+  parser.callback([&c] { c.ipsec.spi = htonl(c.ipsec.spi); });
   add_text(parser, "ADDRESS", c.address, "IP address of the flow; its family counts")
       ->check(not_an_address);
 }
 
 void add_encap(CLI::App& parser, Command& c) {
-  add_value(parser, "PORT", c.port, parse_network_port, "UDP port")->required();
+  add_number(parser, "PORT", c.port, "port", "UDP port")->required();
 }
 
 void add_lowlat(CLI::App& parser, Command& c) {
   add_text(parser, "SOURCE", c.address, "source address");
-  add_value(parser, "SOURCE_PORT", c.port, parse_network_port, "its port")->required();
+  add_number(parser, "SOURCE_PORT", c.port, "port", "its port")->required();
   add_text(parser, "DESTINATION", c.destination, "destination address");
-  add_value(parser, "DESTINATION_PORT", c.destination_port, parse_network_port, "its port")
-      ->required();
+  add_number(parser, "DESTINATION_PORT", c.destination_port, "port", "its port")->required();
 }
 
 void add_faults(CLI::App& parser, Command& c) {
-  add_value(parser, "WORD", c.faults, parse_faults, "in place of those before: " + fault_words())
+  add_value(parser, "WORD", c.faults, parse_faults,
+            "in place of those before: " + tavik_wlan::fault_words())
       ->required();
 }
 
@@ -105,16 +106,16 @@ constexpr Operation kOperations[] = {
     {"ipsec delete", "delete the tuple of an IPsec flow", add_ipsec,
      RUN(corvil_datapath_proxy_delete_ipsec_info, &c.ipsec, c.address.c_str())},
     {"encap set", "set the UDP encapsulation port", add_encap,
-     RUN(corvil_datapath_proxy_set_udp_encap_port, c.port)},
+     RUN(corvil_datapath_proxy_set_udp_encap_port, htons(c.port))},
     {"encap unset", "withdraw the UDP encapsulation port", add_encap,
-     RUN(corvil_datapath_proxy_unset_udp_encap_port, c.port)},
+     RUN(corvil_datapath_proxy_unset_udp_encap_port, htons(c.port))},
     {"encap pass-through", "let packets on the port pass through", add_encap,
-     RUN(corvil_datapath_proxy_act_encap_port_pass_through, c.port)},
+     RUN(corvil_datapath_proxy_act_encap_port_pass_through, htons(c.port))},
     {"encap drop", "drop packets on the port", add_encap,
-     RUN(corvil_datapath_proxy_act_encap_port_drop, c.port)},
+     RUN(corvil_datapath_proxy_act_encap_port_drop, htons(c.port))},
     {"lowlat add", "add a low-latency flow", add_lowlat,
-     RUN(corvil_datapath_proxy_add_ll_dst_addr, c.address.c_str(), c.destination.c_str(), c.port,
-         c.destination_port)},
+     RUN(corvil_datapath_proxy_add_ll_dst_addr, c.address.c_str(), c.destination.c_str(),
+         htons(c.port), htons(c.destination_port))},
     {"lowlat flush", "remove every low-latency flow", nullptr,
      RUN(corvil_datapath_proxy_flush_ll_dst_addr)},
     {"ports", "list the tuples as the library reads them back", nullptr, run_ports},
@@ -136,14 +137,5 @@ constexpr Operation kOperations[] = {
 }  // namespace
 
 std::span<const Operation> operations() { return kOperations; }
-
-Result run(Session& session, const Command& command) {
-  try {
-    session.begin_command();
-    return command.operation->run(session, command);
-  } catch (const std::exception& error) {
-    return failure(error.what());
-  }
-}
 
 }  // namespace datapathctl

@@ -24,9 +24,6 @@ struct Operation {
 
 std::span<const Operation> operations();
 
-/// Runs a parsed command. What its parts throw becomes a failure.
-Result run(Session& session, const Command& command);
-
 // The operations that are more than one call of the library, or none.
 
 /// Brings the proxy up. Of a failure after the first step, here and below, the result says which

@@ -79,8 +79,8 @@ void define_options(CLI::App& app, Settings& settings) {
          "have the emulated kernel misbehave, repeatable")
       ->type_name("WORD")
       ->allow_extra_args(false);
-  add_value(app, "--timeout", settings.timeout_ms, parse_timeout,
-            "how long the kernel may take to answer")
+  add_number(app, "--timeout", settings.timeout_ms, "timeout",
+             "how long the kernel may take to answer", 3600000, 1)
       ->type_name("MS");
   app.add_flag("--trace", settings.trace, "print every netlink message; =full: all of it")
       ->transform(parse_trace);

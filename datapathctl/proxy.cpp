@@ -12,7 +12,7 @@
 namespace datapathctl {
 namespace {
 
-bool has(const std::vector<uint8_t>& commands, uint8_t command) {
+bool has(const std::vector<std::string>& commands, const char* command) {
   return std::ranges::find(commands, command) != commands.end();
 }
 
@@ -24,15 +24,15 @@ std::string forwarding_of(const Command& c) {
 }
 
 /// The command that takes back what is done of another one; empty when nothing is.
-std::string inverse(const Command& c, const std::vector<uint8_t>& done) {
-  if (has(done, TAVIK_WLAN_CMD_UNSET_DEV)) {
+std::string inverse(const Command& c, const std::vector<std::string>& done) {
+  if (has(done, "UNSET_DEV")) {
     return "proxy up " + c.device + forwarding_of(c);
   }
-  if (has(done, TAVIK_WLAN_CMD_DEL_TUPLES)) {
+  if (has(done, "DEL_TUPLES")) {
     return "proxy update --new" + ports_of(c.old_ports.words.empty() ? c.ports : c.old_ports);
   }
-  const bool has_ports = has(done, TAVIK_WLAN_CMD_ADD_TUPLES);
-  if (has(done, TAVIK_WLAN_CMD_ADD_FWD_INFO)) {
+  const bool has_ports = has(done, "ADD_TUPLES");
+  if (has(done, "ADD_FWD_INFO")) {
     return "proxy unmap" + forwarding_of(c) + (has_ports ? ports_of(c.ports) : "");
   }
   return has_ports ? "proxy update --old" + ports_of(c.ports) : "";
@@ -40,20 +40,16 @@ std::string inverse(const Command& c, const std::vector<uint8_t>& done) {
 
 /// Adds to a failure which steps are done, and what takes them back.
 Result with_steps(const Session& session, const Command& command, Result result) {
-  const std::vector<uint8_t>& done = session.observer().acknowledged;
+  std::vector<std::string> done = session.observed().acknowledged;
   const std::string undo = inverse(command, done);
   if (result.ok() || undo.empty()) {
     return result;
   }
-  std::vector<std::string> names;
-  for (const uint8_t step : done) {
-    names.emplace_back(find_command(tavik_wlan::kCommands, step)->name);
-  }
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  const bool flushed = has(done, TAVIK_WLAN_CMD_LL_ADDR_FLUSH);
-  result.members["done"] = names;
+  done.erase(std::unique(done.begin(), done.end()), done.end());
+  const bool flushed = has(done, "LL_ADDR_FLUSH");
+  result.members["done"] = done;
   result.members["undo"] = undo;
-  result.notes.push_back("done before: " + CLI::detail::join(names, ", ") + "; what takes it back" +
+  result.notes.push_back("done before: " + CLI::detail::join(done, ", ") + "; what takes it back" +
                          (flushed ? ", but for the flows: " : ": ") + undo);
   return result;
 }
@@ -87,14 +83,14 @@ Result finish_tear_down(Session& session, const Command& c, const Result& ended)
       result = std::move(step);
     }
   };
-  const std::vector<uint8_t>& sent = session.observer().sent;
-  if (!has(sent, TAVIK_WLAN_CMD_DEL_TUPLES)) {
+  const std::vector<std::string>& sent = session.observed().sent;
+  if (!has(sent, "DEL_TUPLES")) {
     take(ended);
   }
-  if (!has(sent, TAVIK_WLAN_CMD_DEL_FWD_INFO)) {
+  if (!has(sent, "DEL_FWD_INFO")) {
     take(remove_forwarding(session, c));
   }
-  const bool flushes = c.selector == 1 && !has(sent, TAVIK_WLAN_CMD_LL_ADDR_FLUSH);
+  const bool flushes = c.selector == 1 && !has(sent, "LL_ADDR_FLUSH");
   for (size_t i = 0; i < c.ports.size() && result.ok(); ++i) {
     take(remove_ports(session, &c.ports.ports[i], 1));
   }

@@ -17,7 +17,6 @@
 #include <thread>
 #include <utility>
 
-#include "datapathctl/failure.h"
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/operations.h"
 #include "datapathctl/trace.h"
@@ -113,7 +112,7 @@ nlohmann::ordered_json describe(const Peer& peer, Bytes message, const Status& s
   // family.
   const bool is_unknown = status.error == -ENOENT && status.message == nullptr;
   const bool is_to_family = header.nlmsg_type != GENL_ID_CTRL && !is_unknown;
-  nlohmann::ordered_json object = {{"time", date_and_time(std::chrono::system_clock::now())},
+  nlohmann::ordered_json object = {{"time", time_text(std::chrono::system_clock::now(), true)},
                                    {"client", peer.port_id},
                                    {"pid", peer.pid}};
   object.update(MessageDecoder(is_to_family ? header.nlmsg_type : 0).decode(message)[0].json);
@@ -139,7 +138,7 @@ nlohmann::ordered_json describe(const Peer& peer, Bytes message, const Status& s
 /// in one line.
 std::string to_line(const nlohmann::ordered_json& request) {
   std::ostringstream line;
-  line << time_of_day(std::chrono::system_clock::now()) << " client " << request["client"]
+  line << time_text(std::chrono::system_clock::now(), false) << " client " << request["client"]
        << " (pid " << request["pid"] << ") " << request["message"].get<std::string>();
   if (request.contains("attributes")) {
     for (const auto& [name, value] : request["attributes"].items()) {

@@ -12,31 +12,23 @@
 #include <random>
 #include <system_error>
 
-#include "datapathctl/failure.h"
-#include "datapathctl/library.h"
-#include "datapathctl/report.h"
+#include "datapathctl/trace.h"
 #include "reference_host/log/corvil_log_control.h"
-#include "reference_kernel/emulator/control.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
 
 namespace datapathctl {
 namespace {
 
+using Json = nlohmann::ordered_json;
+
 /// What stands for the family's id in a dry run: beyond those that a kernel gives.
 constexpr uint16_t kDryRunFamilyId = 65535;
 
-Result read_emulator_state(const std::string& emulator, std::optional<std::string>* state) {
-  const std::chrono::milliseconds patience{corvil_netlink_timeout()};
-  try {
-    *state = tavik_wlan::ControlClient(emulator, patience).state();
-    return {};
-  } catch (const std::system_error& error) {
-    const int number = error.code().value();
-    return failure(
-        "cannot read the emulator's state at " + emulator + ": " +
-            (number == ETIMEDOUT ? "no answer within " + std::to_string(patience.count()) + " ms"
-                                 : error.code().message()),
-        emulator_hint(number, emulator));
-  }
+/// Why a socket of an emulator can't be connected to, by the errno; empty where that tells nothing.
+std::string emulator_hint(int error, const std::string& path) {
+  return error == ENOENT || error == ECONNREFUSED
+             ? "is 'datapathctl emulator " + path + "' running?"
+             : "";
 }
 
 /// "name(): text" without the name.
@@ -45,23 +37,73 @@ std::string without_name(const char* text) {
   return colon != nullptr ? colon + strlen("(): ") : text;
 }
 
+/// Says what the kernel refused, by its decoded answer, and which attribute it complained of.
+void explain_refusal(const CorvilNetlinkError& error, const Json& answer, Result* failed) {
+  const std::string request = answer.value("request", "a request");
+  const bool is_look_up = request.starts_with("nlctrl ");
+  if (is_look_up && error.error == ENOENT) {
+    failed->error = "the kernel has no family " TAVIK_WLAN_FAMILY_NAME;
+    failed->hint = "is the module tavik_wlan loaded?";
+    return;
+  }
+  for (const char* name : {"request", "attribute", "value", "missing"}) {
+    if (answer.contains(name)) {
+      failed->members[name] = answer[name];
+    }
+  }
+  if (is_look_up) {
+    failed->members.erase("request");
+  }
+  failed->error =
+      "the kernel refused " + (is_look_up ? request : TAVIK_WLAN_FAMILY_NAME " " + request) + ": " +
+      std::generic_category().message(error.error) + " (" + error_name(error.error) + ")";
+  for (const std::string& detail : {std::string(error.message), complaint_of(answer)}) {
+    failed->error.append(detail.empty() ? "" : ": ").append(detail);
+  }
+  if (error.error == EPERM) {
+    failed->hint = "it takes CAP_NET_ADMIN in the user namespace of the network namespace";
+  }
+}
+
 }  // namespace
+
+Result ask_emulator(const std::string& path,
+                    const std::function<Result(tavik_wlan::ControlClient&)>& ask) {
+  try {
+    tavik_wlan::ControlClient client(path, std::chrono::milliseconds(corvil_netlink_timeout()));
+    return ask(client);
+  } catch (const std::system_error& error) {
+    return failure("cannot ask the emulator at " + path + ": " + error.code().message(),
+                   emulator_hint(error.code().value(), path));
+  }
+}
+
+Result Session::begin_command() {
+  observed_ = {};
+  const int opened = settings_.pcap.empty() ? corvil_netlink_check_capture()
+                                            : corvil_netlink_open_capture(settings_.pcap.c_str());
+  if (opened == -1) {
+    return failure(corvil_netlink_last_error()->message);
+  }
+  if (settings_.pcap == "-") {
+    dup2(STDERR_FILENO, STDOUT_FILENO);  // The capture has its own descriptor of the output.
+  }
+  return {};
+}
 
 Result Session::start() {
   if (started_) {
     return {};
   }
-  if (Result loaded = load_library(settings_); !loaded.ok()) {
-    return loaded;
-  }
-  started_ = true;
+  Result result = load_library(settings_);
+  started_ = result.ok();
   for (Result (Session::*step)() :
        {&Session::start_kernel, &Session::start_logging, &Session::start_netlink}) {
-    if (Result result = (this->*step)(); !result.ok()) {
-      return result;
+    if (result.ok()) {
+      result = (this->*step)();
     }
   }
-  return {};
+  return result;
 }
 
 Result Session::start_netlink() {
@@ -71,13 +113,11 @@ Result Session::start_netlink() {
   }
   corvil_netlink_set_trace(
       [](CorvilNetlinkDirection direction, const void* bytes, size_t length, void* session) {
-        static_cast<Session*>(session)->on_message(direction,
-                                                   {static_cast<const uint8_t*>(bytes), length});
+        static_cast<Session*>(session)->on_datagram(direction == CORVIL_NETLINK_SENT,
+                                                    {static_cast<const uint8_t*>(bytes), length});
       },
       this);
-  const int result = settings_.pcap.empty() ? corvil_netlink_check_capture()
-                                            : corvil_netlink_open_capture(settings_.pcap.c_str());
-  return result == 0 ? Result{} : failure(corvil_netlink_last_error()->message);
+  return {};
 }
 
 Result Session::start_kernel() {
@@ -132,44 +172,75 @@ void Session::on_log_message(const LogSiteDescriptor& site, const char* line, co
   }
 }
 
-void Session::on_message(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
-  if (direction == CORVIL_NETLINK_SENT) {
-    observer_.on_sent(datagram);
-  } else {
-    observer_.on_received(datagram);
+void Session::on_datagram(bool is_sent, std::span<const uint8_t> datagram) {
+  const std::vector<Message> messages = decoder_.decode(datagram);
+  for (const Message& message : messages) {
+    if (is_sent) {
+      on_request(message);
+    } else {
+      on_answer(message);
+    }
   }
   if (settings_.trace != Trace::kOff || settings_.dry_run) {
-    show(direction, datagram);
+    Origin origin{.is_sent = is_sent};
+    if (settings_.time) {
+      origin.time = std::chrono::system_clock::now();
+    }
+    print(settings_, messages, origin);
   }
 }
 
-void Session::show(CorvilNetlinkDirection direction, std::span<const uint8_t> datagram) {
-  const bool sent = direction == CORVIL_NETLINK_SENT;
-  Origin origin{.is_sent = sent};
-  if (settings_.time) {
-    origin.time = std::chrono::system_clock::now();
+void Session::on_request(const Message& message) {
+  sequence_ = message.json["seq"];
+  refusal_ = Json::object();
+  observed_.tuples.clear();  // A dump that a change has interrupted is asked for again.
+  if (message.subject == Subject::kFamily) {
+    observed_.sent.push_back(short_name(message.json["message"]));
   }
-  printer_.print(decoder_.decode(datagram), origin);
+}
+
+void Session::on_answer(const Message& message) {
+  const Json& json = message.json;
+  if (json.value("seq", Json()) != sequence_) {
+    return;
+  }
+  if (message.is_failure) {
+    refusal_ = json;
+  } else if (message.subject == Subject::kFamily && json.contains("request")) {
+    observed_.acknowledged.push_back(json["request"]);
+  } else if (message.subject == Subject::kFamily) {
+    for (const Json& tuple : json["attributes"].value("TUPLES", Json::array())) {
+      if (tuple.is_object()) {
+        observed_.tuples.push_back(tuple);
+      }
+    }
+  }
 }
 
 Result Session::last_failure() const {
-  return explain(*corvil_netlink_last_error(), observer_.request, corvil_netlink_emulator());
+  const CorvilNetlinkError& error = *corvil_netlink_last_error();
+  const std::string emulator = corvil_netlink_emulator();
+  Result failed = failure(error.message);
+  failed.members = {{"errno", error_name(error.error)}, {"from_kernel", error.from_kernel != 0}};
+  if (error.from_kernel != 0) {
+    explain_refusal(error, refusal_, &failed);
+  } else if (!emulator.empty()) {
+    failed.hint = emulator_hint(error.error, emulator);
+  }
+  return failed;
 }
 
-Result Session::begin_call(const char* function, void** address) {
-  if (Result started = start(); !started.ok()) {
-    return started;
-  }
-  if (Result found = find_function(function, address); !found.ok()) {
-    return found;
+Result Session::begin_call(const char* name, void** address) {
+  Result result = start();
+  if (result.ok()) {
+    result = find_function(name, address);
   }
   corvil_netlink_clear_last_error();
   failure_.reset();
-  return {};
+  return result;
 }
 
 Result Session::end_call(int result) {
-  printer_.finish();
   if (!failure_ && (result == -1 || corvil_netlink_check_capture() == -1)) {
     failure_ = last_failure();
   }
@@ -184,11 +255,13 @@ Result Session::read_state(std::optional<std::string>* state) {
     return started;
   }
   const std::string emulator = corvil_netlink_emulator();
-  if (emulator_) {
-    *state = emulator_->state();
-  } else if (!emulator.empty()) {
-    return read_emulator_state(emulator, state);
-  } else if (std::ifstream file("/proc/net/tavik_wlan"); file) {
+  if (!emulator.empty()) {
+    return ask_emulator(emulator, [state](tavik_wlan::ControlClient& client) {
+      *state = client.state();
+      return Result{};
+    });
+  }
+  if (std::ifstream file("/proc/net/tavik_wlan"); file) {
     state->emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
   }
   return {};
@@ -202,15 +275,10 @@ Result Session::inject(const Faults& faults) {
   if (emulator.empty()) {
     return usage_error("only an emulator can be told to misbehave");
   }
-  try {
-    tavik_wlan::ControlClient(emulator, std::chrono::milliseconds{corvil_netlink_timeout()})
-        .set_faults(faults);
-    return {};
-  } catch (const std::system_error& error) {
-    return failure(
-        "cannot tell the emulator at " + emulator + " to misbehave: " + error.code().message(),
-        emulator_hint(error.code().value(), emulator));
-  }
+  return ask_emulator(emulator, [&faults](tavik_wlan::ControlClient& client) {
+    client.set_faults(faults);
+    return Result{};
+  });
 }
 
 }  // namespace datapathctl

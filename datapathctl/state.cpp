@@ -1,7 +1,5 @@
 // What can be read back from the kernel.
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <optional>
 #include <sstream>
@@ -12,7 +10,7 @@
 #include "datapath_proxy/include/corvil_datapath_proxy.h"
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/operations.h"
-#include "datapathctl/values.h"
+#include "kernel_interface/protocol.h"
 #include "reference_host/port_utils/corvil_port_tree.h"
 
 namespace datapathctl {
@@ -42,7 +40,7 @@ Json to_json(const std::string& text) {
     return {{"text", text}};
   }
   const auto number = [](const std::string& word) {
-    return parse_number(word, UINT32_MAX, "state");
+    return static_cast<uint32_t>(std::stoul(word, nullptr, 0));
   };
   Json object = Json::object();
   std::istringstream members(line->members);
@@ -78,21 +76,21 @@ Result dump_tuples(Session& session) {
 
 /// Adds a port of the tree. In place of an ESP one come the tuples that the library has recorded as
 /// it, by the upper half of their SPIs.
-void add_port(const CorvilPort& port, const std::vector<DatapathTuple>& tuples, Result* result) {
-  const std::string name = protocol_name(port.ip_proto, port.trans_proto);
+void add_port(const CorvilPort& port, const std::vector<Json>& tuples, Result* result) {
+  const std::string transport = tavik_wlan::transport_name(static_cast<uint8_t>(port.trans_proto));
+  const std::string name = transport + (port.ip_proto == TAVIK_WLAN_IP_PROTO_IPV6 ? "6" : "");
   const std::string number = std::to_string(port.port);
   Json& list = result->members["ports"];
-  if (port.trans_proto != TAVIK_WLAN_TRANS_PROTO_ESP) {
-    list.push_back(tuple_as_json(port.ip_proto, name.substr(0, 3), port.port));
+  if (transport != "esp") {
+    list.push_back(tuple_as_json(port.ip_proto, transport, port.port));
     result->text += name + "/" + number + "\n";
     return;
   }
-  for (const DatapathTuple& tuple : tuples) {
-    const uint32_t spi = ntohl(tuple.key.spi);
-    if (tuple.ip_proto == port.ip_proto && tuple.trans_proto == port.trans_proto &&
-        spi >> 16 == port.port) {
-      const std::string text = tavik_wlan::tuple_text(tuple);
-      list.push_back(tuple_as_json(port.ip_proto, "esp", spi));
+  for (const Json& tuple : tuples) {
+    if (tuple["ip"] == port.ip_proto && tuple.value("spi", 0U) >> 16 == port.port &&
+        tuple.contains("spi")) {
+      const std::string text = tuple_text(tuple);
+      list.push_back(tuple);
       list.back()["tree_port"] = port.port;
       result->text +=
           name + text.substr(text.rfind(' ')) + ", in the tree as port " + number + "\n";
@@ -108,9 +106,9 @@ Result run_ports(Session& session, const Command&) {
     return result;
   }
   struct Listing {
-    const std::vector<DatapathTuple>& tuples;
+    const std::vector<Json>& tuples;
     Result* result;
-  } listing{session.observer().tuples, &result};
+  } listing{session.observed().tuples, &result};
   result.members["ports"] = Json::array();
   corvil_port_tree_visit(
       [](const CorvilPort* port, void* context) {
@@ -133,8 +131,8 @@ Result run_state(Session& session, const Command&) {
     return dumped;
   }
   std::string tuples;
-  for (const DatapathTuple& tuple : session.observer().tuples) {
-    tuples += "tuple " + tavik_wlan::tuple_text(tuple) + "\n";
+  for (const Json& tuple : session.observed().tuples) {
+    tuples += "tuple " + tuple_text(tuple) + "\n";
   }
   Result result = to_result(tuples, false);
   result.notes.emplace_back("only the tuples: this kernel lets nothing else be read back");

@@ -3,26 +3,26 @@
 #include <cstdio>
 #include <ctime>
 #include <iostream>
-#include <utility>
+#include <stdexcept>
+
+#include "reference_host/netlink/corvil_netlink_control.h"
 
 namespace datapathctl {
 namespace {
 
 using std::chrono::system_clock;
 
-std::string microseconds_of(system_clock::time_point time) {
-  const auto rest = time - std::chrono::floor<std::chrono::seconds>(time);
-  char text[8];
-  snprintf(text, sizeof(text), ".%06d",
-           static_cast<int>(std::chrono::floor<std::chrono::microseconds>(rest).count()));
-  return text;
+timespec to_timespec(system_clock::time_point time) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+  return {.tv_sec = system_clock::to_time_t(seconds),
+          .tv_nsec = std::chrono::nanoseconds(time - seconds).count()};
 }
 
 nlohmann::ordered_json to_json(const Message& message, const Origin& origin, bool hex) {
   nlohmann::ordered_json object = message.json;
   object["direction"] = origin.is_sent ? "sent" : "received";
   if (origin.time) {
-    object["time"] = date_and_time(*origin.time);
+    object["time"] = time_text(*origin.time, true);
   }
   if (origin.client) {
     object["client"] = *origin.client;
@@ -36,48 +36,8 @@ nlohmann::ordered_json to_json(const Message& message, const Origin& origin, boo
   return object;
 }
 
-}  // namespace
-
-std::string date_and_time(system_clock::time_point time) {
-  const time_t seconds = system_clock::to_time_t(time);
-  tm parts{};
-  char text[32];
-  strftime(text, sizeof(text), "%FT%T", gmtime_r(&seconds, &parts));
-  return text + microseconds_of(time) + "Z";
-}
-
-std::string time_of_day(system_clock::time_point time) {
-  const time_t seconds = system_clock::to_time_t(time);
-  tm parts{};
-  char text[32];
-  strftime(text, sizeof(text), "%T", localtime_r(&seconds, &parts));
-  return text + microseconds_of(time);
-}
-
-void MessagePrinter::print(const std::vector<Message>& messages, const Origin& origin) {
-  for (const Message& message : messages) {
-    const std::string text = text_of(message, origin);
-    if (settings_.trace == Trace::kFull || message.subject != Subject::kLookUp ||
-        message.is_failure) {
-      finish();
-      std::cout << text;
-    } else if (!message.is_request) {
-      look_up_.clear();
-    } else if (!settings_.dry_run) {
-      finish();
-      look_up_ = text;
-    }
-  }
-  std::cout.flush();
-}
-
-void MessagePrinter::finish() { std::cout << std::exchange(look_up_, {}) << std::flush; }
-
-std::string MessagePrinter::text_of(const Message& message, const Origin& origin) const {
-  if (settings_.json) {
-    return json_text(to_json(message, origin, settings_.hex)) + "\n";
-  }
-  std::string text = origin.time ? time_of_day(*origin.time) + " " : "";
+std::string to_text(const Message& message, const Origin& origin, const Settings& settings) {
+  std::string text = origin.time ? time_text(*origin.time, false) + " " : "";
   if (origin.client) {
     text += "client " + (*origin.client != 0 ? std::to_string(*origin.client) : "-") + " ";
   }
@@ -85,8 +45,52 @@ std::string MessagePrinter::text_of(const Message& message, const Origin& origin
     text += "(pid " + std::to_string(origin.pid) + ") ";
   }
   text += origin.is_sent ? "> " : "< ";
-  text += settings_.trace == Trace::kFull ? to_text(message) : to_line(message) + "\n";
-  return settings_.hex ? text + "    bytes " + to_hex(message.bytes) + "\n" : text;
+  text += settings.trace == Trace::kFull ? to_text(message) : to_line(message) + "\n";
+  return settings.hex ? text + "    bytes " + to_hex(message.bytes) + "\n" : text;
+}
+
+}  // namespace
+
+std::string time_text(system_clock::time_point time, bool for_program) {
+  const timespec parts = to_timespec(time);
+  tm date{};
+  for_program ? gmtime_r(&parts.tv_sec, &date) : localtime_r(&parts.tv_sec, &date);
+  char seconds[32];
+  strftime(seconds, sizeof(seconds), for_program ? "%FT%T" : "%T", &date);
+  char text[64];
+  snprintf(text, sizeof(text), "%s.%06ld%s", seconds, parts.tv_nsec / 1000, for_program ? "Z" : "");
+  return text;
+}
+
+void print(const Settings& settings, const std::vector<Message>& messages, const Origin& origin) {
+  for (const Message& message : messages) {
+    const bool is_plain_look_up = message.subject == Subject::kLookUp && !message.is_failure;
+    if (settings.trace == Trace::kFull || !is_plain_look_up) {
+      std::cout << (settings.json ? json_text(to_json(message, origin, settings.hex)) + "\n"
+                                  : to_text(message, origin, settings));
+    }
+  }
+  std::cout.flush();
+}
+
+void Viewer::show(std::span<const uint8_t> datagram, Origin origin) {
+  std::vector<Message> messages = decoder_.decode(datagram);
+  std::erase_if(messages,
+                [](const Message& message) { return message.subject == Subject::kOther; });
+  if (messages.empty()) {
+    return;
+  }
+  has_shown_ = true;
+  origin.is_sent = messages.front().is_request;
+  if (const uint32_t port_id = messages.front().json["port_id"]; !origin.client && port_id != 0) {
+    origin.client = port_id;
+  }
+  const timespec time = to_timespec(origin.time.value_or(system_clock::now()));
+  if (corvil_netlink_capture(origin.is_sent ? CORVIL_NETLINK_SENT : CORVIL_NETLINK_RECEIVED,
+                             NETLINK_GENERIC, datagram.data(), datagram.size(), &time) == -1) {
+    throw std::runtime_error(corvil_netlink_last_error()->message);
+  }
+  print(settings_, messages, origin);
 }
 
 }  // namespace datapathctl

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -22,29 +23,31 @@ struct Origin {
   pid_t pid = 0;                     // of its process; 0: not known
 };
 
-/// A time with microseconds: that of the day in this place for people, and for programs the whole
+/// A time with microseconds: for people that of the day in this place, and for programs the whole
 /// of it, in UTC, as of RFC 3339.
-std::string time_of_day(std::chrono::system_clock::time_point time);
-std::string date_and_time(std::chrono::system_clock::time_point time);
+std::string time_text(std::chrono::system_clock::time_point time, bool for_program);
 
-/// Prints messages on standard output as the settings say.
-class MessagePrinter {
+/// Prints the messages of a datagram on standard output as the settings say. Unless all of them is
+/// to be seen, look-ups of the family are left out, but for those that fail.
+void print(const Settings& settings, const std::vector<Message>& messages, const Origin& origin);
+
+/// Shows, of the datagrams of any clients, what is about the family, and captures it where the
+/// process has a capture.
+class Viewer {
  public:
-  /// Keeps the settings.
-  explicit MessagePrinter(const Settings& settings) : settings_(settings) {}
+  /// Keeps the settings; takes the family's id, 0 where it is not known.
+  Viewer(const Settings& settings, uint16_t family_id) : settings_(settings), decoder_(family_id) {}
 
-  /// Prints the messages of a datagram. Unless all of them is to be seen, a look-up of the family
-  /// is held back until it fails, or until it is clear that no answer comes.
-  void print(const std::vector<Message>& messages, const Origin& origin);
+  /// Shows a datagram. Throws std::runtime_error when the capture can't be written.
+  void show(std::span<const uint8_t> datagram, Origin origin);
 
-  /// Prints the look-up that is held back, if there is one.
-  void finish();
+  /// Whether anything was about the family.
+  [[nodiscard]] bool has_shown() const { return has_shown_; }
 
  private:
-  [[nodiscard]] std::string text_of(const Message& message, const Origin& origin) const;
-
   const Settings& settings_;
-  std::string look_up_;
+  MessageDecoder decoder_;
+  bool has_shown_ = false;
 };
 
 }  // namespace datapathctl

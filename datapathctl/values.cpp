@@ -1,24 +1,30 @@
 #include "datapathctl/values.h"
 
 #include <arpa/inet.h>
-#include <CLI/Error.hpp>
 
 #include <charconv>
+#include <stdexcept>
 
 #include "kernel_interface/tavik_wlan.h"
+#include "reference_kernel/emulator/faults.h"
 
 namespace datapathctl {
 namespace {
 
-/// A descriptor of port 0.
+constexpr struct {
+  std::string_view name;
+  PortDescriptor descriptor;
+} kProtocols[] = {
+    {"tcp", {TAVIK_WLAN_IP_PROTO_IPV4, TAVIK_WLAN_TRANS_PROTO_TCP, 0}},
+    {"udp", {TAVIK_WLAN_IP_PROTO_IPV4, TAVIK_WLAN_TRANS_PROTO_UDP, 0}},
+    {"tcp6", {TAVIK_WLAN_IP_PROTO_IPV6, TAVIK_WLAN_TRANS_PROTO_TCP, 0}},
+    {"udp6", {TAVIK_WLAN_IP_PROTO_IPV6, TAVIK_WLAN_TRANS_PROTO_UDP, 0}},
+};
+
 PortDescriptor parse_protocol(std::string_view name, const std::string& whole) {
-  for (const uint32_t ip_proto :
-       {uint32_t{TAVIK_WLAN_IP_PROTO_IPV4}, uint32_t{TAVIK_WLAN_IP_PROTO_IPV6}}) {
-    for (const uint32_t trans_proto :
-         {uint32_t{TAVIK_WLAN_TRANS_PROTO_TCP}, uint32_t{TAVIK_WLAN_TRANS_PROTO_UDP}}) {
-      if (protocol_name(ip_proto, trans_proto) == name) {
-        return {ip_proto, trans_proto, 0};
-      }
+  for (const auto& protocol : kProtocols) {
+    if (protocol.name == name) {
+      return protocol.descriptor;
     }
   }
   throw CLI::ValidationError("bad port '" + whole +
@@ -59,31 +65,6 @@ uint32_t parse_number(std::string_view text, uint32_t max, std::string_view what
   return value;
 }
 
-int parse_timeout(const std::string& text) {
-  return static_cast<int>(parse_number(text, 3600000, "timeout", 1));
-}
-
-uint32_t parse_selector(const std::string& text) {
-  return parse_number(text, UINT32_MAX, "selector");
-}
-
-uint32_t parse_spi(const std::string& text) { return htonl(parse_number(text, UINT32_MAX, "SPI")); }
-
-uint16_t parse_network_port(const std::string& text) {
-  return htons(static_cast<uint16_t>(parse_number(text, UINT16_MAX, "port")));
-}
-
-std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto) {
-  const std::string transport = trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP   ? "tcp"
-                                : trans_proto == TAVIK_WLAN_TRANS_PROTO_UDP ? "udp"
-                                                                            : "esp";
-  return transport + (ip_proto == TAVIK_WLAN_IP_PROTO_IPV6 ? "6" : "");
-}
-
-nlohmann::ordered_json tuple_as_json(unsigned ip, std::string_view transport, uint32_t value) {
-  return {{"ip", ip}, {"transport", transport}, {transport == "esp" ? "spi" : "port", value}};
-}
-
 PortList parse_ports(const std::vector<std::string>& texts) {
   PortList list{.words = texts};
   for (const std::string& text : texts) {
@@ -94,6 +75,16 @@ PortList parse_ports(const std::vector<std::string>& texts) {
     }
   }
   return list;
+}
+
+Faults parse_faults(const std::vector<std::string>& words) {
+  Faults faults = CLI::detail::join(words, " ");
+  try {
+    tavik_wlan::parse_faults(faults);
+  } catch (const std::invalid_argument& error) {
+    throw CLI::ValidationError(error.what());
+  }
+  return faults;
 }
 
 std::string not_an_address(const std::string& text) {

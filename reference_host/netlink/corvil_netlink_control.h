@@ -46,6 +46,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <time.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -140,6 +141,16 @@ int corvil_netlink_open_capture(const char* path);
  * failed: it then lacks messages and gets no more.
  */
 int corvil_netlink_check_capture(void);
+
+/*
+ * Writes a message that others have exchanged to the capture, if there is one. Returns as
+ * corvil_netlink_check_capture() does. Thread-safe.
+ *
+ * protocol  netlink protocol, such as NETLINK_GENERIC
+ * time      the packet's; null: now
+ */
+int corvil_netlink_capture(CorvilNetlinkDirection direction, int protocol, const void* bytes,
+                           size_t length, const struct timespec* time);
 
 #ifdef __cplusplus
 }

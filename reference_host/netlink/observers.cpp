@@ -110,8 +110,9 @@ class Capture {
 
   [[nodiscard]] const char* path() const { return path_; }
 
-  /// Writes one packet. Only while is_on().
-  void write(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> datagram);
+  /// Writes one packet, of now or of a time. Only while is_on().
+  void write(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> datagram,
+             const timespec* time = nullptr);
 
  private:
   char path_[PATH_MAX] = "";
@@ -148,13 +149,14 @@ Capture::Capture(const char* path) {
 }
 
 void Capture::write(CorvilNetlinkDirection direction, int protocol,
-                    std::span<const std::byte> datagram) {
+                    std::span<const std::byte> datagram, const timespec* time) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
+  time = time != nullptr ? time : &now;
   const auto length = static_cast<uint32_t>(kLinkLayerSize + datagram.size());
   const PacketHeader header{
-      .seconds = static_cast<uint32_t>(now.tv_sec),
-      .nanoseconds = static_cast<uint32_t>(now.tv_nsec),
+      .seconds = static_cast<uint32_t>(time->tv_sec),
+      .nanoseconds = static_cast<uint32_t>(time->tv_nsec),
       .captured_length = length,
       .length = length,
       .packet_type = htons(direction == CORVIL_NETLINK_SENT ? PACKET_OUTGOING : PACKET_HOST),
@@ -205,6 +207,16 @@ CORVIL_EXPORT int corvil_netlink_check_capture() {
 CORVIL_EXPORT int corvil_netlink_open_capture(const char* path) {
   if (strcmp(corvil::netlink::capture(path).path(), path) != 0) {
     return corvil::netlink::fail(EALREADY, "cannot write the capture %s: %m", path);
+  }
+  return corvil_netlink_check_capture();
+}
+
+CORVIL_EXPORT int corvil_netlink_capture(CorvilNetlinkDirection direction, int protocol,
+                                         const void* bytes, size_t length,
+                                         const struct timespec* time) {
+  if (corvil::netlink::capture().is_on()) {
+    corvil::netlink::capture().write(direction, protocol,
+                                     {static_cast<const std::byte*>(bytes), length}, time);
   }
   return corvil_netlink_check_capture();
 }

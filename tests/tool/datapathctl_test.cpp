@@ -370,7 +370,7 @@ TEST_F(DatapathctlTest, SaysInOneLineWhatIsWrong) {
        "reset: cannot reach the emulator: No such file or directory: nonexistent\n"
        "datapathctl: hint: is 'datapathctl emulator nonexistent' running?"},
       {"--socket nonexistent state", 2,
-       "state: cannot read the emulator's state at nonexistent: No such file or directory\n"
+       "state: cannot ask the emulator at nonexistent: No such file or directory\n"
        "datapathctl: hint: is 'datapathctl emulator nonexistent' running?"},
       {"batch nonexistent", 1, "batch: cannot read the batch nonexistent"},
       {"batch /", 1, "batch: cannot read the batch /"},
@@ -420,9 +420,8 @@ TEST_F(DatapathctlTest, ServesAnEmulatorForOthers) {
   EXPECT_EQ(run("--socket kernel misbehave absent").status, 0);
   EXPECT_EQ(run("--socket kernel reset").status, 2);
   kill(emulator, SIGSTOP);
-  EXPECT_EQ(
-      run("--socket kernel --timeout 50 state").error,
-      "datapathctl: state: cannot read the emulator's state at kernel: no answer within 50 ms\n");
+  EXPECT_EQ(run("--socket kernel --timeout 50 state").error,
+            "datapathctl: state: cannot ask the emulator at kernel: Connection timed out\n");
   kill(emulator, SIGCONT);
   EXPECT_EQ(end(emulator), 0);
   EXPECT_FALSE(std::filesystem::exists(folder_ + "/kernel"));

@@ -56,21 +56,6 @@ std::string lines(MessageDecoder& decoder, const std::string& datagram) {
   return lines;
 }
 
-TEST(MessageDecoderTest, NamesTheAttributeAtAnOffset) {
-  const MessageDecoder decoder(kFamily);
-  const std::vector<uint8_t> request = bytes(add_tuples(1));
-  const auto at = [&](uint32_t offset) {
-    const auto [name, value] = decoder.attribute_at(request, offset);
-    return name + (value.is_null() ? "; " : " " + datapathctl::value_text(value));
-  };
-  EXPECT_EQ(at(24) + at(28) + at(32), "SELECTOR 1TUPLES; TUPLES[0]; ");
-  EXPECT_EQ(at(52), "TUPLES[1].TUPLE \"ipv6 esp 0x12345678\"");
-  EXPECT_EQ(at(63), "TUPLES[1].TUPLE \"ipv6 esp 0x12345678\"");
-  EXPECT_EQ(at(16) + at(64) + at(UINT32_MAX), "; ; ; ");
-  EXPECT_EQ(decoder.missing_attribute(request, 2, 0), "DEV");
-  EXPECT_EQ(decoder.missing_attribute(request, 1, 48), "TUPLES[1].TUPLE");
-}
-
 TEST(MessageDecoderTest, TellsWhatAnAnswerIsAbout) {
   MessageDecoder decoder;
   const auto told = [](uint32_t sequence, uint16_t id) {
@@ -98,6 +83,11 @@ TEST(MessageDecoderTest, TellsWhatAnAnswerIsAbout) {
   EXPECT_EQ(lines(decoder, answer(add_tuples(7, 4), -EINVAL,
                                   attribute(NLMSGERR_ATTR_MISS_TYPE, raw(uint32_t{2})))),
             "ERROR EINVAL ADD_TUPLES missing DEV\n");
+  EXPECT_EQ(lines(decoder, answer(add_tuples(7, 4), -EINVAL,
+                                  attribute(NLMSGERR_ATTR_OFFS, raw(uint32_t{28})) +
+                                      attribute(NLMSGERR_ATTR_MISS_TYPE, raw(uint32_t{1})) +
+                                      attribute(NLMSGERR_ATTR_MISS_NEST, raw(uint32_t{48})))),
+            "ERROR EINVAL ADD_TUPLES TUPLES, missing TUPLES[1].TUPLE\n");
   EXPECT_EQ(lines(decoder, message(NLMSG_DONE, 0, 7, raw(-EINTR), 5)), "ERROR EINTR GET_TUPLES\n");
   EXPECT_EQ(lines(decoder, message(NLMSG_DONE, 0, 7, raw(0), 6)), "(DONE\n") << "of a third client";
   EXPECT_EQ(lines(decoder, answer(message(30, 0, 7, ""), 0, "")), "(ACK\n");
@@ -107,70 +97,61 @@ TEST(MessageDecoderTest, TellsWhatAnAnswerIsAbout) {
   EXPECT_EQ(lines(decoder, raw(nlmsghdr{17, 2, 0, 0, 0})), "(MALFORMED\n");
 }
 
-/// A capture of one packet, which was taken at the 2nd second and 500 ms, all in network byte
-/// order.
+/// A capture of one packet, which was taken at the 2nd second and 500 ms.
 std::string capture(uint32_t magic, const std::string& datagram, uint32_t missing = 0,
                     uint16_t protocol = NETLINK_GENERIC, uint32_t link_type = 253) {
   const auto length = static_cast<uint32_t>(datagram.size() + 16);
   const uint32_t half = magic == 0xa1b2c3d4 ? 500'000 : 500'000'000;
   std::string file;
-  for (const uint32_t word : {magic, 0x20004U, 0U, 0U, 65535U, link_type, 2U, half,
-                              length + missing, length, 4U << 16 | 824, 0U, 0U, 0U + protocol}) {
-    file += raw(htonl(word));
+  for (const uint32_t word :
+       {magic, 0x40002U, 0U, 0U, 65535U, link_type, 2U, half, length + missing, length,
+        htonl(4U << 16 | 824), 0U, 0U, htonl(protocol)}) {
+    file += raw(word);
   }
   return file + datagram;
 }
 
-TEST(CaptureTest, IsReadInEachFormatOrRefused) {
+TEST(CaptureTest, IsReadOrRefused) {
   const auto read = [](const std::string& file, std::vector<Packet>* packets) {
     EXPECT_TRUE(datapathctl::is_capture(file));
     return datapathctl::read_capture(file, packets).error;
   };
   const std::string datagram = add_tuples(1);
   for (const uint32_t magic : {0xa1b2c3d4, 0xa1b23c4d}) {
-    std::string native = capture(magic, datagram);
-    for (size_t i = 0; i < 40; i += 4) {  // up to the header of the link layer
-      std::reverse(native.begin() + static_cast<int>(i), native.begin() + static_cast<int>(i) + 4);
-    }
-    for (const std::string& file : {capture(magic, datagram), native}) {
-      std::vector<Packet> packets;
-      EXPECT_EQ(read(file, &packets), "");
-      ASSERT_EQ(packets.size(), 1U);
-      EXPECT_EQ(packets[0].datagram, bytes(datagram));
-      EXPECT_EQ(packets[0].time->time_since_epoch(), std::chrono::milliseconds(2500));
-      EXPECT_EQ(read(file.substr(0, file.size() - 1), &packets), "the capture ends in packet 1");
-      EXPECT_EQ(read(file.substr(0, 23), &packets), "the capture ends in its first header");
-      EXPECT_EQ(packets.size(), 1U);
-    }
+    const std::string file = capture(magic, datagram);
+    std::vector<Packet> packets;
+    EXPECT_EQ(read(file, &packets), "");
+    ASSERT_EQ(packets.size(), 1U);
+    EXPECT_EQ(packets[0].datagram, bytes(datagram));
+    EXPECT_EQ(packets[0].time->time_since_epoch(), std::chrono::milliseconds(2500));
+    EXPECT_EQ(read(file.substr(0, file.size() - 1), &packets), "the capture ends in packet 1");
+    EXPECT_EQ(read(file.substr(0, 23), &packets), "the capture ends in its first header");
+    EXPECT_EQ(packets.size(), 1U);
   }
   std::vector<Packet> packets;
   EXPECT_EQ(read(capture(0xa1b2c3d4, datagram, 1), &packets), "the capture ends in packet 1");
   EXPECT_EQ(read(capture(0xa1b2c3d4, datagram, 0, NETLINK_ROUTE), &packets), "");
   EXPECT_EQ(read(capture(0xa1b2c3d4, "", 0, 0, 1), &packets),
             "of link type 1 and not 253, NETLINK");
-  EXPECT_TRUE(read("\n\r\r\n and more of that", &packets).starts_with("in the format pcapng"));
+  for (const uint32_t other : {0xd4c3b2a1U, 0x4d3cb2a1U, 0x0a0d0d0aU}) {
+    EXPECT_EQ(read(capture(other, datagram), &packets),
+              "in a format that is not read here; 'editcap -F pcap FILE NEW' converts it");
+  }
   EXPECT_TRUE(packets.empty());
 }
 
-TEST(CaptureTest, HexadecimalIsReadAsToolsPrintIt) {
+TEST(CaptureTest, HexadecimalIsReadAsItIsPrinted) {
   const std::vector<uint8_t> datagram = bytes(message(kFamily, 5, 1, generic(9, "")));
   for (const char* text :
        {"14000000 1c000500 01000000 00000000 09010000",
-        "> RESET\n    bytes 14000000 1c000500 01000000 00000000 09010000\nreset",
+        "> RESET\n    bytes 14000000 1c000500 01000000 00000000 09010000\nDEAD end",
         R"({"seq":1,"bytes":"14000000 1c000500 01000000 00000000 09010000","pid":1})",
-        "140000001c0005000100000000\r\n00000009010000",
-        "00000000: 1400 0000 1c00 0500 0100 0000 0000 0000  abcdefgh........\n"
-        "00000010: 0901 0000                                ....",
-        "0000  00 04 03 38 00 00 00 00 00 00 00 00 00 00 00 10   ...8............\n"
-        "0010  14 00 00 00 1c 00 05 00 01 00 00 00 00 00 00 00   ................\n"
-        "0020  09 01 00 00                                       be..\n",
-        "00000000  14 00 00 00 1c 00 05 00  01 00 00 00 00 00 00 00  |................|\n"
-        "00000010  09 01 00 00                                       |....|\n"}) {
+        "140000001c0005000100000000\r\n000000 09 01 00 00"}) {
     const std::vector<Packet> packets = datapathctl::read_hex(text);
     ASSERT_EQ(packets.size(), 1U) << text;
     EXPECT_EQ(packets[0].datagram, datagram) << text;
   }
-  EXPECT_EQ(datapathctl::read_hex("bytes 01\nbytes 02\n03\n\n04\n0000: 05\n0000: 06\n").size(), 5U);
+  EXPECT_EQ(datapathctl::read_hex("bytes 01\nbytes 02\n03\n\n04\n0: 05\n06\n").size(), 4U);
 }
 
 /// What a shell prints, with times and numbers by which clients differ as "T".
@@ -190,9 +171,7 @@ std::string shell(const std::string& command) {
 TEST(TraceTest, LeavesOutLookUpsUnlessTheyFail) {
   const std::string tool = "datapathctl --trace --timeout 50 --emulate --misbehave ";
   EXPECT_EQ(shell(tool + "none --time reset"), "T > RESET\nT < ACK RESET\n");
-  EXPECT_EQ(shell(tool + "absent reset 2>&-"),
-            "> nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n< ERROR ENOENT nlctrl GETFAMILY\n");
-  EXPECT_EQ(shell(tool + "silent reset 2>&-"), "> nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n");
+  EXPECT_EQ(shell(tool + "absent reset 2>&-"), "< ERROR ENOENT nlctrl GETFAMILY\n");
   EXPECT_EQ(shell("datapathctl --dry-run reset"), "> RESET\n");
   EXPECT_EQ(shell("datapathctl --dry-run --trace=full --hex reset"),
             "> nlctrl GETFAMILY, seq 0, 36 bytes\n    FAMILY_NAME \"TAVIK_WLAN\"\n"
@@ -217,32 +196,33 @@ TEST(DecodeTest, ShowsACaptureAsItWasTraced) {
   EXPECT_EQ(shell(record + "datapathctl --hex decode c | sed -E 's/^[0-9:.]+ //' | diff live -; "
                            "datapathctl --hex decode live | diff live -; wc -l <live"),
             "14\n");
-  EXPECT_EQ(shell(record + "datapathctl --pcap - decode c | cmp c -"), "");
-  EXPECT_EQ(shell("printf '\\n\\r\\r\\n' | datapathctl decode -; datapathctl decode /; "
-                  "datapathctl decode none; echo 0: nothing | datapathctl decode -"),
-            "datapathctl: decode: standard input: in the format pcapng; 'editcap -F pcap FILE NEW' "
-            "converts "
-            "it\ndatapathctl: decode: cannot read /\ndatapathctl: decode: cannot read none\n"
-            "datapathctl: decode: standard input: nothing of TAVIK_WLAN in it\n");
+  EXPECT_EQ(shell(record + "datapathctl --pcap - decode c 2>/dev/null | cmp c -"), "");
+  EXPECT_EQ(
+      shell("printf '\\n\\r\\r\\n' | datapathctl decode -; datapathctl decode /; "
+            "datapathctl decode none; echo 0: nothing | datapathctl decode -"),
+      "datapathctl: decode: standard input: in a format that is not read here; 'editcap -F pcap "
+      "FILE NEW' converts it\ndatapathctl: decode: cannot read /\ndatapathctl: decode: cannot read "
+      "none\n"
+      "datapathctl: decode: standard input: nothing of TAVIK_WLAN in it\n");
 }
 
 TEST(MonitorTest, ShowsWhatOthersSayToAnEmulator) {
   // Without --foreground a timeout that is killed sends a SIGCONT, too, and that can keep the
   // search for leaks at the program's end from stopping it.
   EXPECT_EQ(
-      shell("timeout --foreground 20 " DATAPATHCTL " emulator k >served & e=$!; "
-            "until [ -S k ]; do sleep 0.05; done; "
-            "timeout --foreground 20 " DATAPATHCTL " --socket k --pcap c monitor >seen & m=$!; "
-            "until [ -s c ]; do sleep 0.05; done; datapathctl --socket k reset; "
-            "datapathctl --socket k misbehave absent; datapathctl --socket k reset 2>&-; "
-            "until grep -q ENOENT seen; do sleep 0.05; done; kill $m; wait $m; echo $?; "
-            "sed -E 's/client [1-9][0-9]* .pid [1-9][0-9]*./C/' seen; "
-            "sed -E 's/client.*\\) //' seen >want; datapathctl decode c | diff - want; "
-            "kill $e"),
-      "0\nT C > RESET\nT C < ACK RESET\nT C > nlctrl GETFAMILY FAMILY_NAME \"TAVIK_WLAN\"\n"
-      "T C < ERROR ENOENT nlctrl GETFAMILY\n");
+      shell(
+          "timeout --foreground 20 " DATAPATHCTL " emulator k >served & e=$!; "
+          "until [ -S k ]; do sleep 0.05; done; "
+          "timeout --foreground 20 " DATAPATHCTL " --socket k --pcap c monitor >seen & m=$!; "
+          "until [ -s seen ]; do datapathctl --socket k reset; done; datapathctl --socket k reset; "
+          "datapathctl --socket k misbehave absent; datapathctl --socket k reset 2>&-; "
+          "until grep -q ENOENT seen; do sleep 0.05; done; kill $m; wait $m; echo $?; "
+          "tail -n 3 seen | sed -E 's/client [1-9][0-9]* .pid [1-9][0-9]*./C/'; "
+          "sed -E 's/client.*\\) //' seen >want; datapathctl decode c | diff - want; "
+          "kill $e"),
+      "0\nT C > RESET\nT C < ACK RESET\nT C < ERROR ENOENT nlctrl GETFAMILY\n");
   EXPECT_EQ(shell("datapathctl --socket k monitor; datapathctl --emulate monitor"),
-            "datapathctl: monitor: cannot watch the emulator: No such file or directory: k\n"
+            "datapathctl: monitor: cannot ask the emulator at k: No such file or directory\n"
             "datapathctl: hint: is 'datapathctl emulator k' running?\n"
             "datapathctl: monitor: it watches a kernel, or the emulator of --socket\n");
 }

@@ -1,10 +1,12 @@
+#include "datapathctl/session.h"
+
+#ifdef CORVIL_LIBRARY
+
 #include <dlfcn.h>
 
 #include <filesystem>
 #include <string>
 #include <system_error>
-
-#include "datapathctl/library.h"
 
 namespace datapathctl {
 namespace {
@@ -35,3 +37,21 @@ Result find_function(const char* name, void** address) {
 }
 
 }  // namespace datapathctl
+
+#else
+
+namespace datapathctl {
+
+Result load_library(const Settings& settings) {
+  if (!settings.library.empty()) {
+    return usage_error("--library: this build has the library inside");
+  }
+  return settings.log_android ? usage_error("--log-android: this build has no Android log")
+                              : Result{};
+}
+
+Result find_function(const char*, void**) { return {}; }
+
+}  // namespace datapathctl
+
+#endif

@@ -1,13 +1,25 @@
-#include "datapathctl/report.h"
+#include "datapathctl/execution.h"
 
+#include <exception>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/operations.h"
 
 namespace datapathctl {
 namespace {
+
+/// What its parts throw becomes a failure.
+Result run(Session& session, const Command& command) {
+  try {
+    Result result = session.begin_command();
+    return result.ok() ? command.operation->run(session, command) : result;
+  } catch (const std::exception& error) {
+    return failure(error.what());
+  }
+}
 
 nlohmann::ordered_json to_json(const Command& command, const Result& result, const Place& place) {
   nlohmann::ordered_json object = {{"command", nullptr}, {"result", result.ok() ? 0 : -1}};
@@ -32,17 +44,11 @@ void print_line(std::string_view kind, std::string_view text) {
   std::cerr << "datapathctl: " << kind << printable(text) << "\n";
 }
 
-}  // namespace
-
-void print_json(const nlohmann::ordered_json& object) {
-  std::cout << json_text(object) << std::endl;
-}
-
 void report(const Settings& settings, const Command& command, const Result& result,
             const Place& place) {
   const bool reported = result.ok() ? command.operation->stands_alone : result.error.empty();
   if (settings.json && !reported) {
-    print_json(to_json(command, result, place));
+    std::cout << json_text(to_json(command, result, place)) << std::endl;
   } else if (!settings.json) {
     std::cout << result.text << std::flush;
   }
@@ -59,6 +65,21 @@ void report(const Settings& settings, const Command& command, const Result& resu
   if (!result.hint.empty()) {
     print_line("hint: ", result.hint);
   }
+}
+
+}  // namespace
+
+int execute(Session& session, Parser& parser, std::vector<std::string> words, const Place& place,
+            Result result) {
+  Command command;
+  if (result.ok()) {
+    result = parser.parse(std::move(words), &command);
+  }
+  if (result.ok()) {
+    result = run(session, command);
+  }
+  report(session.settings(), command, result, place);
+  return result.status;
 }
 
 }  // namespace datapathctl
