@@ -71,12 +71,8 @@ void define_options(CLI::App& app, Settings& settings) {
   add_path("--library", settings.library, "load this library, not the one beside this program");
   app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
   add_path("--socket", settings.socket, "talk to the emulator that serves there");
-  app.add_option_function<std::vector<std::string>>(
-         "--misbehave",
-         [&settings](const std::vector<std::string>& words) {
-           settings.faults = parse_faults(words);
-         },
-         "have the emulated kernel misbehave, repeatable")
+  add_value(app, "--misbehave", settings.faults, parse_faults,
+            "have the emulated kernel misbehave, repeatable")
       ->type_name("WORD")
       ->allow_extra_args(false);
   add_number(app, "--timeout", settings.timeout_ms, "timeout",
@@ -131,91 +127,103 @@ std::string list_operations() {
   return text + "\nMore: datapathctl OBJECT help, datapathctl help, datapathctl(1)";
 }
 
+/// What parses the arguments of an operation into a command.
+std::unique_ptr<CLI::App> arguments_of(const Operation& operation, Command* command) {
+  auto app =
+      std::make_unique<CLI::App>(operation.help, std::string("datapathctl ") + operation.name);
+  if (operation.add_arguments != nullptr) {
+    operation.add_arguments(*app, *command);
+  }
+  return app;
+}
+
+/// The help on an operation, on those of an object, or where the topic is empty, on all.
+std::string help_on(const std::string& topic) {
+  std::string text;
+  Command command;
+  for (const Operation& operation : operations()) {
+    const std::string name = operation.name;
+    if (topic.empty() || name == topic || name.starts_with(topic + " ")) {
+      text += arguments_of(operation, &command)->help();
+    }
+  }
+  return text;
+}
+
 }  // namespace
 
 Parser::Parser(Settings* settings)
-    : settings_(settings),
-      options_(std::make_unique<CLI::App>("", "datapathctl OBJECT [VERB] [ARGUMENT]...")) {
+    : settings_(settings), options_("", "datapathctl OBJECT [VERB] [ARGUMENT]...") {
+  options_.set_help_flag();
+  options_.add_flag("-h,--help")->description("Print this help message and exit");
   if (settings != nullptr) {
-    options_->add_flag("-V,--version")->description("print the version and exit");
-    define_options(*options_, *settings);
-    options_->footer(list_operations());
-    options_->prefix_command();
+    options_.add_flag("-V,--version")->description("print the version and exit");
+    define_options(options_, *settings);
+    options_.footer(list_operations());
+    options_.allow_extras();
   }
 }
-
-Parser::~Parser() = default;
 
 Result Parser::parse(std::vector<std::string> words, Command* command) {
-  command_ = {};
-  Result result;
   try {
-    for (const auto take :
-         {&Parser::take_options, &Parser::take_operation, &Parser::take_arguments}) {
-      if (result.ok()) {
-        result = (this->*take)(&words);
-      }
-    }
+    take_options(&words);
+    Result result = take_operation(&words, command);
+    return result.ok() ? take_arguments(&words, command) : result;
   } catch (const CLI::ParseError& error) {
-    result = usage_error(error.what());
+    return usage_error(error.what());
   }
-  *command = command_;
-  return result;
 }
 
-Result Parser::take_options(std::vector<std::string>* words) {
+void Parser::take_options(std::vector<std::string>* words) {
   if (settings_ == nullptr) {
+    return;
+  }
+  std::ranges::reverse(*words);  // CLI11 takes them from the back.
+  options_.parse(*words);
+  *words = options_.count("-V") > 0 ? std::vector<std::string>{"version"} : options_.remaining();
+}
+
+Result Parser::take_operation(std::vector<std::string>* words, Command* command) {
+  const bool asks = options_.count("-h") > 0;
+  if (asks && words->empty()) {
+    *command = {.operation = find_operation("help"), .text = options_.help()};
     return {};
   }
-  try {
-    std::ranges::reverse(*words);  // CLI11 takes them from the back.
-    options_->parse(*words);
-    *words =
-        options_->count("-V") > 0 ? std::vector<std::string>{"version"} : options_->remaining();
-  } catch (const CLI::CallForHelp&) {
-    *words = {"help"};
-    command_.text = options_->help();
-  }
-  return {};
-}
-
-Result Parser::take_operation(std::vector<std::string>* words) {
   std::string name;
   if (Result taken = take_name("", words, &name); !taken.ok()) {
     return taken;
   }
-  const bool asks = !words->empty() && (words->front() == "help" || words->front() == "--help");
-  if (!asks && !names_below(name).empty()) {
+  const bool asks_here = words->empty() ? asks : words->front() == "help";
+  if (!asks_here && !names_below(name).empty()) {
     std::string verb;
     if (Result taken = take_name(name, words, &verb); !taken.ok()) {
       return taken;
     }
     name.append(" ").append(verb);
   }
-  command_.operation = find_operation(asks ? "help" : name);
-  if (asks) {
-    *words = {};
-    command_.text = help_on(name);
-  } else if (name == "help" && command_.text.empty()) {
-    command_.text = options_->help() + "\n" + help_on("");
+  command->operation = find_operation(asks || asks_here ? "help" : name);
+  if (asks || asks_here) {
+    words->clear();
+    command->text = help_on(name);
+  } else if (name == "help") {
+    command->text = options_.help() + "\n" + help_on("");
   }
   return {};
 }
 
-Result Parser::take_arguments(std::vector<std::string>* words) {
-  const Operation& operation = *command_.operation;
+Result Parser::take_arguments(std::vector<std::string>* words, Command* command) const {
+  const Operation& operation = *command->operation;
   if (settings_ == nullptr && operation.stands_alone) {
     return usage_error("not in a batch");
   }
-  CLI::App& app = arguments_of(operation);
+  const std::unique_ptr<CLI::App> app = arguments_of(operation, command);
   try {
     std::ranges::reverse(*words);
-    app.parse(*words);
-  } catch (const CLI::CallForHelp&) {
-    command_.operation = find_operation("help");
-    command_.text = app.help();
+    app->parse(*words);
+  } catch (const CLI::CallForHelp&) {  // in a batch
+    *command = {.operation = find_operation("help"), .text = app->help()};
   } catch (const CLI::ParseError&) {
-    const std::vector<std::string> strangers = app.remaining();
+    const std::vector<std::string> strangers = app->remaining();
     if (strangers.empty()) {
       throw;
     }
@@ -224,37 +232,6 @@ Result Parser::take_arguments(std::vector<std::string>* words) {
                        (is_option ? "; options of datapathctl stand on its command line" : ""));
   }
   return settings_ != nullptr ? check(*settings_, operation) : Result{};
-}
-
-CLI::App& Parser::arguments_of(const Operation& operation) {
-  std::unique_ptr<CLI::App>& held = arguments_[&operation];
-  const bool is_new = held == nullptr;
-  if (is_new) {
-    held = std::make_unique<CLI::App>(operation.help, std::string("datapathctl ") + operation.name);
-  }
-  CLI::App& app = *held;
-  if (is_new && settings_ != nullptr) {
-    define_options(app, *settings_);
-    for (CLI::Option* option : app.get_options()) {
-      option->group(option->get_name() == "--help" ? "Options" : "");  // The help leaves them out.
-    }
-  }
-  if (is_new && operation.add_arguments != nullptr) {
-    operation.add_arguments(app, command_);
-  }
-  return app;
-}
-
-/// The help on an operation, on those of an object, or where the topic is empty, on all.
-std::string Parser::help_on(const std::string& topic) {
-  std::string text;
-  for (const Operation& operation : operations()) {
-    const std::string name = operation.name;
-    if (topic.empty() || name == topic || name.starts_with(topic + " ")) {
-      text += arguments_of(operation).help();
-    }
-  }
-  return text;
 }
 
 }  // namespace datapathctl

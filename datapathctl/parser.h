@@ -1,16 +1,12 @@
 // Words to commands.
 #pragma once
 
-#include <map>
+#include <CLI/App.hpp>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "datapathctl/command.h"
-
-namespace CLI {
-class App;
-}
 
 namespace datapathctl {
 
@@ -19,9 +15,6 @@ class Parser {
  public:
   /// Of a whole command line, whose options go to the settings; null: of the lines of a batch.
   explicit Parser(Settings* settings);
-  Parser(const Parser&) = delete;
-  Parser& operator=(const Parser&) = delete;
-  ~Parser();
 
   /// Fills the command, or tells in one line what is wrong; the command's operation is set as soon
   /// as it is known.
@@ -29,18 +22,12 @@ class Parser {
 
  private:
   // Each takes its part off the words.
-  Result take_options(std::vector<std::string>* words);
-  Result take_operation(std::vector<std::string>* words);
-  Result take_arguments(std::vector<std::string>* words);
-
-  CLI::App& arguments_of(const Operation& operation);
-  std::string help_on(const std::string& topic);
+  void take_options(std::vector<std::string>* words);
+  Result take_operation(std::vector<std::string>* words, Command* command);
+  Result take_arguments(std::vector<std::string>* words, Command* command) const;
 
   Settings* settings_;
-  Command command_;                    // which the parts of the parser fill
-  std::unique_ptr<CLI::App> options_;  // before the object
-  // Of operations, once they are needed.
-  std::map<const Operation*, std::unique_ptr<CLI::App>> arguments_;
+  CLI::App options_;  // wherever they stand
 };
 
 }  // namespace datapathctl

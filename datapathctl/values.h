@@ -31,8 +31,8 @@ std::string protocol_name(uint32_t ip_proto, uint32_t trans_proto);
 Faults parse_faults(const std::vector<std::string>& words);
 
 /// Has a parser convert the texts of an option or argument to a value.
-template <typename Value>
-CLI::Option* add_value(CLI::App& parser, const char* name, Value& value,
+template <typename Variable, typename Value>
+CLI::Option* add_value(CLI::App& parser, const char* name, Variable& value,
                        Value (*convert)(const std::vector<std::string>&), const std::string& help) {
   return parser.add_option_function<std::vector<std::string>>(
       name, [&value, convert](const std::vector<std::string>& texts) { value = convert(texts); },

@@ -1,8 +1,8 @@
-# bash completion for datapathctl; tests/completion_test.sh holds it against the tool's help.
+# bash completion for datapathctl, which offers what the tool's own help has.
 # shellcheck shell=bash
 
 _datapathctl() {
-  local word=$2 before=$3 path="" words="" i
+  local tool=$1 word=$2 before=$3 path="" words="" i
   # Readline takes "--socket=x" for three words.
   [[ $word != = ]] || word="" before="="
   [[ $before != = ]] || before=${COMP_WORDS[COMP_CWORD - 1]}
@@ -18,36 +18,22 @@ _datapathctl() {
     esac
   done
 
-  COMPREPLY=()
   case $before,$path in
     --library,* | --socket,* | --pcap,* | --log-file,* | *," batch" | *," emulator" | \
       *," decode")
       compopt -o default # Where nothing is offered, Readline completes and quotes files.
       ;;
     --misbehave,* | *," misbehave"*)
-      words="none silent delay= truncate= garbage stale refuse= interrupt= family-id= absent"
+      words=$("$tool" misbehave help | sed -n 's/.*those before: //p' | sed 's/=[^,]*/=/g; s/,//g')
       ;;
     --timeout,* | --from,* | --to,* | --selector,*) ;;
-    *,) words="proxy ipsec encap lowlat ports reset state misbehave batch emulator monitor decode
-        version help" ;;
-    *," proxy") words="up down update unmap" ;;
     *," proxy up "* | *," proxy down "* | *," proxy update"*) words="tcp/ udp/ tcp6/ udp6/" ;;
-    *," ipsec") words="add delete" ;;
-    *," encap") words="set unset pass-through drop" ;;
-    *," lowlat") words="add flush" ;;
+    *) words=$("$tool" help | sed -n "s/^Usage: datapathctl$path \([a-z][a-z-]*\) .*/\1/p") ;;
   esac
-  if [[ $word == -* ]]; then
-    case $path in
-      "") words="--help --version --library --emulate --socket --misbehave --timeout --trace --time
-        --dry-run --hex --pcap --json --log-file --log-diag --log-android" ;;
-      " proxy update"*) words="--help --old --new" ;;
-      " proxy down"*) words="--help --from --to --selector --force" ;;
-      " batch"*) words="--help --force" ;;
-      " proxy "*) words="--help --from --to --selector" ;;
-      *) words="--help" ;;
-    esac
+  if [[ $word == -* ]]; then # shellcheck disable=SC2086 # an object and a verb
+    words=$("$tool" $path --help 2>/dev/null | sed -n 's/^  \(-.,\)\?\(--[a-z-]*\).*/\2/p')
   fi
-  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word" | uniq)
   [[ ${COMPREPLY[0]-} != *[=/] ]] || compopt -o nospace
 }
 
