@@ -1,11 +1,11 @@
 // Many commands from one file.
 
+#include <CLI/StringTools.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -15,51 +15,19 @@
 namespace datapathctl {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r";
-
-/// Splits a line at blanks, except between quotes, single or double, up to a word that begins with
-/// '#'.
-Result split(std::string_view line, std::vector<std::string>* words) {
-  bool in_word = false;  // perhaps in one that is empty so far
-  char quote = '\0';
-  for (const char c : line) {
-    if (c == '\0') {
-      return usage_error("a NUL byte is in the line");
-    }
-    if (quote == '\0' && kBlanks.find(c) != std::string_view::npos) {
-      in_word = false;
-      continue;
-    }
-    if (!in_word && c == '#') {
-      break;
-    }
-    if (!in_word) {
-      words->emplace_back();
-      in_word = true;
-    }
-    if (quote == '\0' && (c == '"' || c == '\'')) {
-      quote = c;
-    } else if (c == quote) {
-      quote = '\0';
-    } else {
-      words->back() += c;
-    }
-  }
-  return quote == '\0' ? Result{} : usage_error("unclosed quote");
-}
-
 /// Runs the command of a line, if there is one, and reports how it ended. Returns its exit status.
 int run_line(Session& session, Parser& parser, const std::string& line, const Place& place) {
   const Settings& settings = session.settings();
-  std::vector<std::string> words;
-  const Result result = split(line, &words);
-  if (result.ok() && words.empty()) {
+  std::vector<std::string> words = CLI::detail::split_up(line);
+  words.erase(std::ranges::find_if(words, [](const auto& word) { return word.starts_with('#'); }),
+              words.end());
+  if (words.empty()) {
     return 0;
   }
   if ((settings.trace != Trace::kOff || settings.dry_run) && !settings.json) {
-    std::cout << "# " << printable(line.substr(line.find_first_not_of(kBlanks))) << std::endl;
+    std::cout << "# " << printable(CLI::detail::trim_copy(line)) << std::endl;
   }
-  return execute(session, parser, std::move(words), place, result);
+  return execute(session, parser, std::move(words), place);
 }
 
 /// Returns the exit status of the batch: that of the worst line.

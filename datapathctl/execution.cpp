@@ -69,12 +69,9 @@ void report(const Settings& settings, const Command& command, const Result& resu
 
 }  // namespace
 
-int execute(Session& session, Parser& parser, std::vector<std::string> words, const Place& place,
-            Result result) {
+int execute(Session& session, Parser& parser, std::vector<std::string> words, const Place& place) {
   Command command;
-  if (result.ok()) {
-    result = parser.parse(std::move(words), &command);
-  }
+  Result result = parser.parse(std::move(words), &command);
   if (result.ok()) {
     result = run(session, command);
   }

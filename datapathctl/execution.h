@@ -16,9 +16,9 @@ struct Place {
 };
 
 /// Parses words, runs their command, and prints how it ended: what was asked for, or its one JSON
-/// object, on standard output; an error, with its hint, and the notes on standard error. Of words
-/// that could not be read, `result` tells why. Returns the exit status.
+/// object, on standard output; an error, with its hint, and the notes on standard error. Returns
+/// the exit status.
 int execute(Session& session, Parser& parser, std::vector<std::string> words,
-            const Place& place = {}, Result result = {});
+            const Place& place = {});
 
 }  // namespace datapathctl

@@ -153,18 +153,6 @@ void mark_malformed(Message* message) {
   message->json["message"] = "MALFORMED";
 }
 
-std::string escaped(char byte) {
-  if (byte == '\n') {
-    return "\\n";
-  }
-  if (byte == '\t') {
-    return "\\t";
-  }
-  char text[8];
-  snprintf(text, sizeof(text), "\\x%02x", static_cast<uint8_t>(byte));
-  return text;
-}
-
 }  // namespace
 
 std::vector<Message> MessageDecoder::decode(Bytes datagram) {
@@ -367,7 +355,7 @@ std::string printable(std::string_view text) {
       shown += text.substr(0, length);
     } else {
       length = 1;
-      shown += escaped(text.front());
+      shown += "\\x" + to_hex({reinterpret_cast<const uint8_t*>(text.data()), 1});
     }
     text.remove_prefix(length);
   }

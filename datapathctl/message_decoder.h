@@ -95,7 +95,7 @@ std::string value_text(const nlohmann::ordered_json& value, size_t limit = SIZE_
 std::string json_text(const nlohmann::ordered_json& object);
 
 /// One line that a terminal only prints: each byte that is no part of a printable character of the
-/// process's locale is escaped as \n, \t or, in hexadecimal, \x1b.
+/// process's locale is escaped, as \x1b.
 std::string printable(std::string_view text);
 
 /// Bytes in hexadecimal, in groups of four.

@@ -98,9 +98,6 @@ Result check(const Settings& settings, const Operation& operation) {
   if (settings.emulate && !settings.socket.empty()) {
     return usage_error("--emulate excludes --socket");
   }
-  if (settings.dry_run && operation.run == run_emulator) {
-    return usage_error("it excludes --dry-run");
-  }
   const bool shows = settings.trace != Trace::kOff || settings.dry_run ||
                      (operation.stands_alone && operation.run != run_batch);
   if ((settings.hex || settings.time) && !shows) {
