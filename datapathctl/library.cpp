@@ -1,27 +1,26 @@
 #include "datapathctl/session.h"
 
 #ifdef CORVIL_LIBRARY
-
 #include <dlfcn.h>
 
 #include <filesystem>
 #include <string>
 #include <system_error>
+#endif
 
 namespace datapathctl {
-namespace {
 
-constinit void* library = nullptr;
+#ifdef CORVIL_LIBRARY
+
+static constinit void* library = nullptr;
 
 /// The library beside this program, or else the installed one.
-std::string default_library() {
+static std::string default_library() {
   std::error_code error;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
   const auto beside = program.parent_path() / CORVIL_LIBRARY;
   return std::filesystem::exists(beside, error) ? beside.string() : CORVIL_LIBRARY;
 }
-
-}  // namespace
 
 Result load_library(const Settings& settings) {
   const std::string path = settings.library.empty() ? default_library() : settings.library;
@@ -36,11 +35,7 @@ Result find_function(const char* name, void** address) {
                              : usage_error(std::string("not in the library: ") + dlerror());
 }
 
-}  // namespace datapathctl
-
 #else
-
-namespace datapathctl {
 
 Result load_library(const Settings& settings) {
   if (!settings.library.empty()) {
@@ -52,6 +47,6 @@ Result load_library(const Settings& settings) {
 
 Result find_function(const char*, void**) { return {}; }
 
-}  // namespace datapathctl
-
 #endif
+
+}  // namespace datapathctl

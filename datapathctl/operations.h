@@ -24,19 +24,15 @@ struct Operation {
 
 std::span<const Operation> operations();
 
-// The operations that are more than one call of the library, or none.
+// The operations that are more than one call of the library, or none. They may throw what
+// execute() makes a failure.
 
-/// Brings the proxy up. Of a failure after the first step, here and below, the result says which
-/// steps are done and which command takes them back.
+// The four that take the proxy through its life. Of a failure after the first step, the result says
+// which steps are done, and which command takes them back.
 Result run_proxy_up(Session& session, const Command& command);
-
-/// Takes the proxy down. With force it goes on where something is not there.
+/// With force it goes on where something is not there.
 Result run_proxy_down(Session& session, const Command& command);
-
-/// Removes old ports, then adds new ones.
 Result run_proxy_update(Session& session, const Command& command);
-
-/// Removes ports, then one forwarding pair.
 Result run_proxy_unmap(Session& session, const Command& command);
 
 /// Lists what the library reads back into the host's port tree, which it clears before.
@@ -46,19 +42,18 @@ Result run_ports(Session& session, const Command& command);
 Result run_state(Session& session, const Command& command);
 
 /// Runs the commands of a file, "-" for standard input, one a line, up to the first that fails or,
-/// with force, all; what follows a '#' is skipped.
+/// with force, all.
 Result run_batch(Session& session, const Command& command);
 
 /// Serves an emulated kernel at a path until SIGINT or SIGTERM, and prints each request and what
-/// became of it. Throws std::system_error when it can't listen there.
+/// became of it.
 Result run_emulator(Session& session, const Command& command);
 
 /// Shows what clients of the kernel in this network namespace, or of the emulator that the settings
-/// name, say to the family and hear, until SIGINT or SIGTERM. Throws std::system_error.
+/// name, say to the family and hear, until SIGINT or SIGTERM.
 Result run_monitor(Session& session, const Command& command);
 
-/// Shows the messages of a file, "-" for standard input: a capture, or bytes in hexadecimal. Throws
-/// std::system_error when it can't write a capture.
+/// Shows the messages of a file, "-" for standard input: a capture, or bytes in hexadecimal.
 Result run_decode(Session& session, const Command& command);
 
 }  // namespace datapathctl

@@ -92,9 +92,6 @@ void define_options(CLI::App& app, Settings& settings) {
 }
 
 Result check(const Settings& settings, const Operation& operation) {
-  if (settings.json && settings.log_file == "-") {
-    return usage_error("--json excludes --log-file -");
-  }
   if (settings.emulate && !settings.socket.empty()) {
     return usage_error("--emulate excludes --socket");
   }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -209,11 +210,10 @@ void Session::on_answer(const Message& message) {
   } else if (message.subject == Subject::kFamily && json.contains("request")) {
     observed_.acknowledged.push_back(json["request"]);
   } else if (message.subject == Subject::kFamily) {
-    for (const Json& tuple : json["attributes"].value("TUPLES", Json::array())) {
-      if (tuple.is_object()) {
-        observed_.tuples.push_back(tuple);
-      }
-    }
+    const Json attributes = json.value("attributes", Json::object());
+    std::ranges::copy_if(attributes.value("TUPLES", Json::array()),
+                         std::back_inserter(observed_.tuples),
+                         [](const Json& tuple) { return tuple.is_object(); });
   }
 }
 

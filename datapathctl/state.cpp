@@ -87,8 +87,8 @@ void add_port(const CorvilPort& port, const std::vector<Json>& tuples, Result* r
     return;
   }
   for (const Json& tuple : tuples) {
-    if (tuple["ip"] == port.ip_proto && tuple.value("spi", 0U) >> 16 == port.port &&
-        tuple.contains("spi")) {
+    if (tuple["ip"] == port.ip_proto && tuple.contains("spi") &&
+        tuple["spi"].get<uint32_t>() >> 16 == port.port) {
       const std::string text = tuple_text(tuple);
       list.push_back(tuple);
       list.back()["tree_port"] = port.port;
@@ -105,17 +105,16 @@ Result run_ports(Session& session, const Command&) {
   if (!result.ok() || session.settings().dry_run) {
     return result;
   }
-  struct Listing {
-    const std::vector<Json>& tuples;
-    Result* result;
-  } listing{session.observed().tuples, &result};
-  result.members["ports"] = Json::array();
+  std::vector<CorvilPort> ports;
   corvil_port_tree_visit(
       [](const CorvilPort* port, void* context) {
-        const auto* to = static_cast<const Listing*>(context);
-        add_port(*port, to->tuples, to->result);
+        static_cast<std::vector<CorvilPort>*>(context)->push_back(*port);
       },
-      &listing);
+      &ports);
+  result.members["ports"] = Json::array();
+  for (const CorvilPort& port : ports) {
+    add_port(port, session.observed().tuples, &result);
+  }
   return result;
 }
 

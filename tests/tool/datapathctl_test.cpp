@@ -103,13 +103,9 @@ const std::string kObjects =
     "see datapathctl help";
 
 TEST_F(DatapathctlTest, SaysWhyTheProxyDoesNotComeUpTwice) {
-  const Outcome twice = run("--emulate --trace=full --hex batch -", kUp + "\n# again\n\n" + kUp);
+  const Outcome twice = run("--emulate --trace batch -", kUp + "\n# again\n\n" + kUp);
   EXPECT_EQ(twice.status, 2);
-  EXPECT_NE(twice.out.find("    TUPLES [\"ipv4 tcp 443\",\"ipv6 udp 4500\"]\n"), std::string::npos);
-  EXPECT_NE(twice.out.find(" 01010000 24000180 10000180 0c000100 01bb0000 04060000 10000180 "
-                           "0c000100 11940000 06110000\n"),
-            std::string::npos);
-  EXPECT_NE(twice.out.find("< ERROR EEXIST"), std::string::npos) << "of the forwarding pair";
+  EXPECT_NE(twice.out.find("\n< ERROR EEXIST ADD_FWD_INFO MSG"), std::string::npos) << twice.out;
   EXPECT_EQ(twice.error,
             "datapathctl: standard input:4: proxy up: the kernel refused TAVIK_WLAN SET_DEV: "
             "File exists (EEXIST): the device is set already: DEV \"wlan0\"\n"
@@ -339,17 +335,14 @@ TEST_F(DatapathctlTest, ReadsTheWordsOfABatch) {
 
 TEST_F(DatapathctlTest, EscapesWhatIsNoText) {
   const std::string up = "proxy up w\x1b\xff --from a --to b\n";
-  const Outcome text = run("--emulate --trace=full batch -", up + "state\n" + up);
-  EXPECT_NE(text.out.find("# proxy up w\\x1b\\xff --from a"), std::string::npos);
-  EXPECT_NE(text.out.find("    DEV \"w\\x1b\\xff\"\n"), std::string::npos);
+  const Outcome text = run("--emulate --trace batch -", up + "state\n" + up);
+  EXPECT_TRUE(text.out.starts_with("# proxy up w\\x1b\\xff --from a")) << text.out;
+  EXPECT_NE(text.out.find(", DEV \"w\\x1b\\xff\"\n"), std::string::npos);
   EXPECT_NE(text.out.find("device 0 w\\x1b\\xff\n"), std::string::npos);
   EXPECT_TRUE(text.error.ends_with("is set already: DEV \"w\\x1b\\xff\"\n")) << text.error;
   const Outcome json = run("--emulate --json --trace=full batch -", up + "state\n" + up);
-  EXPECT_EQ(json.status, 2);
-  EXPECT_NE(json.out.find("{\"selector\":0,\"name\":\"w\\u001b\\ufffd\"}"), std::string::npos)
-      << json.out;
+  EXPECT_NE(json.out.find("{\"selector\":0,\"name\":\"w\\u001b\\ufffd\"}"), std::string::npos);
   EXPECT_NE(json.out.find("\"value\":\"w\\u001b\\ufffd\"}"), std::string::npos) << json.out;
-
   ASSERT_NE(setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
   EXPECT_EQ(datapathctl::printable("\n\x7f w\xc3\xa4 \xc2\x9b"), "\\x0a\\x7f w\xc3\xa4 \\xc2\\x9b");
 }
@@ -391,7 +384,6 @@ TEST_F(DatapathctlTest, SaysInOneLineWhatIsWrong) {
       {"--trace=frob reset", 1, "--trace: 'frob' is neither compact nor full"},
       {"--socket x state --emulate", 1, "state: --emulate excludes --socket"},
       {"--pcap '' reset", 1, "--pcap: the path is empty"},
-      {"--emulate --json --log-file - reset", 1, "reset: --json excludes --log-file -"},
       {"--dry-run misbehave frob", 1,
        "misbehave: bad misbehaviour 'frob': one of none, silent, delay=MS, truncate=BYTES, "
        "garbage, "
