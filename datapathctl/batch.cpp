@@ -24,7 +24,7 @@ int run_line(Session& session, Parser& parser, const std::string& line, const Pl
   if (words.empty()) {
     return 0;
   }
-  if ((settings.trace != Trace::kOff || settings.dry_run) && !settings.json) {
+  if (settings.shows_messages() && !settings.json) {
     std::cout << "# " << printable(CLI::detail::trim_copy(line)) << std::endl;
   }
   return execute(session, parser, std::move(words), place);

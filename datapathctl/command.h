@@ -35,6 +35,9 @@ struct Settings {
   std::string pcap;  // capture file; empty: none, or the environment's; "-": standard output
   bool json = false;
   int timeout_ms = 0;  // 0: the netlink library's own
+
+  /// Whether a command's own messages are shown.
+  [[nodiscard]] bool shows_messages() const { return trace != Trace::kOff || dry_run; }
 };
 
 struct PortList {

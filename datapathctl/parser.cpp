@@ -3,8 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <string_view>
-#include <utility>
 
 #include "datapathctl/operations.h"
 #include "datapathctl/values.h"
@@ -95,8 +95,8 @@ Result check(const Settings& settings, const Operation& operation) {
   if (settings.emulate && !settings.socket.empty()) {
     return usage_error("--emulate excludes --socket");
   }
-  const bool shows = settings.trace != Trace::kOff || settings.dry_run ||
-                     (operation.stands_alone && operation.run != run_batch);
+  const bool shows =
+      settings.shows_messages() || (operation.stands_alone && operation.run != run_batch);
   if ((settings.hex || settings.time) && !shows) {
     return usage_error(std::string(settings.hex ? "--hex" : "--time") +
                        " has no messages to show; it goes with --trace or --dry-run");

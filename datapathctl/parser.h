@@ -2,7 +2,6 @@
 #pragma once
 
 #include <CLI/App.hpp>
-#include <memory>
 #include <string>
 #include <vector>
 

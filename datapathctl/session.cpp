@@ -182,7 +182,7 @@ void Session::on_datagram(bool is_sent, std::span<const uint8_t> datagram) {
       on_answer(message);
     }
   }
-  if (settings_.trace != Trace::kOff || settings_.dry_run) {
+  if (settings_.shows_messages()) {
     Origin origin{.is_sent = is_sent};
     if (settings_.time) {
       origin.time = std::chrono::system_clock::now();

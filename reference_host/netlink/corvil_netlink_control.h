@@ -131,7 +131,8 @@ int corvil_netlink_timeout(void);
 /*
  * Starts a capture at a path as CORVIL_NETLINK_PCAP would, whatever the environment says. Returns
  * 0, or -1 with the last error recorded: when the file can't be written, or with EALREADY when an
- * exchange, or a call of this or the next function, has settled before where there is a capture.
+ * exchange, or a call of this or the next two functions, has settled before where there is a
+ * capture.
  */
 int corvil_netlink_open_capture(const char* path);
 

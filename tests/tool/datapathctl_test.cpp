@@ -19,9 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "datapathctl/message_decoder.h"
 
@@ -189,6 +187,12 @@ TEST_F(DatapathctlTest, TakesAProxyThroughItsLife) {
                              "tuple ipv6 esp 0x00001001\n" +
                              up + "encap 4500 pass-through\nlowlat 10.0.0.1 5000 10.0.0.2 5001\n")
       << "and an empty state at the end";
+}
+
+TEST_F(DatapathctlTest, ListsWhatTheLastDumpHas) {
+  const Outcome again =
+      run("--emulate --misbehave interrupt=1 batch -", "ipsec add 0x1001 ::1\nports\n");
+  EXPECT_EQ(again.out, "esp6 0x00001001, in the tree as port 0\n");
 }
 
 TEST_F(DatapathctlTest, PrintsOneObjectForEachResult) {

@@ -1,13 +1,11 @@
-// Messages as a person sees them: named, in a trace, and read back from files.
+// Messages as a person sees them, and as files hold them.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/genetlink.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
