@@ -309,12 +309,6 @@ TEST_F(DatapathctlTest, TellsTheReasonOfThisFailureAndNotOfAnother) {
                                "lowlat add ::1 1 ::2 2\nlowlat add ::1 1 ::2 2\n"
                                "proxy unmap --from \"\" --to b\n");
   EXPECT_NE(forgiven.error.find(" TAVIK_WLAN DEL_FWD_INFO: "), std::string::npos);
-  const Outcome went_on = run("--emulate batch -",
-                              "proxy up wlan0 --from a --to b --selector 1\n"
-                              "proxy down wlan0 --from a --to b --selector 1 tcp/80\n");
-  EXPECT_TRUE(went_on.error.starts_with(
-      "datapathctl: standard input:2: proxy down: the kernel refused TAVIK_WLAN DEL_TUPLES: "
-      "No such file or directory (ENOENT): no such tuple: TUPLES[0].TUPLE \"ipv4 tcp 80\"\n"));
 }
 
 TEST_F(DatapathctlTest, ReadsTheWordsOfABatch) {
@@ -332,9 +326,6 @@ TEST_F(DatapathctlTest, ReadsTheWordsOfABatch) {
       "datapathctl: standard input:2: batch: not in a batch\n"
       "datapathctl: standard input:3: encap set: not understood: -j; options of datapathctl "
       "stand on its command line\n");
-  const std::string up = "proxy up v --from a --to b --selector 7\nproxy up w --from c --to d\n";
-  EXPECT_TRUE(run("--emulate batch -", up + "state\n").out.starts_with("device 0 w\ndevice 7 v\n"))
-      << "a selector of one line in another";
 }
 
 TEST_F(DatapathctlTest, EscapesWhatIsNoText) {
