@@ -1,5 +1,8 @@
 // datapathctl: a host process of the data-path library for a person at a terminal.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <clocale>
 #include <csignal>
@@ -12,6 +15,16 @@
 
 namespace datapathctl {
 namespace {
+
+/// Keeps the numbers of closed standard descriptors from the sockets and files that are opened
+/// next, which would get the output as input; to use one still fails.
+void hold_closed_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1) {
+      open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+  }
+}
 
 int run_command_line(const std::vector<std::string>& words) {
   Settings settings;
@@ -33,6 +46,7 @@ int run_command_line(const std::vector<std::string>& words) {
 }  // namespace datapathctl
 
 int main(int argc, char** argv) {
+  datapathctl::hold_closed_descriptors();
   std::signal(SIGPIPE, SIG_IGN);  // A closed output shows in std::cout instead.
   std::setlocale(LC_CTYPE, "");   // for printable()
   try {

@@ -92,6 +92,9 @@ void define_options(CLI::App& app, Settings& settings) {
 }
 
 Result check(const Settings& settings, const Operation& operation) {
+  if (settings.json && settings.log_file == "-") {
+    return usage_error("--json excludes --log-file -");
+  }
   if (settings.emulate && !settings.socket.empty()) {
     return usage_error("--emulate excludes --socket");
   }
@@ -159,13 +162,21 @@ Parser::Parser(Settings* settings)
 }
 
 Result Parser::parse(std::vector<std::string> words, Command* command) {
+  const auto has_nul = [](const std::string& word) { return word.find('\0') != word.npos; };
+  if (std::ranges::any_of(words, has_nul)) {
+    return usage_error("a NUL byte is in a word");
+  }
+  command_ = {};
+  Result result;
   try {
     take_options(&words);
-    Result result = take_operation(&words, command);
-    return result.ok() ? take_arguments(&words, command) : result;
+    result = take_operation(&words);
+    result = result.ok() ? take_arguments(&words) : result;
   } catch (const CLI::ParseError& error) {
-    return usage_error(error.what());
+    result = usage_error(error.what());
   }
+  *command = command_;
+  return result;
 }
 
 void Parser::take_options(std::vector<std::string>* words) {
@@ -177,10 +188,10 @@ void Parser::take_options(std::vector<std::string>* words) {
   *words = options_.count("-V") > 0 ? std::vector<std::string>{"version"} : options_.remaining();
 }
 
-Result Parser::take_operation(std::vector<std::string>* words, Command* command) {
+Result Parser::take_operation(std::vector<std::string>* words) {
   const bool asks = options_.count("-h") > 0;
   if (asks && words->empty()) {
-    *command = {.operation = find_operation("help"), .text = options_.help()};
+    command_ = {.operation = find_operation("help"), .text = options_.help()};
     return {};
   }
   std::string name;
@@ -195,27 +206,30 @@ Result Parser::take_operation(std::vector<std::string>* words, Command* command)
     }
     name.append(" ").append(verb);
   }
-  command->operation = find_operation(asks || asks_here ? "help" : name);
+  command_.operation = find_operation(asks || asks_here ? "help" : name);
   if (asks || asks_here) {
     words->clear();
-    command->text = help_on(name);
+    command_.text = help_on(name);
   } else if (name == "help") {
-    command->text = options_.help() + "\n" + help_on("");
+    command_.text = options_.help() + "\n" + help_on("");
   }
   return {};
 }
 
-Result Parser::take_arguments(std::vector<std::string>* words, Command* command) const {
-  const Operation& operation = *command->operation;
+Result Parser::take_arguments(std::vector<std::string>* words) {
+  const Operation& operation = *command_.operation;
   if (settings_ == nullptr && operation.stands_alone) {
     return usage_error("not in a batch");
   }
-  const std::unique_ptr<CLI::App> app = arguments_of(operation, command);
+  std::unique_ptr<CLI::App>& app = arguments_[&operation];
+  if (app == nullptr) {
+    app = arguments_of(operation, &command_);
+  }
   try {
     std::ranges::reverse(*words);
     app->parse(*words);
   } catch (const CLI::CallForHelp&) {  // in a batch
-    *command = {.operation = find_operation("help"), .text = app->help()};
+    command_ = {.operation = find_operation("help"), .text = app->help()};
   } catch (const CLI::ParseError&) {
     const std::vector<std::string> strangers = app->remaining();
     if (strangers.empty()) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <CLI/App.hpp>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,11 +24,14 @@ class Parser {
  private:
   // Each takes its part off the words.
   void take_options(std::vector<std::string>* words);
-  Result take_operation(std::vector<std::string>* words, Command* command);
-  Result take_arguments(std::vector<std::string>* words, Command* command) const;
+  Result take_operation(std::vector<std::string>* words);
+  Result take_arguments(std::vector<std::string>* words);
 
   Settings* settings_;
-  CLI::App options_;  // wherever they stand
+  CLI::App options_;   // wherever they stand
+  Command command_{};  // which the parts fill
+  // Of the operations that have been met.
+  std::map<const Operation*, std::unique_ptr<CLI::App>> arguments_;
 };
 
 }  // namespace datapathctl

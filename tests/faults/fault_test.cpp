@@ -24,6 +24,7 @@
 #include <ctime>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -242,6 +243,10 @@ struct Scenario {
   int error = 0;              // the host's last error, when nothing fails
   bool only_netlink = false;  // Whatever the target is, it asks the machine's kernel.
 };
+
+std::ostream& operator<<(std::ostream& out, const Scenario& scenario) {
+  return out << scenario.name;
+}
 
 const Scenario kScenarios[] = {
     {"Up", nothing, calls::up},

@@ -20,7 +20,6 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -391,9 +390,9 @@ TEST(LogDeathTest, EnvironmentSwitchesItOn) {
   std::ifstream log(path);
   const std::string lines(std::istreambuf_iterator<char>(log), {});
   const std::string time = "....-..-.. ..:..:..[.]... subsystem 65 ";
-  EXPECT_TRUE(std::regex_match(lines, std::regex("was there\n" + time + "LOW a.cpp:1: trace\n" +
-                                                 time + "ERR a.cpp:2: 100% -1\n")))
-      << lines;
+  const testing::Matcher<std::string> expected = testing::MatchesRegex(
+      "was there\n" + time + "LOW a.cpp:1: trace\n" + time + "ERR a.cpp:2: 100% -1\n");
+  EXPECT_TRUE(expected.Matches(lines)) << lines;
   unlink(path.c_str());
 }
 
