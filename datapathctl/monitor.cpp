@@ -9,7 +9,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
-#include <sys/signalfd.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -29,6 +29,7 @@
 #include "kernel_interface/tavik_wlan.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_kernel/emulator/control.h"
+#include "reference_kernel/emulator/emulator.h"
 #include "reference_kernel/emulator/unix_socket.h"
 
 namespace datapathctl {
@@ -129,23 +130,35 @@ FileDescriptor join_notifications() {
   return socket;
 }
 
+/// An eventfd that becomes readable when SIGINT or SIGTERM comes.
+int ended = -1;
+
+/// Has SIGINT and SIGTERM end read_until_signal(), and a write that waits for a reader: each second
+/// anew, for the write may begin, or go on, only after the signal. alarm(0) puts an end to that.
+void catch_signals() {
+  ended = eventfd(0, EFD_CLOEXEC);
+  struct sigaction action {};
+  action.sa_handler = [](int) {
+    eventfd_write(ended, 1);
+    alarm(1);
+  };
+  for (const int signal : {SIGINT, SIGTERM, SIGALRM}) {
+    sigaction(signal, &action, nullptr);
+  }
+}
+
 /// Calls `read` whenever there is something to read, until it returns false, output can't be
-/// written, or SIGINT or SIGTERM comes, which have to be blocked.
-Result read_until_signal(const sigset_t& ends, int fd, const std::function<bool()>& read) {
-  const FileDescriptor signals(signalfd(-1, &ends, SFD_CLOEXEC));
-  std::array<pollfd, 2> awaited{{{signals.get(), POLLIN, 0}, {fd, POLLIN, 0}}};
-  while (awaited[0].revents == 0) {
-    if (poll(awaited.data(), awaited.size(), -1) == -1 && errno != EINTR) {
-      fail("cannot wait for messages");
+/// written, or a signal comes.
+void read_until_signal(int fd, const std::function<bool()>& read) {
+  std::array<pollfd, 2> awaited{{{ended, POLLIN, 0}, {fd, POLLIN, 0}}};
+  while (awaited[0].revents == 0 && std::cout) {
+    if (poll(awaited.data(), awaited.size(), -1) == -1) {
+      continue;  // interrupted
     }
     if (awaited[1].revents != 0 && !read()) {
-      break;
-    }
-    if (!std::cout) {
-      return failure("cannot write the output");
+      return;
     }
   }
-  return {};
 }
 
 void tell_lost(uint32_t count) {
@@ -171,7 +184,7 @@ void show_packets(const FileDescriptor& packets, std::vector<uint8_t>* buffer, V
   tell_lost(statistics.tp_drops);
 }
 
-Result monitor_kernel(const Settings& settings, uint16_t family_id, const sigset_t& ends) {
+Result monitor_kernel(const Settings& settings, uint16_t family_id) {
   // Of protocol 0, it gets nothing before it is bound.
   const FileDescriptor packets(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!packets.is_open()) {
@@ -186,22 +199,22 @@ Result monitor_kernel(const Settings& settings, uint16_t family_id, const sigset
   }
   bind_to(packets, device.index());
   std::vector<uint8_t> buffer(kLongest);
-  return read_until_signal(ends, packets.get(), [&] {
+  read_until_signal(packets.get(), [&] {
     show_packets(packets, &buffer, &viewer);
     // What came here came there, too; this only keeps the socket from filling up.
     while (recv(notifications.get(), buffer.data(), buffer.size(), 0) >= 0) {
     }
     return true;
   });
+  return {};
 }
 
-Result monitor_emulator(const Settings& settings, const std::string& path, uint16_t family_id,
-                        const sigset_t& ends) {
+Result monitor_emulator(const Settings& settings, const std::string& path, uint16_t family_id) {
   return ask_emulator(path, [&](tavik_wlan::ControlClient& client) {
     client.monitor();
     Viewer viewer(settings, family_id);
     bool is_served = true;
-    const Result result = read_until_signal(ends, client.fd(), [&] {
+    read_until_signal(client.fd(), [&] {
       const std::optional<tavik_wlan::MonitoredDatagram> copy = client.next();
       is_served = copy.has_value();
       if (is_served) {
@@ -210,7 +223,7 @@ Result monitor_emulator(const Settings& settings, const std::string& path, uint1
       }
       return is_served;
     });
-    return is_served ? result : failure("the emulator has ended: " + path);
+    return is_served ? Result{} : failure("the emulator has ended: " + path);
   });
 }
 
@@ -221,11 +234,7 @@ Result run_monitor(Session& session, const Command&) {
   if (settings.emulate || settings.dry_run) {
     return usage_error("it watches a kernel, or the emulator of --socket");
   }
-  sigset_t ends;
-  sigemptyset(&ends);
-  sigaddset(&ends, SIGINT);
-  sigaddset(&ends, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+  catch_signals();
   corvil_netlink_set_timeout(settings.timeout_ms);
   if (!settings.socket.empty()) {
     corvil_netlink_set_emulator(settings.socket.c_str());
@@ -234,8 +243,26 @@ Result run_monitor(Session& session, const Command&) {
   uint16_t family_id = 0;
   corvil_netlink_query_genl(TAVIK_WLAN_FAMILY_NAME, TAVIK_WLAN_FAMILY_VERSION, &family_id);
   const std::string emulator = corvil_netlink_emulator();
-  return emulator.empty() ? monitor_kernel(settings, family_id, ends)
-                          : monitor_emulator(settings, emulator, family_id, ends);
+  Result result = emulator.empty() ? monitor_kernel(settings, family_id)
+                                   : monitor_emulator(settings, emulator, family_id);
+  alarm(0);
+  return result;
+}
+
+Result run_emulator(Session& session, const Command& command) {
+  const Settings& settings = session.settings();
+  catch_signals();
+  tavik_wlan::Emulator emulator(command.path);
+  emulator.inject(settings.faults.value_or(""));
+  std::cout << (settings.json ? json_text({{"serving", command.path}})
+                              : "serving TAVIK_WLAN at " + printable(command.path))
+            << std::endl;
+  Result result = monitor_emulator(settings, command.path, tavik_wlan::kFamilyId);
+  // Where output can't be written it serves on.
+  for (pollfd signal{.fd = ended, .events = POLLIN, .revents = 0}; poll(&signal, 1, -1) == -1;) {
+  }
+  alarm(0);
+  return result;
 }
 
 }  // namespace datapathctl

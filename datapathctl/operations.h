@@ -45,8 +45,8 @@ Result run_state(Session& session, const Command& command);
 /// with force, all.
 Result run_batch(Session& session, const Command& command);
 
-/// Serves an emulated kernel at a path until SIGINT or SIGTERM, and prints each request and what
-/// became of it.
+/// Serves an emulated kernel at a path, and shows what its clients say and hear, until SIGINT or
+/// SIGTERM.
 Result run_emulator(Session& session, const Command& command);
 
 /// Shows what clients of the kernel in this network namespace, or of the emulator that the settings

@@ -139,7 +139,7 @@ Result Session::start_kernel() {
   if (!emulator_) {
     return usage_error("--misbehave is for an emulator that is started here");
   }
-  emulator_->inject(tavik_wlan::parse_faults(*settings_.faults));
+  emulator_->inject(*settings_.faults);
   return {};
 }
 

@@ -15,26 +15,13 @@ namespace {
 /// Longer than any datagram of an emulator.
 constexpr size_t kBufferSize = size_t{256} * 1024;
 
-/// What stands before the bytes in the copy of a datagram, in host byte order.
-struct CopyHeader {
-  uint64_t time;  // in ns since 1970
-  uint32_t port_id;
-  uint32_t pid;
-  uint32_t lost;
-  uint32_t is_request;
-};
-
 [[noreturn]] void fail(int error) {
   throw std::system_error(error == EAGAIN ? ETIMEDOUT : error, std::generic_category());
 }
 
-Bytes bytes_of(const std::string& text) {
-  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
-}
-
 }  // namespace
 
-Datagram control_message(uint16_t type, Bytes payload) {
+Datagram control_message(uint16_t type, std::string_view payload) {
   const nlmsghdr header{.nlmsg_len = static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()),
                         .nlmsg_type = type,
                         .nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK,
@@ -46,16 +33,9 @@ Datagram control_message(uint16_t type, Bytes payload) {
   return message;
 }
 
-Datagram control_copy(const MonitoredDatagram& copy) {
-  const std::chrono::nanoseconds time = copy.time.time_since_epoch();
-  const CopyHeader header{.time = static_cast<uint64_t>(time.count()),
-                          .port_id = copy.port_id,
-                          .pid = static_cast<uint32_t>(copy.pid),
-                          .lost = copy.lost,
-                          .is_request = copy.is_request ? 1U : 0U};
-  Datagram payload(sizeof(header));
-  memcpy(payload.data(), &header, sizeof(header));
-  payload.insert(payload.end(), copy.bytes.begin(), copy.bytes.end());
+Datagram control_copy(const CopyHeader& header, Bytes bytes) {
+  std::string payload(reinterpret_cast<const char*>(&header), sizeof(header));
+  payload.append(bytes.begin(), bytes.end());
   return control_message(kControlMonitor, payload);
 }
 
@@ -82,19 +62,12 @@ std::optional<MonitoredDatagram> ControlClient::next() {
     fail(EBADMSG);
   }
   const Bytes payload = control_payload(*message);
-  const auto header = load<CopyHeader>(payload);
-  return MonitoredDatagram{
-      .time = std::chrono::system_clock::time_point(std::chrono::nanoseconds(header.time)),
-      .port_id = header.port_id,
-      .pid = static_cast<pid_t>(header.pid),
-      .is_request = header.is_request != 0,
-      .lost = header.lost,
-      .bytes = payload.subspan(sizeof(header))};
+  return MonitoredDatagram{load<CopyHeader>(payload), payload.subspan(sizeof(CopyHeader))};
 }
 
 /// Returns the text of the answer.
 std::string ControlClient::ask(uint16_t type, const std::string& text) {
-  const Datagram request = control_message(type, bytes_of(text));
+  const Datagram request = control_message(type, text);
   if (send(socket_.get(), request.data(), request.size(), MSG_NOSIGNAL) == -1) {
     fail(errno);
   }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kernel_interface/protocol.h"
@@ -24,21 +25,24 @@ enum Control : uint16_t {
 };
 
 /// A message of such a type, without padding, so that its length is that of its payload.
-Datagram control_message(uint16_t type, Bytes payload);
+Datagram control_message(uint16_t type, std::string_view payload);
 
-/// A copy of a datagram between the emulator and one of its clients, as a monitor gets it.
-struct MonitoredDatagram {
+/// What a monitor is told about the copy of a datagram.
+struct CopyHeader {
   // When the emulator received or sent it.
   std::chrono::system_clock::time_point time = std::chrono::system_clock::now();
-  uint32_t port_id = 0;     // of the client: its connection's number, which no other one gets
-  pid_t pid = 0;            // of the process that connected; 0: not known
-  bool is_request = false;  // received from the client; otherwise an answer sent to it
-  uint32_t lost = 0;        // how many are missing here, because the monitor read too slowly
-  Bytes bytes{};            // messages as in any datagram; empty where only `lost` is told
+  uint32_t port_id = 0;  // of the client: its connection's number, which no other one gets
+  pid_t pid = 0;         // of the process that connected; 0: not known
+  uint32_t lost = 0;     // how many are missing here, because the monitor read too slowly
 };
 
-/// A message with it.
-Datagram control_copy(const MonitoredDatagram& copy);
+/// A datagram between the emulator and one of its clients, as a monitor gets it.
+struct MonitoredDatagram : CopyHeader {
+  Bytes bytes{};  // empty where only `lost` is told
+};
+
+/// A message with such a copy.
+Datagram control_copy(const CopyHeader& header, Bytes bytes);
 
 /// The payload of a message of these types.
 inline Bytes control_payload(Bytes message) { return message.subspan(NLMSG_HDRLEN); }
@@ -51,7 +55,7 @@ class ControlClient {
   /// Connects to the emulator that serves at `path`, which may be an abstract address ("@name").
   ControlClient(const std::string& path, std::chrono::milliseconds patience);
 
-  /// What the family holds; see Emulator::state().
+  /// What the family holds; see State::text().
   std::string state();
 
   /// Replaces the faults by those that words name; see parse_faults(). EINVAL when one is unknown.

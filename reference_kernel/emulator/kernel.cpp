@@ -13,9 +13,6 @@
 namespace tavik_wlan {
 namespace {
 
-/// Unless a fault gives it another. A kernel hands ids out as families come.
-constexpr uint16_t kFamilyId = 28;
-
 Datagram stale_error(nlmsghdr request) {
   --request.nlmsg_seq;
   return acknowledgement(request, {-EIO, "refused an earlier request"});
@@ -23,12 +20,12 @@ Datagram stale_error(nlmsghdr request) {
 
 }  // namespace
 
-Answer Kernel::receive(Bytes datagram, const RequestObserver& observer) {
+Answer Kernel::receive(Bytes datagram) {
   const std::lock_guard lock(mutex_);
   answer_.clear();
   has_dumped_ = false;
   while (const std::optional<Bytes> message = take_message(datagram)) {
-    receive_message(*message, observer);
+    receive_message(*message);
   }
   injector_.spoil(answer_);
   return {std::move(answer_), std::chrono::milliseconds(injector_.faults().delay_ms)};
@@ -39,19 +36,17 @@ std::string Kernel::state() const {
   return state_.text();
 }
 
-void Kernel::inject(const Faults& faults) {
+void Kernel::inject(const std::string& words) {
+  const Faults faults = parse_faults(words);
   const std::lock_guard lock(mutex_);
   injector_.set(faults);
 }
 
-void Kernel::receive_message(Bytes message, const RequestObserver& observer) {
+void Kernel::receive_message(Bytes message) {
   const auto header = load<nlmsghdr>(message);
   const bool is_request =
       (header.nlmsg_flags & NLM_F_REQUEST) != 0 && header.nlmsg_type >= NLMSG_MIN_TYPE;
   auto [status, replies] = is_request ? handle(message) : Outcome{};
-  if (is_request && observer) {
-    observer(message, status);
-  }
   // NLMSG_DONE takes the place of an accepted dump's acknowledgement.
   const bool has_dumped = is_request && is_dump(header) && status.ok();
   has_dumped_ |= has_dumped;

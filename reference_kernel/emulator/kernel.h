@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -14,30 +13,29 @@
 
 namespace tavik_wlan {
 
+/// The family's id, unless a fault gives it another. A kernel hands ids out as families come.
+inline constexpr uint16_t kFamilyId = 28;
+
 /// What a client gets for one datagram of requests.
 struct Answer {
   std::vector<Datagram> datagrams{};
   std::chrono::milliseconds delay{0};  // to wait before they are sent
 };
 
-/// Sees a request, one message, and whether it was accepted, whatever becomes of the answer. It
-/// must neither throw nor call the kernel.
-using RequestObserver = std::function<void(Bytes message, const Status& status)>;
-
 /// Thread-safe.
 class Kernel {
  public:
   /// Handles a datagram of requests, whatever it holds.
-  Answer receive(Bytes datagram, const RequestObserver& observer = {});
+  Answer receive(Bytes datagram);
 
   /// See State::text().
   std::string state() const;
 
-  /// Replaces the faults.
-  void inject(const Faults& faults);
+  /// Replaces the faults; see parse_faults().
+  void inject(const std::string& words);
 
  private:
-  void receive_message(Bytes message, const RequestObserver& observer);
+  void receive_message(Bytes message);
   Outcome handle(Bytes message);
   Outcome handle_for_family(Bytes message);
   uint16_t family_id() const;

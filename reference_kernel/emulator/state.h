@@ -64,7 +64,17 @@ struct State {
   std::optional<Encapsulation> encapsulation{};
   std::set<Flow> flows{};
 
-  /// One line for each thing held, in a fixed order; empty when nothing is.
+  /// One line for each thing held, in this order; ports and SPIs in host byte order:
+  ///
+  ///     tuple ipv4 tcp 443
+  ///     tuple ipv4 esp 0x00001001
+  ///     device 1 wlan0                       selector, device
+  ///     forward 1 wwan0 wlan0                selector, from, to
+  ///     encap 4500                           then " pass-through" or " drop" where chosen
+  ///     lowlat 10.0.0.1 5000 10.0.0.2 5001   source and its port, destination and its port
+  ///
+  /// Tuples are sorted by IP version, transport protocol number and port or SPI, devices and
+  /// forwardings by selector and names, flows by IP version, source, destination and their ports.
   [[nodiscard]] std::string text() const;
 };
 
