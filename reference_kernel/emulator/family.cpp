@@ -167,8 +167,8 @@ Status unset_encapsulation(State& state, const Attributes& attributes) {
 }
 
 Status add_flow(State& state, const Attributes& attributes) {
-  const Flow flow{*parse_address(name_in(attributes, TAVIK_WLAN_ATTR_LL_SRC_ADDR)),
-                  *parse_address(name_in(attributes, TAVIK_WLAN_ATTR_LL_DST_ADDR)),
+  const Flow flow{*Address::parse(name_in(attributes, TAVIK_WLAN_ATTR_LL_SRC_ADDR)),
+                  *Address::parse(name_in(attributes, TAVIK_WLAN_ATTR_LL_DST_ADDR)),
                   port_in(attributes, TAVIK_WLAN_ATTR_LL_SRC_PORT),
                   port_in(attributes, TAVIK_WLAN_ATTR_LL_DST_PORT)};
   if (flow.source.ip_proto != flow.destination.ip_proto) {
@@ -258,14 +258,6 @@ Status validate_headers(Bytes message, const CommandInfo*& command) {
 }
 
 }  // namespace
-
-FamilyDescription describe_family(uint16_t id) {
-  return {.id = id,
-          .name = TAVIK_WLAN_FAMILY_NAME,
-          .version = TAVIK_WLAN_FAMILY_VERSION,
-          .max_attribute = TAVIK_WLAN_ATTR_MAX,
-          .commands = kCommands};
-}
 
 Outcome handle_family_request(Bytes message, State& state) {
   const CommandInfo* command = nullptr;

@@ -3,27 +3,15 @@
 #include <linux/genetlink.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <iterator>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
-#include <utility>
 
 namespace tavik_wlan {
 namespace {
-
-void mark_interrupted(Datagram& datagram) {
-  Bytes left = datagram;
-  while (const std::optional<Bytes> message = take_message(left)) {
-    auto header = load<nlmsghdr>(*message);
-    header.nlmsg_flags |= NLM_F_DUMP_INTR;
-    memcpy(datagram.data() + (message->data() - datagram.data()), &header, sizeof(header));
-  }
-}
 
 /// A number from min to max, in decimal.
 uint32_t parse_number(std::string_view text, uint32_t min, uint32_t max) {
@@ -40,14 +28,6 @@ uint32_t parse_number(std::string_view text, uint32_t min, uint32_t max) {
 /// A name such as EPERM, or a number.
 int parse_errno(std::string_view text) {
   constexpr int kMaxErrno = 4095;
-  // Second names of a number, which strerrorname_np() does not give.
-  constexpr std::pair<std::string_view, int> kAliases[] = {
-      {"EWOULDBLOCK", EWOULDBLOCK}, {"EDEADLOCK", EDEADLOCK}, {"ENOTSUP", ENOTSUP}};
-  for (const auto& [alias, error] : kAliases) {
-    if (alias == text) {
-      return error;
-    }
-  }
   for (int error = 1; error <= kMaxErrno; ++error) {
     const char* name = strerrorname_np(error);
     if (name != nullptr && name == text) {
@@ -115,32 +95,6 @@ Faults parse_faults(const std::string& words) {
     }
   }
   return faults;
-}
-
-Status FaultInjector::before_request() {
-  const bool refuses = faults_.refuse_nth > 0 && --faults_.refuse_nth == 0;
-  return refuses ? Status{-faults_.refuse_error, "refused on demand"} : Status{};
-}
-
-void FaultInjector::after_dump(std::vector<Datagram>& replies) {
-  if (faults_.interrupted_dumps > 0) {
-    --faults_.interrupted_dumps;
-    std::ranges::for_each(replies, mark_interrupted);
-  }
-}
-
-void FaultInjector::spoil(std::vector<Datagram>& answer) {
-  if (faults_.silent) {
-    answer.clear();
-  }
-  for (Datagram& datagram : answer) {
-    if (faults_.garbage) {
-      std::ranges::generate(datagram, [this] { return static_cast<uint8_t>(random_()); });
-    }
-    if (faults_.truncate != 0 && faults_.truncate < datagram.size()) {
-      datagram.resize(faults_.truncate);
-    }
-  }
 }
 
 }  // namespace tavik_wlan

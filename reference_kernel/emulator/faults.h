@@ -3,11 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <random>
 #include <string>
-#include <vector>
-
-#include "reference_kernel/emulator/netlink.h"
 
 namespace tavik_wlan {
 
@@ -54,26 +50,5 @@ std::string fault_words();
 /// The sum of words with blanks between them, such as "silent delay=20" or "refuse=2:EPERM"; "none"
 /// is the empty sum. Throws std::invalid_argument, with one line for the user.
 Faults parse_faults(const std::string& words);
-
-/// Injects faults. Not thread-safe.
-// NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.
-class FaultInjector {
- public:
-  void set(const Faults& faults) { faults_ = faults; }
-  [[nodiscard]] const Faults& faults() const { return faults_; }
-
-  /// Has a request to the family fail before it is handled.
-  Status before_request();
-
-  /// Has what was dumped become inconsistent.
-  void after_dump(std::vector<Datagram>& replies);
-
-  /// Has the whole answer to the messages of one datagram get lost or spoilt.
-  void spoil(std::vector<Datagram>& answer);
-
- private:
-  Faults faults_;  // its counters run down
-  std::minstd_rand random_;
-};
 
 }  // namespace tavik_wlan

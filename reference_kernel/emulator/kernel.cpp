@@ -2,20 +2,73 @@
 
 #include <linux/genetlink.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <optional>
 #include <utility>
 
-#include "reference_kernel/emulator/controller.h"
 #include "reference_kernel/emulator/family.h"
 
 namespace tavik_wlan {
 namespace {
 
+/// Whether a look-up is for the family: by its name, or where that is not given by its id.
+bool asks_for_family(Bytes message, uint16_t id) {
+  bool asks = false;
+  AttributeReader reader(message);
+  while (const std::optional<Attribute> attribute = reader.next()) {
+    const Bytes payload = attribute->payload;
+    if (attribute->type == CTRL_ATTR_FAMILY_NAME) {
+      const std::string name(payload.begin(), payload.end());
+      return strcmp(name.c_str(), TAVIK_WLAN_FAMILY_NAME) == 0;
+    }
+    if (attribute->type == CTRL_ATTR_FAMILY_ID && payload.size() >= sizeof(id)) {
+      asks = load<uint16_t>(payload) == id;
+    }
+  }
+  return asks;
+}
+
+/// What the controller tells about the family. Its containers are older than NLA_F_NESTED.
+Datagram describe_family(const nlmsghdr& request, uint16_t id) {
+  constexpr uint8_t kControllerVersion = 2;
+  DatagramWriter writer;
+  writer.begin_message(request, GENL_ID_CTRL, 0);
+  writer.append(genlmsghdr{CTRL_CMD_NEWFAMILY, kControllerVersion, 0});
+  writer.put_string(CTRL_ATTR_FAMILY_NAME, TAVIK_WLAN_FAMILY_NAME);
+  writer.put(CTRL_ATTR_FAMILY_ID, id);
+  writer.put(CTRL_ATTR_VERSION, uint32_t{TAVIK_WLAN_FAMILY_VERSION});
+  writer.put(CTRL_ATTR_HDRSIZE, uint32_t{0});
+  writer.put(CTRL_ATTR_MAXATTR, uint32_t{TAVIK_WLAN_ATTR_MAX});
+  // An array: the elements' types are their positions from 1.
+  const size_t operations = writer.begin_nest(CTRL_ATTR_OPS);
+  uint16_t position = 0;
+  for (const CommandInfo& command : kCommands) {
+    const size_t operation = writer.begin_nest(++position);
+    writer.put(CTRL_ATTR_OP_ID, uint32_t{command.command});
+    // A command without attributes has a policy, too: that there be none.
+    writer.put(CTRL_ATTR_OP_FLAGS, command.flags | GENL_CMD_CAP_HASPOL);
+    writer.end_nest(operation);
+  }
+  writer.end_nest(operations);
+  writer.end_message();
+  return writer.take();
+}
+
 Datagram stale_error(nlmsghdr request) {
   --request.nlmsg_seq;
   return acknowledgement(request, {-EIO, "refused an earlier request"});
+}
+
+void mark_interrupted(Datagram& datagram) {
+  Bytes left = datagram;
+  while (const std::optional<Bytes> message = take_message(left)) {
+    auto header = load<nlmsghdr>(*message);
+    header.nlmsg_flags |= NLM_F_DUMP_INTR;
+    memcpy(datagram.data() + (message->data() - datagram.data()), &header, sizeof(header));
+  }
 }
 
 }  // namespace
@@ -27,8 +80,8 @@ Answer Kernel::receive(Bytes datagram) {
   while (const std::optional<Bytes> message = take_message(datagram)) {
     receive_message(*message);
   }
-  injector_.spoil(answer_);
-  return {std::move(answer_), std::chrono::milliseconds(injector_.faults().delay_ms)};
+  spoil_answer();
+  return {std::move(answer_), std::chrono::milliseconds(faults_.delay_ms)};
 }
 
 std::string Kernel::state() const {
@@ -39,7 +92,7 @@ std::string Kernel::state() const {
 void Kernel::inject(const std::string& words) {
   const Faults faults = parse_faults(words);
   const std::lock_guard lock(mutex_);
-  injector_.set(faults);
+  faults_ = faults;
 }
 
 void Kernel::receive_message(Bytes message) {
@@ -53,7 +106,7 @@ void Kernel::receive_message(Bytes message) {
   if (!status.ok() || ((header.nlmsg_flags & NLM_F_ACK) != 0 && !has_dumped)) {
     replies.push_back(acknowledgement(header, status));
   }
-  if (injector_.faults().stale && !replies.empty()) {
+  if (faults_.stale && !replies.empty()) {
     replies.insert(replies.begin(), stale_error(header));
   }
   std::move(replies.begin(), replies.end(), std::back_inserter(answer_));
@@ -61,38 +114,60 @@ void Kernel::receive_message(Bytes message) {
 
 Outcome Kernel::handle(Bytes message) {
   const auto header = load<nlmsghdr>(message);
-  const bool is_absent = injector_.faults().absent;
-  const bool is_controller = header.nlmsg_type == GENL_ID_CTRL;
-  if (!is_controller && (is_absent || header.nlmsg_type != family_id())) {
+  if (header.nlmsg_type == GENL_ID_CTRL) {
+    return look_up(message);
+  }
+  if (faults_.absent || header.nlmsg_type != family_id()) {
     return {.status = {-ENOENT}};
   }
   if (is_dump(header) && has_dumped_) {
     // The kernel allows a socket one dump at a time. That also bounds the answer to one datagram.
     return {.status = {-EBUSY}};
   }
-  if (!is_controller) {
-    return handle_for_family(message);
-  }
-  std::vector<FamilyDescription> families{describe_controller()};
-  if (!is_absent) {
-    families.push_back(describe_family(family_id()));
-  }
-  return handle_controller_request(message, families);
-}
-
-Outcome Kernel::handle_for_family(Bytes message) {
-  if (Status status = injector_.before_request(); !status.ok()) {
-    return {.status = status};
+  if (faults_.refuse_nth > 0 && --faults_.refuse_nth == 0) {
+    return {.status = {-faults_.refuse_error, "refused on demand"}};
   }
   Outcome outcome = handle_family_request(message, state_);
-  if (outcome.status.ok() && is_dump(load<nlmsghdr>(message))) {
-    injector_.after_dump(outcome.replies);
+  if (outcome.status.ok() && is_dump(header) && faults_.interrupted_dumps > 0) {
+    --faults_.interrupted_dumps;
+    std::ranges::for_each(outcome.replies, mark_interrupted);
   }
   return outcome;
 }
 
+/// Handles a message to the controller, which tells about the family and nothing else.
+Outcome Kernel::look_up(Bytes message) const {
+  if (message.size() < NLMSG_HDRLEN + GENL_HDRLEN) {
+    return {.status = {-EINVAL}};
+  }
+  const auto header = load<nlmsghdr>(message);
+  const auto generic = load<genlmsghdr>(message.subspan(NLMSG_HDRLEN));
+  if (generic.cmd != CTRL_CMD_GETFAMILY || is_dump(header)) {
+    return {.status = {-EOPNOTSUPP}};
+  }
+  if (faults_.absent || !asks_for_family(message, family_id())) {
+    return {.status = {-ENOENT}};
+  }
+  return {.replies = {describe_family(header, family_id())}};
+}
+
+/// Has the whole answer to the messages of one datagram get lost or spoilt.
+void Kernel::spoil_answer() {
+  if (faults_.silent) {
+    answer_.clear();
+  }
+  for (Datagram& datagram : answer_) {
+    if (faults_.garbage) {
+      std::ranges::generate(datagram, [this] { return static_cast<uint8_t>(random_()); });
+    }
+    if (faults_.truncate != 0 && faults_.truncate < datagram.size()) {
+      datagram.resize(faults_.truncate);
+    }
+  }
+}
+
 uint16_t Kernel::family_id() const {
-  return injector_.faults().family_id != 0 ? injector_.faults().family_id : kFamilyId;
+  return faults_.family_id != 0 ? faults_.family_id : kFamilyId;
 }
 
 }  // namespace tavik_wlan

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ struct Answer {
 };
 
 /// Thread-safe.
+// NOLINTNEXTLINE(cert-msc51-cpp): the same seed each time, to repeat a failure.
 class Kernel {
  public:
   /// Handles a datagram of requests, whatever it holds.
@@ -37,12 +39,14 @@ class Kernel {
  private:
   void receive_message(Bytes message);
   Outcome handle(Bytes message);
-  Outcome handle_for_family(Bytes message);
-  uint16_t family_id() const;
+  [[nodiscard]] Outcome look_up(Bytes message) const;
+  void spoil_answer();
+  [[nodiscard]] uint16_t family_id() const;
 
   mutable std::mutex mutex_;  // of all that follows
   State state_;
-  FaultInjector injector_;
+  Faults faults_;  // its counters run down
+  std::minstd_rand random_;
   std::vector<Datagram> answer_;  // to the messages of the current datagram so far
   bool has_dumped_ = false;       // whether one of them was a dump
 };

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <span>
 
-#include "reference_kernel/emulator/address.h"
+#include "reference_kernel/emulator/state.h"
 #include "reference_kernel/tavik_wlan_limits.h"
 
 namespace tavik_wlan {
@@ -21,7 +21,7 @@ const char* validate_name(const Attribute& attribute) {
 }
 
 const char* validate_address(const Attribute& attribute) {
-  return parse_address(string_in(attribute)) ? nullptr : "invalid address";
+  return Address::parse(string_in(attribute)) ? nullptr : "invalid address";
 }
 
 const char* validate_tuple(const Attribute& attribute) {
@@ -48,9 +48,8 @@ const char* validate_tuple(const Attribute& attribute) {
 
 /// What attributes of a kind must look like.
 struct Policy {
-  uint32_t type = NL_ATTR_TYPE_INVALID;  // as an extack tells it; the kernel has no word for all
-  size_t length = 0;                     // of the payload; 0: it is not fixed
-  uint32_t max_length = 0;               // of a string, without its NUL
+  size_t length = 0;      // of the payload; 0: it is not fixed
+  size_t max_length = 0;  // of a string, without its NUL; 0: it is none
   /// The last check, which returns what is wrong, or null.
   const char* (*validate)(const Attribute& attribute) = nullptr;
 };
@@ -58,24 +57,15 @@ struct Policy {
 Policy policy_of(Kind kind) {
   switch (kind) {
     case Kind::kU8:
-      return {.type = NL_ATTR_TYPE_U8, .length = sizeof(uint8_t)};
+      return {.length = sizeof(uint8_t)};
     case Kind::kPort:
       return {.length = sizeof(uint16_t)};
-    case Kind::kString:
-      return {.type = NL_ATTR_TYPE_NUL_STRING, .max_length = GENL_NAMSIZ - 1};
     case Kind::kName:
-      return {.type = NL_ATTR_TYPE_NUL_STRING,
-              .max_length = TAVIK_WLAN_MAX_NAME,
-              .validate = validate_name};
+      return {.max_length = TAVIK_WLAN_MAX_NAME, .validate = validate_name};
     case Kind::kAddress:
-      return {.type = NL_ATTR_TYPE_NUL_STRING,
-              .max_length = TAVIK_WLAN_MAX_ADDRESS,
-              .validate = validate_address};
-    case Kind::kTuples:
-    case Kind::kTupleElement:
-      return {.type = NL_ATTR_TYPE_NESTED};
+      return {.max_length = TAVIK_WLAN_MAX_ADDRESS, .validate = validate_address};
     case Kind::kTuple:
-      return {.type = NL_ATTR_TYPE_BINARY, .validate = validate_tuple};
+      return {.validate = validate_tuple};
     default:
       return {};
   }
@@ -91,64 +81,16 @@ int validate_string(Bytes payload, size_t max_length) {
   return length > max_length ? -ERANGE : 0;
 }
 
-/// Validates a run of attributes one after the other. Those that `command` does not carry are not
-/// supported; without one all are.
 Status validate_run(AttributeReader run, std::span<const AttributeInfo> infos,
-                    const CommandInfo* command = nullptr, Attributes* attributes = nullptr) {
-  while (const std::optional<Attribute> attribute = run.next()) {
-    const AttributeInfo* info = find_attribute(infos, attribute->type);
-    if (info == nullptr) {
-      return {-EINVAL, "Unknown attribute type", attribute->offset};
-    }
-    if (command != nullptr && !command->carries(info->type)) {
-      return {-EINVAL, "Unsupported attribute", attribute->offset};
-    }
-    if (Status status = validate(*attribute, *info); !status.ok()) {
-      return status;
-    }
-    if (attributes != nullptr) {
-      attributes->at(info->type) = attribute;
-    }
-  }
-  return run.has_leftover() ? Status{-EINVAL, "bytes leftover after parsing attributes"} : Status{};
-}
+                    const CommandInfo* command = nullptr, Attributes* attributes = nullptr);
 
-void put_policy(DatagramWriter& writer, const Policy& policy) {
-  if (policy.type == NL_ATTR_TYPE_INVALID) {
-    return;
-  }
-  const size_t nest = writer.begin_nest(NLMSGERR_ATTR_POLICY | NLA_F_NESTED);
-  if (policy.type == NL_ATTR_TYPE_U8) {
-    writer.put(NL_POLICY_TYPE_ATTR_MIN_VALUE_U, uint64_t{0});
-    writer.put(NL_POLICY_TYPE_ATTR_MAX_VALUE_U, uint64_t{UINT8_MAX});
-  } else if (policy.type == NL_ATTR_TYPE_NUL_STRING) {
-    writer.put(NL_POLICY_TYPE_ATTR_MAX_LENGTH, policy.max_length);
-  }
-  writer.put(NL_POLICY_TYPE_ATTR_TYPE, policy.type);
-  writer.end_nest(nest);
-}
-
-void put_extack(DatagramWriter& writer, const Status& status) {
-  writer.put_string(NLMSGERR_ATTR_MSG, status.message);
-  if (status.offset) {
-    writer.put(NLMSGERR_ATTR_OFFS, *status.offset);
-  }
-  if (status.policy) {
-    put_policy(writer, policy_of(*status.policy));
-  }
-  if (status.missing_type) {
-    writer.put(NLMSGERR_ATTR_MISS_TYPE, *status.missing_type);
-  }
-}
-
-}  // namespace
-
+/// Validates an attribute, and what it holds, as strictly as the kernel does for new families.
 Status validate(const Attribute& attribute, const AttributeInfo& info) {
   const Policy policy = policy_of(info.kind);
-  const bool is_nested = policy.type == NL_ATTR_TYPE_NESTED;
+  const bool is_nested = !info.inside.empty();
   const size_t size = attribute.payload.size();
   const auto fail = [&](int error, const char* message) {
-    return Status{error, message, attribute.offset, info.kind};
+    return Status{error, message, attribute.offset};
   };
   if (policy.length != 0 && size != policy.length) {
     return fail(-EINVAL, "invalid attribute length");
@@ -167,8 +109,32 @@ Status validate(const Attribute& attribute, const AttributeInfo& info) {
     return validate_run(AttributeReader(attribute), info.inside);
   }
   const char* message = policy.validate != nullptr ? policy.validate(attribute) : nullptr;
-  return message != nullptr ? Status{-EINVAL, message, attribute.offset} : Status{};
+  return message != nullptr ? fail(-EINVAL, message) : Status{};
 }
+
+/// Validates a run of attributes one after the other. Those that `command` does not carry are not
+/// supported; without one all are.
+Status validate_run(AttributeReader run, std::span<const AttributeInfo> infos,
+                    const CommandInfo* command, Attributes* attributes) {
+  while (const std::optional<Attribute> attribute = run.next()) {
+    const AttributeInfo* info = find_attribute(infos, attribute->type);
+    if (info == nullptr) {
+      return {-EINVAL, "Unknown attribute type", attribute->offset};
+    }
+    if (command != nullptr && !command->carries(info->type)) {
+      return {-EINVAL, "Unsupported attribute", attribute->offset};
+    }
+    if (Status status = validate(*attribute, *info); !status.ok()) {
+      return status;
+    }
+    if (attributes != nullptr) {
+      attributes->at(info->type) = attribute;
+    }
+  }
+  return run.has_leftover() ? Status{-EINVAL, "bytes leftover after parsing attributes"} : Status{};
+}
+
+}  // namespace
 
 Status parse_attributes(Bytes message, const CommandInfo& command, Attributes& attributes) {
   Status status = validate_run(AttributeReader(message), kAttributes, &command, &attributes);
@@ -219,13 +185,18 @@ void DatagramWriter::append_bytes(Bytes bytes) {
 
 Datagram acknowledgement(const nlmsghdr& request, const Status& status) {
   DatagramWriter writer;
-  // The kernel tells nothing else of an extack that has no message.
   const bool has_extack = status.message != nullptr;
   writer.begin_message(request, NLMSG_ERROR,
                        static_cast<uint16_t>(NLM_F_CAPPED | (has_extack ? NLM_F_ACK_TLVS : 0)));
   writer.append(nlmsgerr{.error = status.error, .msg = request});
   if (has_extack) {
-    put_extack(writer, status);
+    writer.put_string(NLMSGERR_ATTR_MSG, status.message);
+  }
+  if (status.offset) {
+    writer.put(NLMSGERR_ATTR_OFFS, *status.offset);
+  }
+  if (status.missing_type) {
+    writer.put(NLMSGERR_ATTR_MISS_TYPE, *status.missing_type);
   }
   writer.end_message();
   return writer.take();

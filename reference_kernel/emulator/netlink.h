@@ -20,10 +20,9 @@ using Datagram = std::vector<uint8_t>;
 
 /// What the acknowledgement of a request says: its errno, and the extack that explains it.
 struct [[nodiscard]] Status {
-  int error = 0;                              // a negative errno
-  const char* message = nullptr;              // a literal; null: there is no extack
-  std::optional<uint32_t> offset = {};        // of the bad attribute's header in the request
-  std::optional<Kind> policy = {};            // that the bad attribute fails
+  int error = 0;                        // a negative errno
+  const char* message = nullptr;        // a literal; null: there is no extack, nor what follows
+  std::optional<uint32_t> offset = {};  // of the bad attribute's header in the request
   std::optional<uint32_t> missing_type = {};  // of the top-level attribute that is missing
 
   [[nodiscard]] bool ok() const { return error == 0; }
@@ -43,9 +42,6 @@ inline bool is_dump(const nlmsghdr& header) {
 inline std::string string_in(const Attribute& attribute) {
   return reinterpret_cast<const char*>(attribute.payload.data());
 }
-
-/// Validates an attribute, and what it holds, as strictly as the kernel does for new families.
-Status validate(const Attribute& attribute, const AttributeInfo& info);
 
 /// The attributes of a request to the family by type, of which the last of a type counts.
 using Attributes = std::array<std::optional<Attribute>, TAVIK_WLAN_ATTR_MAX + 1>;

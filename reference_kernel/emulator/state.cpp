@@ -6,6 +6,24 @@
 
 namespace tavik_wlan {
 
+std::optional<Address> Address::parse(const std::string& text) {
+  Address address;
+  if (inet_pton(AF_INET, text.c_str(), address.bytes.data()) == 1) {
+    return address;
+  }
+  address.ip_proto = TAVIK_WLAN_IP_PROTO_IPV6;
+  if (inet_pton(AF_INET6, text.c_str(), address.bytes.data()) == 1) {
+    return address;
+  }
+  return std::nullopt;
+}
+
+std::string Address::text() const {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  return inet_ntop(ip_proto == TAVIK_WLAN_IP_PROTO_IPV4 ? AF_INET : AF_INET6, bytes.data(),
+                   text.data(), text.size());
+}
+
 std::string State::text() const {
   std::ostringstream text;
   for (const DatapathTuple& tuple : tuples) {
@@ -21,8 +39,8 @@ std::string State::text() const {
     text << "encap " << encapsulation->port << encapsulation->action << '\n';
   }
   for (const Flow& flow : flows) {
-    text << "lowlat " << to_text(flow.source) << ' ' << flow.source_port << ' '
-         << to_text(flow.destination) << ' ' << flow.destination_port << '\n';
+    text << "lowlat " << flow.source.text() << ' ' << flow.source_port << ' '
+         << flow.destination.text() << ' ' << flow.destination_port << '\n';
   }
   return text.str();
 }

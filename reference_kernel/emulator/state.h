@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 
+#include <array>
 #include <compare>
 #include <cstdint>
 #include <map>
@@ -12,7 +13,6 @@
 #include <tuple>
 
 #include "kernel_interface/tavik_wlan.h"
-#include "reference_kernel/emulator/address.h"
 
 namespace tavik_wlan {
 
@@ -43,6 +43,19 @@ struct Forwarding {
 struct Encapsulation {
   uint16_t port;
   const char* action;  // " pass-through", " drop", or "" where neither was chosen
+};
+
+/// An IP address. A kernel reads and writes some in other ways than the C library does: it passes
+/// over leading zeros, say.
+struct Address {
+  uint8_t ip_proto = TAVIK_WLAN_IP_PROTO_IPV4;
+  std::array<uint8_t, 16> bytes{};  // network byte order; IPv4 has the first four
+
+  /// Nothing when the text names none.
+  static std::optional<Address> parse(const std::string& text);
+  [[nodiscard]] std::string text() const;
+
+  auto operator<=>(const Address&) const = default;
 };
 
 /// A low-latency flow.
