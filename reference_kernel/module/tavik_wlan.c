@@ -25,58 +25,85 @@
 #include "kernel_interface/tavik_wlan.h"
 #include "reference_kernel/tavik_wlan_limits.h"
 
-/*
- * The keys of what is held. memcmp() of their bytes, with the padding of names, orders them as they
- * are listed.
- */
-
-struct tavik_wlan_tuple {
-	u8 ip_proto;
-	u8 trans_proto;
-	__be32 key; /* the SPI when trans_proto is ESP, otherwise the port and two zero bytes */
-} __packed;
-
-struct tavik_wlan_forwarding {
-	u8 selector;
-	char from[TAVIK_WLAN_MAX_NAME + 1];
-	char to[TAVIK_WLAN_MAX_NAME + 1];
-} __packed;
-
 struct tavik_wlan_address {
 	u8 ip_proto;
 	u8 bytes[16]; /* IPv4 has the first four */
 } __packed;
 
-struct tavik_wlan_flow {
-	struct tavik_wlan_address source;
-	struct tavik_wlan_address destination;
-	__be16 source_port;
-	__be16 destination_port;
+/* The kinds of what is held, in the order in which they are listed. */
+enum tavik_wlan_kind {
+	TAVIK_WLAN_TUPLE,
+	TAVIK_WLAN_DEVICE,
+	TAVIK_WLAN_FORWARDING,
+	TAVIK_WLAN_ENCAP,
+	TAVIK_WLAN_FLOW,
+	TAVIK_WLAN_KINDS,
+};
+
+/* A thing that is held. Unused bytes, those behind names among them, are zero. */
+struct tavik_wlan_thing {
+	u8 kind;
+	union {
+		struct {
+			u8 ip_proto;
+			u8 trans_proto;
+			__be32 key; /* the SPI of ESP, otherwise the port and two zero bytes */
+		} __packed tuple;
+		struct {
+			u8 selector;
+			char name[TAVIK_WLAN_MAX_NAME + 1];
+		} device;
+		struct {
+			u8 selector;
+			char from[TAVIK_WLAN_MAX_NAME + 1];
+			char to[TAVIK_WLAN_MAX_NAME + 1];
+		} forwarding;
+		struct {
+			__be16 port;
+			const char *action; /* as it is listed */
+		} __packed encap;
+		struct {
+			struct tavik_wlan_address source;
+			struct tavik_wlan_address destination;
+			__be16 source_port;
+			__be16 destination_port;
+		} __packed flow;
+	};
 } __packed;
 
-/* A set of keys of one size, ordered as memcmp() orders them. */
+#define KEY_SIZE(last_member) offsetofend(struct tavik_wlan_thing, last_member)
+
+static const struct {
+	size_t key_size; /* of how many first bytes of a thing its key consists */
+	u32 limit;	 /* of how many may be held */
+	const char *exists;
+	const char *full;
+} kinds[TAVIK_WLAN_KINDS] = {
+	[TAVIK_WLAN_TUPLE] = { KEY_SIZE(tuple), TAVIK_WLAN_MAX_TUPLES },
+	[TAVIK_WLAN_DEVICE] = { KEY_SIZE(device.selector), U8_MAX + 1 },
+	[TAVIK_WLAN_FORWARDING] = { KEY_SIZE(forwarding), TAVIK_WLAN_MAX_FORWARDINGS,
+				    "the forwarding exists already", "too many forwardings" },
+	[TAVIK_WLAN_ENCAP] = { KEY_SIZE(kind), 1 },
+	[TAVIK_WLAN_FLOW] = { KEY_SIZE(flow), TAVIK_WLAN_MAX_FLOWS, "the flow exists already",
+			      "too many flows" },
+};
+
+/* Things with different keys, by kind and then in the order of the keys' bytes. */
 struct tavik_wlan_set {
 	struct rb_root root;
-	size_t key_size;
-	u32 count;
-	u32 limit;
+	u32 counts[TAVIK_WLAN_KINDS];
 };
 
 struct tavik_wlan_entry {
 	struct rb_node node;
-	u8 key[];
+	struct tavik_wlan_thing thing;
 };
 
 /* What a network namespace holds. */
 struct tavik_wlan_net {
 	struct mutex lock; /* of all that follows */
-	struct tavik_wlan_set tuples;
-	struct tavik_wlan_set forwardings;
-	struct tavik_wlan_set flows;
-	char devices[U8_MAX + 1][TAVIK_WLAN_MAX_NAME + 1]; /* by selector; empty: not set */
-	const char *encap_action; /* as it is listed; NULL: no encapsulation port is set */
-	__be16 encap_port;
-	u32 tuples_generation; /* changes with the tuples, is never 0 */
+	struct tavik_wlan_set held;
+	u32 tuples_generation; /* changes with the tuples, begins at 1 */
 };
 
 static unsigned int tavik_wlan_net_id __read_mostly;
@@ -94,8 +121,15 @@ static struct tavik_wlan_entry *entry_of(struct rb_node *node)
 	return rb_entry_safe(node, struct tavik_wlan_entry, node);
 }
 
-/* The first entry whose key is not below @key, or NULL. */
-static struct tavik_wlan_entry *set_lower_bound(const struct tavik_wlan_set *set, const void *key)
+/* Compares keys. */
+static int compare(const struct tavik_wlan_thing *a, const struct tavik_wlan_thing *b)
+{
+	return a->kind == b->kind ? memcmp(a, b, kinds[a->kind].key_size) : a->kind - b->kind;
+}
+
+/* The first entry whose key is not below that of @thing, or NULL. */
+static struct tavik_wlan_entry *set_lower_bound(const struct tavik_wlan_set *set,
+						const struct tavik_wlan_thing *thing)
 {
 	struct rb_node *node = set->root.rb_node;
 	struct tavik_wlan_entry *found = NULL;
@@ -103,7 +137,7 @@ static struct tavik_wlan_entry *set_lower_bound(const struct tavik_wlan_set *set
 	while (node) {
 		struct tavik_wlan_entry *entry = entry_of(node);
 
-		if (memcmp(entry->key, key, set->key_size) < 0) {
+		if (compare(&entry->thing, thing) < 0) {
 			node = node->rb_right;
 		} else {
 			found = entry;
@@ -113,11 +147,13 @@ static struct tavik_wlan_entry *set_lower_bound(const struct tavik_wlan_set *set
 	return found;
 }
 
-static struct tavik_wlan_entry *set_find(const struct tavik_wlan_set *set, const void *key)
+/* The entry with the key of @thing, or NULL. */
+static struct tavik_wlan_entry *set_find(const struct tavik_wlan_set *set,
+					 const struct tavik_wlan_thing *thing)
 {
-	struct tavik_wlan_entry *entry = set_lower_bound(set, key);
+	struct tavik_wlan_entry *entry = set_lower_bound(set, thing);
 
-	return entry && !memcmp(entry->key, key, set->key_size) ? entry : NULL;
+	return entry && !compare(&entry->thing, thing) ? entry : NULL;
 }
 
 /* Inserts @entry, whose key is not in the set yet. */
@@ -127,28 +163,27 @@ static void set_insert(struct tavik_wlan_set *set, struct tavik_wlan_entry *entr
 
 	while (*link) {
 		parent = *link;
-		link = memcmp(entry->key, entry_of(parent)->key, set->key_size) < 0
-			       ? &parent->rb_left
-			       : &parent->rb_right;
+		link = compare(&entry->thing, &entry_of(parent)->thing) < 0 ? &parent->rb_left
+									    : &parent->rb_right;
 	}
 	rb_link_node(&entry->node, parent, link);
 	rb_insert_color(&entry->node, &set->root);
-	set->count++;
+	set->counts[entry->thing.kind]++;
 }
 
-/* Adds a copy of @key. -EEXIST when the set has it, -ENOSPC when the set is full, or -ENOMEM. */
-static int set_add(struct tavik_wlan_set *set, const void *key)
+/* Adds a copy of @thing. -EEXIST, -ENOSPC when there are enough of its kind, or -ENOMEM. */
+static int set_add(struct tavik_wlan_set *set, const struct tavik_wlan_thing *thing)
 {
 	struct tavik_wlan_entry *entry;
 
-	if (set_find(set, key))
+	if (set_find(set, thing))
 		return -EEXIST;
-	if (set->count == set->limit)
+	if (set->counts[thing->kind] == kinds[thing->kind].limit)
 		return -ENOSPC;
-	entry = kmalloc(struct_size(entry, key, set->key_size), GFP_KERNEL_ACCOUNT);
+	entry = kmalloc(sizeof(*entry), GFP_KERNEL_ACCOUNT);
 	if (!entry)
 		return -ENOMEM;
-	memcpy(entry->key, key, set->key_size);
+	entry->thing = *thing;
 	set_insert(set, entry);
 	return 0;
 }
@@ -156,19 +191,16 @@ static int set_add(struct tavik_wlan_set *set, const void *key)
 static void set_unlink(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
 {
 	rb_erase(&entry->node, &set->root);
-	set->count--;
+	set->counts[entry->thing.kind]--;
 }
 
-/* Returns whether the set had @key. */
-static bool set_delete(struct tavik_wlan_set *set, const void *key)
+/* Removes @entry where it is not NULL, and returns whether that is so. */
+static bool set_remove(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
 {
-	struct tavik_wlan_entry *entry = set_find(set, key);
-
-	if (!entry)
-		return false;
-	set_unlink(set, entry);
+	if (entry)
+		set_unlink(set, entry);
 	kfree(entry);
-	return true;
+	return entry;
 }
 
 static void set_clear(struct tavik_wlan_set *set)
@@ -179,17 +211,7 @@ static void set_clear(struct tavik_wlan_set *set)
 		kfree(entry);
 		cond_resched(); /* a full set takes long */
 	}
-	set->root = RB_ROOT;
-	set->count = 0;
-}
-
-static void clear_all(struct tavik_wlan_net *tn)
-{
-	set_clear(&tn->tuples);
-	set_clear(&tn->forwardings);
-	set_clear(&tn->flows);
-	memset(tn->devices, 0, sizeof(tn->devices));
-	tn->encap_action = NULL;
+	memset(set, 0, sizeof(*set));
 }
 
 /* Moves the entries of @from, none of which is in @to yet. */
@@ -235,9 +257,9 @@ static int validate_tuple(const struct nlattr *attr, struct netlink_ext_ack *ext
 
 static int validate_name(const struct nlattr *attr, struct netlink_ext_ack *extack)
 {
-	return dev_valid_name(nla_data(attr))
-		       ? 0
-		       : REFUSE(extack, attr, -EINVAL, "invalid device name");
+	if (dev_valid_name(nla_data(attr)))
+		return 0;
+	return REFUSE(extack, attr, -EINVAL, "invalid device name");
 }
 
 static bool parse_address(const struct nlattr *attr, struct tavik_wlan_address *address)
@@ -301,77 +323,47 @@ static const struct nla_policy empty_policy[TAVIK_WLAN_ATTR_MAX + 1] = {};
 
 /* Commands. Each is called with the lock held and the attributes of its policy present. */
 
-static struct tavik_wlan_tuple tuple_from_wire(const struct nlattr *attr)
+/* Reads an element. What the policies cannot check: it holds exactly one tuple. */
+static int read_tuple(const struct nlattr *element, struct tavik_wlan_thing *tuple,
+		      struct netlink_ext_ack *extack)
 {
+	const struct nlattr *attr = nla_data(element);
 	const DatapathTuple *wire = nla_data(attr);
+	int left = nla_len(element);
 
-	return (struct tavik_wlan_tuple){
-		.ip_proto = wire->ip_proto,
-		.trans_proto = wire->trans_proto,
-		.key = wire->key.spi,
+	if (!left)
+		return REFUSE(extack, element, -EINVAL, "no tuple in an element");
+	attr = nla_next(attr, &left);
+	if (left)
+		return REFUSE(extack, attr, -EINVAL, "more than one tuple in an element");
+	*tuple = (struct tavik_wlan_thing){
+		.kind = TAVIK_WLAN_TUPLE,
+		.tuple = { wire->ip_proto, wire->trans_proto, wire->key.spi },
 	};
-}
-
-/* What the policies cannot check: each element holds exactly one tuple attribute. */
-static int check_elements(const struct nlattr *container, struct netlink_ext_ack *extack)
-{
-	const struct nlattr *element, *attr, *tuple;
-	int elements_left, attrs_left;
-
-	nla_for_each_nested(element, container, elements_left) {
-		tuple = NULL;
-		nla_for_each_nested(attr, element, attrs_left) {
-			if (tuple)
-				return REFUSE(extack, attr, -EINVAL,
-					      "more than one tuple in an element");
-			tuple = attr;
-		}
-		if (!tuple)
-			return REFUSE(extack, element, -EINVAL, "no tuple in an element");
-	}
 	return 0;
-}
-
-/* The tuple attribute of an element that check_elements() has passed. */
-static const struct nlattr *element_tuple(const struct nlattr *element)
-{
-	return nla_data(element);
-}
-
-static void tuples_changed(struct tavik_wlan_net *tn)
-{
-	if (!++tn->tuples_generation)
-		tn->tuples_generation = 1;
 }
 
 static int add_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct nlattr *element, *container = info->attrs[TAVIK_WLAN_ATTR_TUPLES];
-	struct tavik_wlan_set *tuples = &tn->tuples;
-	struct tavik_wlan_set added = {
-		.key_size = tuples->key_size,
-		.limit = tuples->limit,
-	};
-	struct tavik_wlan_tuple tuple;
-	int left, err;
+	struct tavik_wlan_set added = {};
+	struct tavik_wlan_thing tuple;
+	int left, err = 0;
+	u32 count;
 
-	err = check_elements(container, info->extack);
-	if (err)
-		return err;
 	nla_for_each_nested(element, container, left) {
-		tuple = tuple_from_wire(element_tuple(element));
-		if (set_find(tuples, &tuple))
-			continue;
-		err = set_add(&added, &tuple);
-		if (err && err != -EEXIST)
+		err = read_tuple(element, &tuple, info->extack);
+		if (!err && !set_find(&tn->held, &tuple) && !set_find(&added, &tuple))
+			err = set_add(&added, &tuple);
+		if (err)
 			goto out;
 	}
-	err = 0;
-	if (tuples->count + added.count > tuples->limit) {
+	count = added.counts[TAVIK_WLAN_TUPLE];
+	if (tn->held.counts[TAVIK_WLAN_TUPLE] + count > TAVIK_WLAN_MAX_TUPLES) {
 		err = REFUSE(info->extack, container, -ENOSPC, "too many tuples");
-	} else if (added.count) {
-		set_move_all(tuples, &added);
-		tuples_changed(tn);
+	} else if (count) {
+		set_move_all(&tn->held, &added);
+		tn->tuples_generation++;
 	}
 out:
 	set_clear(&added);
@@ -381,211 +373,208 @@ out:
 static int delete_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct nlattr *element, *container = info->attrs[TAVIK_WLAN_ATTR_TUPLES];
-	struct tavik_wlan_tuple tuple;
+	struct tavik_wlan_thing tuple;
 	int left, err;
 
-	err = check_elements(container, info->extack);
-	if (err)
-		return err;
 	nla_for_each_nested(element, container, left) {
-		tuple = tuple_from_wire(element_tuple(element));
-		if (!set_find(&tn->tuples, &tuple))
-			return REFUSE(info->extack, element_tuple(element), -ENOENT,
-				      "no such tuple");
+		err = read_tuple(element, &tuple, info->extack);
+		if (err)
+			return err;
+		if (!set_find(&tn->held, &tuple))
+			return REFUSE(info->extack, nla_data(element), -ENOENT, "no such tuple");
 	}
 	nla_for_each_nested(element, container, left) {
-		tuple = tuple_from_wire(element_tuple(element));
+		read_tuple(element, &tuple, info->extack);
 		/* A tuple that the request lists twice is gone the second time. */
-		if (set_delete(&tn->tuples, &tuple))
-			tuples_changed(tn);
+		if (set_remove(&tn->held, set_find(&tn->held, &tuple)))
+			tn->tuples_generation++;
 	}
 	return 0;
 }
 
-/* The device of the request's selector; empty when none is set. */
-static char *device_of(struct tavik_wlan_net *tn, struct genl_info *info)
+static struct tavik_wlan_thing device_of(struct genl_info *info)
 {
-	return tn->devices[nla_get_u8(info->attrs[TAVIK_WLAN_ATTR_SELECTOR])];
+	struct tavik_wlan_thing device = {
+		.kind = TAVIK_WLAN_DEVICE,
+		.device.selector = nla_get_u8(info->attrs[TAVIK_WLAN_ATTR_SELECTOR]),
+	};
+
+	strscpy(device.device.name, nla_data(info->attrs[TAVIK_WLAN_ATTR_DEV]),
+		sizeof(device.device.name));
+	return device;
 }
 
 static int set_device(struct tavik_wlan_net *tn, struct genl_info *info)
 {
+	const struct tavik_wlan_thing device = device_of(info);
+	const struct tavik_wlan_entry *held = set_find(&tn->held, &device);
 	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_DEV];
-	char *device = device_of(tn, info);
 
-	if (!strcmp(device, nla_data(attr)))
-		return REFUSE(info->extack, attr, -EEXIST, "the device is set already");
-	if (*device)
+	if (!held)
+		return set_add(&tn->held, &device);
+	if (strcmp(held->thing.device.name, device.device.name))
 		return REFUSE(info->extack, attr, -EBUSY, "another device is set");
-	strscpy(device, nla_data(attr), sizeof(tn->devices[0]));
-	return 0;
+	return REFUSE(info->extack, attr, -EEXIST, "the device is set already");
 }
 
 static int unset_device(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_DEV];
-	char *device = device_of(tn, info);
+	const struct tavik_wlan_thing device = device_of(info);
+	struct tavik_wlan_entry *held = set_find(&tn->held, &device);
 
-	if (strcmp(device, nla_data(attr)))
-		return REFUSE(info->extack, attr, -ENOENT, "the device is not set");
-	*device = '\0';
+	if (!held || strcmp(held->thing.device.name, device.device.name))
+		return REFUSE(info->extack, info->attrs[TAVIK_WLAN_ATTR_DEV], -ENOENT,
+			      "the device is not set");
+	set_remove(&tn->held, held);
 	return 0;
 }
 
-static struct tavik_wlan_forwarding forwarding_of(struct genl_info *info)
+static struct tavik_wlan_thing forwarding_of(struct genl_info *info)
 {
-	struct tavik_wlan_forwarding forwarding = {
-		.selector = nla_get_u8(info->attrs[TAVIK_WLAN_ATTR_SELECTOR]),
+	struct tavik_wlan_thing forwarding = {
+		.kind = TAVIK_WLAN_FORWARDING,
+		.forwarding.selector = nla_get_u8(info->attrs[TAVIK_WLAN_ATTR_SELECTOR]),
 	};
 
-	/* The padding is part of the key. */
-	strscpy_pad(forwarding.from, nla_data(info->attrs[TAVIK_WLAN_ATTR_FWD_FROM]),
-		    sizeof(forwarding.from));
-	strscpy_pad(forwarding.to, nla_data(info->attrs[TAVIK_WLAN_ATTR_FWD_TO]),
-		    sizeof(forwarding.to));
+	strscpy(forwarding.forwarding.from, nla_data(info->attrs[TAVIK_WLAN_ATTR_FWD_FROM]),
+		sizeof(forwarding.forwarding.from));
+	strscpy(forwarding.forwarding.to, nla_data(info->attrs[TAVIK_WLAN_ATTR_FWD_TO]),
+		sizeof(forwarding.forwarding.to));
 	return forwarding;
+}
+
+/* Adds a thing that @attr names the last part of. */
+static int add(struct tavik_wlan_net *tn, const struct tavik_wlan_thing *thing,
+	       struct netlink_ext_ack *extack, const struct nlattr *attr)
+{
+	int err = set_add(&tn->held, thing);
+
+	if (err == -EEXIST)
+		extack->_msg = kinds[thing->kind].exists;
+	else if (err == -ENOSPC)
+		extack->_msg = kinds[thing->kind].full;
+	NL_SET_BAD_ATTR(extack, attr);
+	return err;
 }
 
 static int add_forwarding(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	const struct tavik_wlan_forwarding forwarding = forwarding_of(info);
-	const struct nlattr *to = info->attrs[TAVIK_WLAN_ATTR_FWD_TO];
-	int err = set_add(&tn->forwardings, &forwarding);
+	const struct tavik_wlan_thing forwarding = forwarding_of(info);
 
-	if (err == -EEXIST)
-		NL_SET_ERR_MSG_ATTR(info->extack, to, "the forwarding exists already");
-	else if (err == -ENOSPC)
-		NL_SET_ERR_MSG_ATTR(info->extack, to, "too many forwardings");
-	return err;
+	return add(tn, &forwarding, info->extack, info->attrs[TAVIK_WLAN_ATTR_FWD_TO]);
 }
 
 static int delete_forwarding(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	const struct tavik_wlan_forwarding forwarding = forwarding_of(info);
+	const struct tavik_wlan_thing forwarding = forwarding_of(info);
 
-	return set_delete(&tn->forwardings, &forwarding)
-		       ? 0
-		       : REFUSE(info->extack, info->attrs[TAVIK_WLAN_ATTR_FWD_TO], -ENOENT,
-				"no such forwarding");
+	if (set_remove(&tn->held, set_find(&tn->held, &forwarding)))
+		return 0;
+	return REFUSE(info->extack, info->attrs[TAVIK_WLAN_ATTR_FWD_TO], -ENOENT,
+		      "no such forwarding");
 }
 
-static int set_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
-{
-	tn->encap_port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT]);
-	tn->encap_action = "";
-	return 0;
-}
-
-static int set_encap_action(struct tavik_wlan_net *tn, struct genl_info *info, const char *action)
+/* Sets or unsets the encapsulation port, or chooses what happens to its packets. */
+static int change_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT];
+	const u8 command = info->genlhdr->cmd;
+	const bool sets = command == TAVIK_WLAN_CMD_SET_ENCAP_PORT;
+	const struct tavik_wlan_thing encap = {
+		.kind = TAVIK_WLAN_ENCAP,
+		.encap.port = nla_get_be16(attr),
+		.encap.action = sets						? ""
+				: command == TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP ? " drop"
+										: " pass-through",
+	};
+	struct tavik_wlan_entry *held = set_find(&tn->held, &encap);
 
-	if (!tn->encap_action || tn->encap_port != nla_get_be16(attr))
+	if (!sets && (!held || held->thing.encap.port != encap.encap.port))
 		return REFUSE(info->extack, attr, -ENOENT, "the encapsulation port is not set");
-	tn->encap_action = action;
+	if (!held)
+		return set_add(&tn->held, &encap);
+	if (command == TAVIK_WLAN_CMD_UNSET_ENCAP_PORT)
+		set_remove(&tn->held, held);
+	else
+		held->thing = encap;
 	return 0;
-}
-
-static int unset_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
-{
-	return set_encap_action(tn, info, NULL);
-}
-
-static int pass_through_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
-{
-	return set_encap_action(tn, info, " pass-through");
-}
-
-static int drop_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
-{
-	return set_encap_action(tn, info, " drop");
 }
 
 static int add_flow(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	struct tavik_wlan_flow flow = {
-		.source_port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_LL_SRC_PORT]),
-		.destination_port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_LL_DST_PORT]),
+	struct tavik_wlan_thing flow = {
+		.kind = TAVIK_WLAN_FLOW,
+		.flow.source_port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_LL_SRC_PORT]),
+		.flow.destination_port = nla_get_be16(info->attrs[TAVIK_WLAN_ATTR_LL_DST_PORT]),
 	};
 	const struct nlattr *destination = info->attrs[TAVIK_WLAN_ATTR_LL_DST_ADDR];
-	int err;
 
-	parse_address(info->attrs[TAVIK_WLAN_ATTR_LL_SRC_ADDR], &flow.source);
-	parse_address(destination, &flow.destination);
-	if (flow.source.ip_proto != flow.destination.ip_proto)
+	parse_address(info->attrs[TAVIK_WLAN_ATTR_LL_SRC_ADDR], &flow.flow.source);
+	parse_address(destination, &flow.flow.destination);
+	if (flow.flow.source.ip_proto != flow.flow.destination.ip_proto)
 		return REFUSE(info->extack, destination, -EINVAL,
 			      "addresses of different families");
-	err = set_add(&tn->flows, &flow);
-	if (err == -EEXIST)
-		NL_SET_ERR_MSG_ATTR(info->extack, destination, "the flow exists already");
-	else if (err == -ENOSPC)
-		NL_SET_ERR_MSG_ATTR(info->extack, destination, "too many flows");
-	return err;
+	return add(tn, &flow, info->extack, destination);
 }
 
 static int flush_flows(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	set_clear(&tn->flows);
+	const struct tavik_wlan_thing first = { .kind = TAVIK_WLAN_FLOW };
+
+	while (tn->held.counts[TAVIK_WLAN_FLOW])
+		set_remove(&tn->held, set_lower_bound(&tn->held, &first));
 	return 0;
 }
 
 static int reset(struct tavik_wlan_net *tn, struct genl_info *info)
 {
-	clear_all(tn);
-	tuples_changed(tn);
+	set_clear(&tn->held);
+	tn->tuples_generation++;
 	return 0;
 }
 
 /* The dump of the tuples */
 
-/* Where a dump continues. Kept in the callback's context from one part to the next. */
-struct tavik_wlan_cursor {
-	struct tavik_wlan_tuple next; /* may be gone by then: the first one not below it is meant */
-};
-static_assert(sizeof(struct tavik_wlan_cursor) <= sizeof_field(struct netlink_callback, ctx));
+/* A dump continues at the first tuple not below the one that the callback's context keeps. */
+static_assert(sizeof(struct tavik_wlan_thing) <= sizeof_field(struct netlink_callback, ctx));
 
-static int put_tuple(struct sk_buff *skb, const struct tavik_wlan_tuple *tuple)
+static int put_tuple(struct sk_buff *skb, const struct tavik_wlan_thing *thing)
 {
-	struct nlattr *element = nla_nest_start(skb, TAVIK_WLAN_TUPLE_ELEMENT);
-	const DatapathTuple wire = {
-		.key.spi = tuple->key,
-		.ip_proto = tuple->ip_proto,
-		.trans_proto = tuple->trans_proto,
+	const struct {
+		struct nlattr header;
+		DatapathTuple wire;
+	} element = {
+		.header = { sizeof(element), TAVIK_WLAN_TUPLE_ATTR },
+		.wire = { .key.spi = thing->tuple.key,
+			  .ip_proto = thing->tuple.ip_proto,
+			  .trans_proto = thing->tuple.trans_proto },
 	};
 
-	if (!element)
-		return -EMSGSIZE;
-	if (nla_put(skb, TAVIK_WLAN_TUPLE_ATTR, sizeof(wire), &wire)) {
-		nla_nest_cancel(skb, element);
-		return -EMSGSIZE;
-	}
-	nla_nest_end(skb, element);
-	return 0;
+	return nla_put(skb, TAVIK_WLAN_TUPLE_ELEMENT | NLA_F_NESTED, sizeof(element), &element);
+}
+
+static bool is_tuple(const struct tavik_wlan_entry *entry)
+{
+	return entry && entry->thing.kind == TAVIK_WLAN_TUPLE;
 }
 
 /* Puts one message with the tuples from *@entry on that fit, and moves *@entry behind them. */
 static int put_message(struct sk_buff *skb, struct netlink_callback *cb,
 		       struct tavik_wlan_entry **entry)
 {
+	void *header = genlmsg_put(skb, NETLINK_CB(cb->skb).portid, cb->nlh->nlmsg_seq,
+				   &tavik_wlan_family, NLM_F_MULTI, TAVIK_WLAN_CMD_GET_TUPLES);
 	struct nlattr *container;
-	void *header;
-	int count;
+	int left = TAVIK_WLAN_TUPLES_PER_MESSAGE;
 
-	header = genlmsg_put(skb, NETLINK_CB(cb->skb).portid, cb->nlh->nlmsg_seq,
-			     &tavik_wlan_family, NLM_F_MULTI, TAVIK_WLAN_CMD_GET_TUPLES);
 	if (!header)
 		return -EMSGSIZE;
 	genl_dump_check_consistent(cb, header);
 	container = nla_nest_start(skb, TAVIK_WLAN_ATTR_TUPLES);
-	for (count = 0; *entry && count < TAVIK_WLAN_TUPLES_PER_MESSAGE; count++) {
-		if (!container || put_tuple(skb, (const void *)(*entry)->key))
-			break;
-		*entry = entry_of(rb_next(&(*entry)->node));
-	}
-	if (!count) {
-		genlmsg_cancel(skb, header);
+	if (!container)
 		return -EMSGSIZE;
-	}
+	for (; is_tuple(*entry) && left && !put_tuple(skb, &(*entry)->thing); left--)
+		*entry = entry_of(rb_next(&(*entry)->node));
 	nla_nest_end(skb, container);
 	genlmsg_end(skb, header);
 	return 0;
@@ -598,17 +587,17 @@ static int put_message(struct sk_buff *skb, struct netlink_callback *cb,
 static int dump_tuples(struct sk_buff *skb, struct netlink_callback *cb)
 {
 	struct tavik_wlan_net *tn = tavik_wlan_net(sock_net(cb->skb->sk));
-	struct tavik_wlan_cursor *cursor = (void *)cb->ctx;
+	struct tavik_wlan_thing *next = (void *)cb->ctx;
 	struct tavik_wlan_entry *entry;
 	int err = 0;
 
 	mutex_lock(&tn->lock);
 	cb->seq = tn->tuples_generation;
-	entry = set_lower_bound(&tn->tuples, &cursor->next);
-	if (entry)
+	entry = set_lower_bound(&tn->held, next);
+	if (is_tuple(entry))
 		err = put_message(skb, cb, &entry);
-	if (!err && entry) {
-		memcpy(&cursor->next, entry->key, sizeof(cursor->next));
+	if (!err && is_tuple(entry)) {
+		*next = entry->thing;
 		err = skb->len;
 	}
 	mutex_unlock(&tn->lock);
@@ -617,49 +606,25 @@ static int dump_tuples(struct sk_buff *skb, struct netlink_callback *cb)
 
 /* The family */
 
-static int configure(struct sk_buff *skb, struct genl_info *info);
-
-#define CONFIGURE(command, its_policy)                                                             \
-	[(command)-1] = { .cmd = (command),                                                        \
-			  .doit = configure,                                                       \
-			  .flags = GENL_UNS_ADMIN_PERM,                                            \
-			  .policy = (its_policy),                                                  \
-			  .maxattr = TAVIK_WLAN_ATTR_MAX }
-
-static const struct genl_ops operations[] = {
-	CONFIGURE(TAVIK_WLAN_CMD_ADD_TUPLES, tuples_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_DEL_TUPLES, tuples_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_SET_DEV, device_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_UNSET_DEV, device_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_ADD_FWD_INFO, forwarding_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_DEL_FWD_INFO, forwarding_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_SET_ENCAP_PORT, encap_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_UNSET_ENCAP_PORT, encap_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_RESET, empty_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH, encap_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP, encap_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_LL_ADDR_ADD, flow_policy),
-	CONFIGURE(TAVIK_WLAN_CMD_LL_ADDR_FLUSH, empty_policy),
-	[TAVIK_WLAN_CMD_GET_TUPLES - 1] = { .cmd = TAVIK_WLAN_CMD_GET_TUPLES,
-					    .dumpit = dump_tuples,
-					    .policy = empty_policy,
-					    .maxattr = TAVIK_WLAN_ATTR_MAX },
-};
-
-static int (*const apply[])(struct tavik_wlan_net *tn, struct genl_info *info) = {
-	[TAVIK_WLAN_CMD_ADD_TUPLES] = add_tuples,
-	[TAVIK_WLAN_CMD_DEL_TUPLES] = delete_tuples,
-	[TAVIK_WLAN_CMD_SET_DEV] = set_device,
-	[TAVIK_WLAN_CMD_UNSET_DEV] = unset_device,
-	[TAVIK_WLAN_CMD_ADD_FWD_INFO] = add_forwarding,
-	[TAVIK_WLAN_CMD_DEL_FWD_INFO] = delete_forwarding,
-	[TAVIK_WLAN_CMD_SET_ENCAP_PORT] = set_encap_port,
-	[TAVIK_WLAN_CMD_UNSET_ENCAP_PORT] = unset_encap_port,
-	[TAVIK_WLAN_CMD_RESET] = reset,
-	[TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH] = pass_through_encap_port,
-	[TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP] = drop_encap_port,
-	[TAVIK_WLAN_CMD_LL_ADDR_ADD] = add_flow,
-	[TAVIK_WLAN_CMD_LL_ADDR_FLUSH] = flush_flows,
+/* By command. The dump has nothing to apply. */
+static const struct {
+	const struct nla_policy *policy;
+	int (*apply)(struct tavik_wlan_net *tn, struct genl_info *info);
+} commands[] = {
+	[TAVIK_WLAN_CMD_ADD_TUPLES] = { tuples_policy, add_tuples },
+	[TAVIK_WLAN_CMD_DEL_TUPLES] = { tuples_policy, delete_tuples },
+	[TAVIK_WLAN_CMD_SET_DEV] = { device_policy, set_device },
+	[TAVIK_WLAN_CMD_UNSET_DEV] = { device_policy, unset_device },
+	[TAVIK_WLAN_CMD_ADD_FWD_INFO] = { forwarding_policy, add_forwarding },
+	[TAVIK_WLAN_CMD_DEL_FWD_INFO] = { forwarding_policy, delete_forwarding },
+	[TAVIK_WLAN_CMD_SET_ENCAP_PORT] = { encap_policy, change_encap_port },
+	[TAVIK_WLAN_CMD_UNSET_ENCAP_PORT] = { encap_policy, change_encap_port },
+	[TAVIK_WLAN_CMD_RESET] = { empty_policy, reset },
+	[TAVIK_WLAN_CMD_ENCAP_PORT_ACT_PASS_THROUGH] = { encap_policy, change_encap_port },
+	[TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP] = { encap_policy, change_encap_port },
+	[TAVIK_WLAN_CMD_LL_ADDR_ADD] = { flow_policy, add_flow },
+	[TAVIK_WLAN_CMD_LL_ADDR_FLUSH] = { empty_policy, flush_flows },
+	[TAVIK_WLAN_CMD_GET_TUPLES] = { empty_policy },
 };
 
 static int require_attributes(const struct nla_policy *policy, struct genl_info *info)
@@ -682,14 +647,17 @@ static int configure(struct sk_buff *skb, struct genl_info *info)
 	u8 command = info->genlhdr->cmd;
 	int err;
 
-	err = require_attributes(operations[command - 1].policy, info);
+	err = require_attributes(commands[command].policy, info);
 	if (err)
 		return err;
 	mutex_lock(&tn->lock);
-	err = apply[command](tn, info);
+	err = commands[command].apply(tn, info);
 	mutex_unlock(&tn->lock);
 	return err;
 }
+
+/* The commands, from 1 on. */
+static struct genl_ops operations[ARRAY_SIZE(commands) - 1] __ro_after_init;
 
 static struct genl_family tavik_wlan_family __ro_after_init = {
 	.name = TAVIK_WLAN_FAMILY_NAME,
@@ -704,28 +672,6 @@ static struct genl_family tavik_wlan_family __ro_after_init = {
 
 /* /proc/net/tavik_wlan */
 
-static void show_tuple(struct seq_file *seq, const void *key)
-{
-	const struct tavik_wlan_tuple *tuple = key;
-	const u32 spi = be32_to_cpu(tuple->key);
-
-	seq_printf(seq, "tuple ipv%u ", tuple->ip_proto);
-	if (tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP)
-		seq_printf(seq, "esp 0x%08x\n", spi);
-	else
-		seq_printf(seq, "%s %u\n",
-			   tuple->trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP ? "tcp" : "udp",
-			   spi >> 16);
-}
-
-static void show_forwarding(struct seq_file *seq, const void *key)
-{
-	const struct tavik_wlan_forwarding *forwarding = key;
-
-	seq_printf(seq, "forward %u %s %s\n", forwarding->selector, forwarding->from,
-		   forwarding->to);
-}
-
 static void show_address(struct seq_file *seq, const struct tavik_wlan_address *address, u16 port)
 {
 	if (address->ip_proto == TAVIK_WLAN_IP_PROTO_IPV4)
@@ -734,118 +680,81 @@ static void show_address(struct seq_file *seq, const struct tavik_wlan_address *
 		seq_printf(seq, " %pI6c %u", address->bytes, port);
 }
 
-static void show_flow(struct seq_file *seq, const void *key)
+static int reader_show(struct seq_file *seq, void *entry)
 {
-	const struct tavik_wlan_flow *flow = key;
+	const struct tavik_wlan_thing *thing = &((struct tavik_wlan_entry *)entry)->thing;
+	u32 spi;
 
-	seq_puts(seq, "lowlat");
-	show_address(seq, &flow->source, be16_to_cpu(flow->source_port));
-	show_address(seq, &flow->destination, be16_to_cpu(flow->destination_port));
-	seq_putc(seq, '\n');
-}
-
-static void show_devices(struct seq_file *seq, const void *net)
-{
-	const struct tavik_wlan_net *tn = net;
-	int selector;
-
-	for (selector = 0; selector <= U8_MAX; selector++) {
-		if (*tn->devices[selector])
-			seq_printf(seq, "device %u %s\n", selector, tn->devices[selector]);
+	switch (thing->kind) {
+	case TAVIK_WLAN_TUPLE:
+		spi = be32_to_cpu(thing->tuple.key);
+		seq_printf(seq, "tuple ipv%u ", thing->tuple.ip_proto);
+		if (thing->tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_ESP)
+			seq_printf(seq, "esp 0x%08x\n", spi);
+		else if (thing->tuple.trans_proto == TAVIK_WLAN_TRANS_PROTO_TCP)
+			seq_printf(seq, "tcp %u\n", spi >> 16);
+		else
+			seq_printf(seq, "udp %u\n", spi >> 16);
+		break;
+	case TAVIK_WLAN_DEVICE:
+		seq_printf(seq, "device %u %s\n", thing->device.selector, thing->device.name);
+		break;
+	case TAVIK_WLAN_FORWARDING:
+		seq_printf(seq, "forward %u %s %s\n", thing->forwarding.selector,
+			   thing->forwarding.from, thing->forwarding.to);
+		break;
+	case TAVIK_WLAN_ENCAP:
+		seq_printf(seq, "encap %u%s\n", be16_to_cpu(thing->encap.port),
+			   thing->encap.action);
+		break;
+	case TAVIK_WLAN_FLOW:
+		seq_puts(seq, "lowlat");
+		show_address(seq, &thing->flow.source, be16_to_cpu(thing->flow.source_port));
+		show_address(seq, &thing->flow.destination,
+			     be16_to_cpu(thing->flow.destination_port));
+		seq_putc(seq, '\n');
+		break;
 	}
+	return 0;
 }
-
-static void show_encap(struct seq_file *seq, const void *net)
-{
-	const struct tavik_wlan_net *tn = net;
-
-	if (tn->encap_action)
-		seq_printf(seq, "encap %u%s\n", be16_to_cpu(tn->encap_port), tn->encap_action);
-}
-
-/* The parts of the text: a set is shown key by key, what is not a set at one go. */
-static const struct {
-	size_t set; /* its offset; 0: not a set */
-	void (*show)(struct seq_file *seq, const void *key_or_net);
-} parts[] = {
-	{ offsetof(struct tavik_wlan_net, tuples), show_tuple },
-	{ 0, show_devices },
-	{ offsetof(struct tavik_wlan_net, forwardings), show_forwarding },
-	{ 0, show_encap },
-	{ offsetof(struct tavik_wlan_net, flows), show_flow },
-};
 
 /*
- * A reader of the text. It holds the lock only while it fills one buffer. A key that stays is read
- * once, one that is added or removed meanwhile may be read or not.
+ * A reader of the text. It holds the lock only while it fills one buffer. A thing that stays is
+ * read once, one that is added or removed meanwhile may be read or not.
  */
 struct tavik_wlan_reader {
-	struct seq_net_private net;		/* seq_file_net() expects it first */
-	unsigned int part;			/* that is shown next */
-	u8 key[sizeof(struct tavik_wlan_flow)]; /* that is shown next; may be gone by then */
+	struct seq_net_private net;   /* seq_file_net() expects it first */
+	struct tavik_wlan_thing next; /* to be shown; may be gone by then */
 };
-static_assert(sizeof(struct tavik_wlan_flow) >= sizeof(struct tavik_wlan_forwarding));
-
-static const struct tavik_wlan_set *reader_set(struct seq_file *seq)
-{
-	const struct tavik_wlan_reader *reader = seq->private;
-	const size_t set = parts[reader->part].set;
-
-	return set ? (void *)tavik_wlan_net(seq_file_net(seq)) + set : NULL;
-}
-
-/* Moves the reader to @entry, or without one to the beginning of the next part. */
-static void *reader_move(struct seq_file *seq, struct tavik_wlan_entry *entry)
-{
-	struct tavik_wlan_reader *reader = seq->private;
-
-	while (!entry && ++reader->part < ARRAY_SIZE(parts)) {
-		if (!reader_set(seq))
-			return SEQ_START_TOKEN;
-		entry = entry_of(rb_first(&reader_set(seq)->root));
-	}
-	if (entry)
-		memcpy(reader->key, entry->key, reader_set(seq)->key_size);
-	return entry;
-}
 
 static void *reader_start(struct seq_file *seq, loff_t *position)
 {
+	struct tavik_wlan_net *tn = tavik_wlan_net(seq_file_net(seq));
 	struct tavik_wlan_reader *reader = seq->private;
 
-	mutex_lock(&tavik_wlan_net(seq_file_net(seq))->lock);
-	if (*position == 0) {
-		reader->part = 0;
-		memset(reader->key, 0, sizeof(reader->key));
-	}
-	if (reader->part == ARRAY_SIZE(parts))
-		return NULL;
-	if (!reader_set(seq))
-		return SEQ_START_TOKEN;
-	return reader_move(seq, set_lower_bound(reader_set(seq), reader->key));
+	mutex_lock(&tn->lock);
+	if (*position == 0)
+		memset(&reader->next, 0, sizeof(reader->next));
+	return set_lower_bound(&tn->held, &reader->next);
 }
 
 static void *reader_next(struct seq_file *seq, void *shown, loff_t *position)
 {
-	struct tavik_wlan_entry *entry = shown == SEQ_START_TOKEN ? NULL : shown;
+	struct tavik_wlan_reader *reader = seq->private;
+	struct tavik_wlan_entry *entry = shown;
 
 	++*position;
-	return reader_move(seq, entry ? entry_of(rb_next(&entry->node)) : NULL);
+	entry = entry_of(rb_next(&entry->node));
+	if (entry)
+		reader->next = entry->thing;
+	else
+		reader->next.kind = TAVIK_WLAN_KINDS; /* behind all */
+	return entry;
 }
 
 static void reader_stop(struct seq_file *seq, void *entry)
 {
 	mutex_unlock(&tavik_wlan_net(seq_file_net(seq))->lock);
-}
-
-static int reader_show(struct seq_file *seq, void *entry)
-{
-	const struct tavik_wlan_reader *reader = seq->private;
-	const void *shown = entry == SEQ_START_TOKEN ? (void *)tavik_wlan_net(seq_file_net(seq))
-						     : ((struct tavik_wlan_entry *)entry)->key;
-
-	parts[reader->part].show(seq, shown);
-	return 0;
 }
 
 static const struct seq_operations reader_operations = {
@@ -863,12 +772,6 @@ static int __net_init tavik_wlan_net_init(struct net *net)
 
 	mutex_init(&tn->lock);
 	tn->tuples_generation = 1;
-	tn->tuples.key_size = sizeof(struct tavik_wlan_tuple);
-	tn->tuples.limit = TAVIK_WLAN_MAX_TUPLES;
-	tn->forwardings.key_size = sizeof(struct tavik_wlan_forwarding);
-	tn->forwardings.limit = TAVIK_WLAN_MAX_FORWARDINGS;
-	tn->flows.key_size = sizeof(struct tavik_wlan_flow);
-	tn->flows.limit = TAVIK_WLAN_MAX_FLOWS;
 	if (!proc_create_net("tavik_wlan", 0444, net->proc_net, &reader_operations,
 			     sizeof(struct tavik_wlan_reader)))
 		return -ENOMEM;
@@ -878,7 +781,7 @@ static int __net_init tavik_wlan_net_init(struct net *net)
 static void __net_exit tavik_wlan_net_exit(struct net *net)
 {
 	remove_proc_entry("tavik_wlan", net->proc_net);
-	clear_all(tavik_wlan_net(net));
+	set_clear(&tavik_wlan_net(net)->held);
 }
 
 static struct pernet_operations tavik_wlan_net_ops = {
@@ -890,8 +793,21 @@ static struct pernet_operations tavik_wlan_net_ops = {
 
 static int __init tavik_wlan_init(void)
 {
+	u8 command;
 	int err;
 
+	for (command = 1; command < ARRAY_SIZE(commands); command++) {
+		struct genl_ops *operation = &operations[command - 1];
+
+		operation->cmd = command;
+		operation->policy = commands[command].policy;
+		if (commands[command].apply) {
+			operation->doit = configure;
+			operation->flags = GENL_UNS_ADMIN_PERM;
+		} else {
+			operation->dumpit = dump_tuples;
+		}
+	}
 	err = register_pernet_subsys(&tavik_wlan_net_ops);
 	if (err)
 		return err;

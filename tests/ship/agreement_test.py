@@ -84,7 +84,7 @@ class AgreementTest(unittest.TestCase):
         policies = {name: dict(re.findall(r"TAVIK_WLAN_ATTR_(\w+)\] = (?:{ \.type = )?(\w+)", its))
                     for name, its in re.findall(r"(\w+)\[TAVIK_WLAN_ATTR_MAX \+ 1\] = {(.*?)};",
                                                 MODULE, re.DOTALL)}
-        commands = re.findall(r"TAVIK_WLAN_CMD_(\w+),[^;]*?(\w+_policy)", MODULE)
+        commands = re.findall(r"TAVIK_WLAN_CMD_(\w+)\] = { (\w+_policy)", MODULE)
         self.expect_agreement((its for policy in policies.values() for its in policy.items()),
                               {command: policies[policy] for command, policy in commands})
 
