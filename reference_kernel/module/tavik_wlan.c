@@ -197,10 +197,11 @@ static void set_unlink(struct tavik_wlan_set *set, struct tavik_wlan_entry *entr
 /* Removes @entry where it is not NULL, and returns whether that is so. */
 static bool set_remove(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
 {
-	if (entry)
-		set_unlink(set, entry);
+	if (!entry)
+		return false;
+	set_unlink(set, entry);
 	kfree(entry);
-	return entry;
+	return true;
 }
 
 static void set_clear(struct tavik_wlan_set *set)
@@ -480,12 +481,11 @@ static int change_encap_port(struct tavik_wlan_net *tn, struct genl_info *info)
 	const struct nlattr *attr = info->attrs[TAVIK_WLAN_ATTR_ENCAP_PORT];
 	const u8 command = info->genlhdr->cmd;
 	const bool sets = command == TAVIK_WLAN_CMD_SET_ENCAP_PORT;
+	const char *action =
+		command == TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP ? " drop" : " pass-through";
 	const struct tavik_wlan_thing encap = {
 		.kind = TAVIK_WLAN_ENCAP,
-		.encap.port = nla_get_be16(attr),
-		.encap.action = sets						? ""
-				: command == TAVIK_WLAN_CMD_ENCAP_PORT_ACT_DROP ? " drop"
-										: " pass-through",
+		.encap = { nla_get_be16(attr), sets ? "" : action },
 	};
 	struct tavik_wlan_entry *held = set_find(&tn->held, &encap);
 
