@@ -28,8 +28,7 @@ using datapath::kHeadersSize;
 using datapath::request_size;
 using datapath::string_attribute_size;
 
-// ---- Kernel messaging core
-// -----------------------------------------------------------------------
+// Kernel messaging core
 //
 // The steps of every request. They log under the name of the call or step that sends it. The host's
 // netlink library and the library's own steps have one failure, -1.
@@ -107,8 +106,7 @@ static int forgive_existing(int result, int kernel_error) {
   return result == -1 && kernel_error == -EEXIST ? 0 : result;
 }
 
-// ---- Proxy configuration lifecycle
-// ---------------------------------------------------------------
+// Proxy configuration lifecycle
 
 constexpr uint32_t kTupleElementSize = kContainerSize + NLA_HDRLEN + sizeof(DatapathTuple);
 static_assert(TAVIK_WLAN_TUPLES_PER_MESSAGE == (UINT16_MAX - kContainerSize) / kTupleElementSize,
@@ -405,8 +403,7 @@ int corvil_datapath_proxy_flush_config_info() {
   return result;
 }
 
-// ---- Traffic rules
-// -------------------------------------------------------------------------------
+// Traffic rules
 
 /// The tuple of an ESP flow; any address text with a colon is an IPv6 one.
 static DatapathTuple ipsec_tuple(const IpsecInfo& info, const char* address) {
@@ -558,8 +555,7 @@ int corvil_datapath_proxy_flush_ll_dst_addr() {
   return forgive_existing(result, kernel_error);
 }
 
-// ---- Kernel state query
-// --------------------------------------------------------------------------
+// Kernel state query
 //
 // A reply comes from the kernel through the host's netlink library. Nothing beyond the message is
 // read, whatever the lengths in it say: what does not lie whole within ends the walk.
