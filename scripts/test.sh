@@ -69,7 +69,7 @@ run_stage() {
       tests/ship/docs_test.py build/release docs
       ;;
     package | ynl_kernel | android_bp | reproducible)
-      "tests/ship/$1_test.sh" || [ $? -eq 77 ] # skipped
+      "tests/ship/$1_test.sh"
       ;;
   esac
 }
