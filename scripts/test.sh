@@ -38,7 +38,7 @@ run_stage() {
     tools) # the tests of the stage release that it skips without other programs
       cmake --preset release --log-level=WARNING >/dev/null
       cmake --build --preset release
-      run_tests release --tests-regex '^(abi|agreement|completion|manual_pages|wireshark)$'
+      run_tests release --tests-regex '^(abi|completion|manual_pages|wireshark)$'
       ;;
     coverage) tests/library/coverage.sh ;;
     fuzz) scripts/fuzz.sh 5 ;;

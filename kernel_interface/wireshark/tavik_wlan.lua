@@ -53,9 +53,7 @@ local fields = {
 
 local malformed = ProtoExpert.new("tavik_wlan.malformed", "Malformed", expert.group.MALFORMED,
                                   expert.severity.ERROR)
-local unexpected = ProtoExpert.new("tavik_wlan.unexpected", "Unexpected", expert.group.PROTOCOL,
-                                   expert.severity.WARN)
-family.experts = { malformed, unexpected }
+family.experts = { malformed }
 
 local is_malformed -- whether what is dissected has turned out to be
 
@@ -112,22 +110,12 @@ local function show_tuple(payload, item)
   tuple:add(fields.tuple_ip_proto, payload(4, 1))
   tuple:add(fields.tuple_trans_proto, payload(5, 1))
   tuple:add(fields.tuple_reserved, payload(6, 2))
-  if not IP_PROTOS[ip_proto] or not TRANS_PROTOS[trans_proto] then
-    tuple:add_proto_expert_info(unexpected, "Unknown IP version or protocol")
-  end
-  if payload(6, 2):uint() ~= 0 or not is_esp and payload(2, 2):uint() ~= 0 then
-    tuple:add_proto_expert_info(unexpected, "Unused bytes are not 0")
-  end
   return text
 end
 
 -- A number of an extended acknowledgement is in host byte order.
 local function show_host_number(payload, item)
   return has_size(payload, 4, item) and tostring(payload:le_uint()) or nil
-end
-
-local function show_length(payload)
-  return payload:len() .. " bytes"
 end
 
 -- A row of a table of attributes: its name, how to show it, and as which field.
@@ -155,8 +143,8 @@ local ATTRIBUTES = {
 local EXTACK = {
   [1] = row("MSG", show_string, "string", "extack.message", "Message"),
   [2] = row("OFFS", show_host_number),
-  [3] = row("COOKIE", show_length),
-  [4] = row("POLICY", show_length),
+  [3] = { name = "COOKIE" },
+  [4] = { name = "POLICY" },
   [5] = row("MISS_TYPE", show_host_number),
   [6] = row("MISS_NEST", show_host_number),
 }
@@ -193,8 +181,6 @@ local function show_attributes(buffer, from, to, tree, known, each, places, pare
       text = summary(texts)
     elseif attribute.show then
       text = attribute.show(buffer(from + 4, length - 4), item, attribute.field) or "malformed"
-    else
-      item:add_proto_expert_info(unexpected, "Unknown attribute " .. attribute_type)
     end
     if text then
       item:append_text(" " .. text)
@@ -236,9 +222,6 @@ function family.dissector(buffer, packet, root)
   local command = buffer(0, 1):uint()
   tree:add(fields.command, buffer(0, 1))
   tree:add(fields.version, buffer(1, 1))
-  if not COMMANDS[command] then
-    tree:add_proto_expert_info(unexpected, "Unknown command " .. command)
-  end
   local name = COMMANDS[command] or "command " .. command
   local texts, places = {}, {}
   show_attributes(buffer, 4, buffer:len(), tree, ATTRIBUTES, function(attribute, text)
