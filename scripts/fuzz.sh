@@ -10,7 +10,7 @@ cd "$(dirname "$0")/.."
 
 scripts/setup.sh fuzz
 cmake --preset fuzz --log-level=WARNING
-cmake --build --preset fuzz
+cmake --build build/fuzz --target message_fuzz
 
 target=build/fuzz/bin/message_fuzz
 findings=build/fuzz/findings
