@@ -5,6 +5,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup.sh bench >&2
-cmake --preset bench --log-level=WARNING >&2
+cmake --preset release -B build/bench -DCORVIL_BENCH=ON -DBUILD_TESTING=OFF --log-level=WARNING >&2
 cmake --build build/bench --target datapath_bench | tail -n 1 >&2
 build/bench/bin/datapath_bench
