@@ -3,18 +3,14 @@
 
 include(ExternalProject)
 
-# corvil_device_build(ABI TOOLCHAIN): the build of this same tree by another compiler.
-function(corvil_device_build abi toolchain)
+foreach(abi arm64 arm) # builds this same tree by another compiler
   ExternalProject_Add(${abi}
     SOURCE_DIR ${PROJECT_SOURCE_DIR}
     BINARY_DIR ${PROJECT_BINARY_DIR}/build/${abi}
-    CMAKE_ARGS --log-level=WARNING --toolchain ${PROJECT_SOURCE_DIR}/cmake/${toolchain}.cmake
+    CMAKE_ARGS --log-level=WARNING --toolchain ${PROJECT_SOURCE_DIR}/cmake/${abi}.cmake
       -DCMAKE_BUILD_TYPE=MinSizeRel -DBUILD_SHARED_LIBS=OFF -DBUILD_TESTING=OFF
     BUILD_COMMAND ${CMAKE_COMMAND} --build <BINARY_DIR> --target datapathctl
     BUILD_ALWAYS ON
     INSTALL_COMMAND install -D <BINARY_DIR>/bin/datapathctl
       ${PROJECT_BINARY_DIR}/${abi}/datapathctl)
-endfunction()
-
-corvil_device_build(arm64 arm64)
-corvil_device_build(arm armhf)
+endforeach()

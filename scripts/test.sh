@@ -96,7 +96,7 @@ run_stage() {
       }
       ;;
     arm)
-      run_tests armhf
+      run_tests arm
       run_tests arm64
       ;;
     device)
