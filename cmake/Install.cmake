@@ -14,18 +14,22 @@ file(RELATIVE_PATH prefix_from_pc
 file(RELATIVE_PATH libraries_from_bin ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 
 # Debian's liblog is in a folder that neither the linker nor the loader searches by itself.
+set(liblog -llog)
 if(ANDROID_LOG_LIBRARY AND NOT CMAKE_CROSSCOMPILING)
   cmake_path(GET ANDROID_LOG_LIBRARY PARENT_PATH liblog_folder)
+  set(liblog "-L${liblog_folder} -llog")
   set_property(TARGET corvil_datapath_proxy APPEND PROPERTY INSTALL_RPATH ${liblog_folder})
 endif()
 
-# corvil_install_library(LIBRARY DESCRIPTION): the library, its target corvil::NAME and its .pc file.
+# corvil_install_library(LIBRARY DESCRIPTION [NEEDED]): the library, its target corvil::NAME and its
+# .pc file, with what else a linker has to find.
 function(corvil_install_library library description)
   string(REPLACE "corvil_" "" name ${library})
   set_target_properties(${library} PROPERTIES EXPORT_NAME ${name})
   install(TARGETS ${library} EXPORT ${PROJECT_NAME}
     LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} ${header_folder})
+  set(needed ${ARGN})
   configure_file(cmake/library.pc.in ${PROJECT_BINARY_DIR}/pkgconfig/${library}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/pkgconfig/${library}.pc
     DESTINATION ${pkgconfig_folder} COMPONENT development)
@@ -38,13 +42,15 @@ function(corvil_install_headers)
   endforeach()
 endfunction()
 
-corvil_install_library(corvil_datapath_proxy "Control of a device's data path")
+corvil_install_library(corvil_datapath_proxy "Control of a device's data path" "${liblog}")
 install(FILES datapath_proxy/include/corvil_datapath_proxy.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 corvil_install_headers(host_interfaces/corvil_log_services.h host_interfaces/corvil_netlink.h
   host_interfaces/corvil_port_utils.h kernel_interface/tavik_wlan.h)
 
-install(EXPORT ${PROJECT_NAME} NAMESPACE corvil:: FILE ${PROJECT_NAME}-config.cmake
+install(EXPORT ${PROJECT_NAME} NAMESPACE corvil:: FILE ${PROJECT_NAME}-targets.cmake
+  DESTINATION ${package_folder} COMPONENT development)
+install(FILES cmake/${PROJECT_NAME}-config.cmake
   DESTINATION ${package_folder} COMPONENT development)
 write_basic_package_version_file(${PROJECT_NAME}-config-version.cmake
   COMPATIBILITY SameMajorVersion)

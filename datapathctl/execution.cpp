@@ -46,14 +46,16 @@ void print_line(std::string_view kind, std::string_view text) {
 
 void report(const Settings& settings, const Command& command, const Result& result,
             const Place& place) {
-  const bool reported = result.ok() ? command.operation->stands_alone : result.error.empty();
+  const bool is_known = command.operation != nullptr;
+  const bool reported =
+      result.ok() ? is_known && command.operation->stands_alone : result.error.empty();
   if (settings.json && !reported) {
     std::cout << json_text(to_json(command, result, place)) << std::endl;
   } else if (!settings.json) {
     std::cout << result.text << std::flush;
   }
   std::string where = place.line == 0 ? "" : place.file + ":" + std::to_string(place.line) + ": ";
-  if (command.operation != nullptr) {
+  if (is_known) {
     where.append(command.operation->name).append(": ");
   }
   if (!result.error.empty()) {

@@ -15,7 +15,7 @@ using std::chrono::system_clock;
 timespec to_timespec(system_clock::time_point time) {
   const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
   return {.tv_sec = system_clock::to_time_t(seconds),
-          .tv_nsec = std::chrono::nanoseconds(time - seconds).count()};
+          .tv_nsec = static_cast<long>(std::chrono::nanoseconds(time - seconds).count())};
 }
 
 nlohmann::ordered_json to_json(const Message& message, const Origin& origin, bool hex) {

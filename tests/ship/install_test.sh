@@ -29,6 +29,7 @@ packages=(corvil_datapath_proxy corvil_log corvil_netlink corvil_port_utils)
 read -ra options < <(pkg-config --cflags --libs "${packages[@]}")
 "$CC" "$tests/ship/consumer/consumer.c" -o "$scratch/by_pkg_config" "${options[@]}" \
   -Wl,-rpath,"$(pkg-config --variable=libdir corvil_datapath_proxy)"
+pkg-config --static --libs corvil_datapath_proxy | grep -e '-llog' >/dev/null
 # Every public header is there, seen from a folder that has none of its own.
 sed 's|datapath_proxy/include/||' "$tests/library/c_headers.c" >"$scratch/c_headers.c"
 "$CC" -fsyntax-only "$scratch/c_headers.c" "${options[@]}"
