@@ -41,7 +41,7 @@ done < <(tags "$command" COMMANDS MISBEHAVIOUR)
 diff <("$tool" help | sed -nE 's/^Usage: datapathctl ([a-z -]*[a-z]).*/\1/p') \
   <(printf '%s\n' "${names[@]}")
 diff <("$tool" misbehave help | sed -n 's/.*those before: //p' | sed 's/, /\n/g') \
-  <(tags "$command" MISBEHAVIOUR JSON)
+  <(sed -n '/^\.TS/,/^\.TE/{s/\\f[BIR]//g; s/\\-/-/g; s/\t.*//p}' "$command")
 grep -q "^\.TH .*\"$("$tool" --version)\"" "$command"
 
 prototypes() { awk '/^int corvil_/, /;$/' "$1"; }
