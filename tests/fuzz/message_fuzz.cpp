@@ -16,8 +16,6 @@
 
 #include "datapathctl/capture.h"
 #include "datapathctl/message_decoder.h"
-#include "host_interfaces/corvil_log_services.h"
-#include "reference_host/log/corvil_log_control.h"
 #include "reference_host/port_utils/corvil_port_tree.h"
 #include "reference_kernel/emulator/kernel.h"
 #include "tests/support/calls.h"
@@ -127,25 +125,17 @@ void read_file(std::string_view file) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static ScriptedKernel peer(nullptr);
   setenv("CORVIL_NETLINK_TIMEOUT_MS", "1000", 1);
-  corvil_log_set_diagnostic_handler(
-      [](const LogSiteDescriptor*, const char*, const char*, void*) {}, nullptr);
-  zu_log_mask = ZU_LOG_MASK_DIAGNOSTIC;
-
   read_file({reinterpret_cast<const char*>(data), size});
   FuzzedDataProvider input(data, size);
   tavik_wlan::Kernel kernel;
   MessageDecoder decoder;
-  peer.answer_with(
+  const ScriptedKernel peer(
       [&](const nlmsghdr& request) { return answer(input, kernel, decoder, request); });
   for (int count = 0; count < 3; ++count) {
     const int result = input.PickValueInArray(calls::kAll)();
     require(result == 0 || result == -1);
   }
   corvil_port_tree_clear();
-  // Ends the connection, so that the next input begins without what is left of the answers.
-  peer.answer_with([](const nlmsghdr&) { return std::vector<std::string>{""}; });
-  calls::reset();
   return 0;
 }

@@ -52,9 +52,8 @@ std::string done(int error = 0, uint16_t flags = NLM_F_MULTI, const std::string&
 }
 
 /// A part of a dump, with one character behind the generic header.
-std::string part(char character, uint16_t type = kFamily, uint32_t sequence = kAsked,
-                 uint16_t flags = NLM_F_MULTI) {
-  return message(type, flags, sequence, generic(14, {character}));
+std::string part(char character, uint16_t type = kFamily, uint32_t sequence = kAsked) {
+  return message(type, NLM_F_MULTI, sequence, generic(14, {character}));
 }
 
 const std::string kAck = result(0);
@@ -117,8 +116,6 @@ const struct QueryCase {
     {{{part('a')}}, true, "a", kNoAnswer, true},
     // A dump that is interrupted is read to its end and asked for again.
     {{{part('a'), done(0, NLM_F_DUMP_INTR)}, {part('b'), done()}}, true, "ab"},
-    {std::vector<Answer>(4, {part('a', kFamily, kAsked, NLM_F_DUMP_INTR), done()}), true, "aaaa",
-     "EINTR the dump was interrupted by changes 4 times in a row"},
 };
 
 void check(const QueryCase& query) {
@@ -189,11 +186,9 @@ TEST(Netlink, FamilyQueryWantsIdAndVersion) {
 
 TEST(Netlink, RequestsAndSettingsMustMakeSense) {
   ScriptedKernel kernel(script());
-  for (const uint32_t length : {15U, 131073U}) {
-    const nlmsghdr request{length, kFamily, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
-    EXPECT_EQ(-1, transact(&request));
-    EXPECT_TRUE(last_error().starts_with("EMSGSIZE a request has ")) << last_error();
-  }
+  const nlmsghdr too_long{131073, kFamily, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
+  EXPECT_EQ(-1, transact(&too_long));
+  EXPECT_TRUE(last_error().starts_with("EMSGSIZE a request has ")) << last_error();
   EXPECT_EQ(0, transact());
   EXPECT_EQ(-1, corvil_netlink_open_capture("/dev/null")) << "behind an exchange";
   EXPECT_EQ("EALREADY cannot write the capture /dev/null: Operation already in progress",

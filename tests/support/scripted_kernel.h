@@ -42,8 +42,6 @@ class ScriptedKernel {
     close(peer_);
   }
 
-  void answer_with(Script script) { script_ = std::move(script); }
-
   /// How many have been made to it.
   [[nodiscard]] int connections() const { return connections_; }
 
@@ -73,8 +71,9 @@ class ScriptedKernel {
   int peer_ = -1;
   int connections_ = 0;
   static inline int count_ = 0;
-  // Each kernel has an address of its own, because the library keeps its connection to one.
+  // Each kernel has an address of its own: the library keeps its connection to one, with what is
+  // left of the answers there.
   const std::string name_ =
       "@scripted_kernel." + std::to_string(getpid()) + "." + std::to_string(++count_);
-  Script script_;
+  const Script script_;
 };
