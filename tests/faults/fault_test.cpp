@@ -50,7 +50,7 @@ struct Fault {
 struct Run {
   Fault fault;
   int operations = 0;  // of the fault's name
-  int failures = 0;
+  long failures = 0;
   bool late = false;  // Every datagram is: it is there once it has been waited for.
   int blocks = 0;     // that the thread has got and not given back
   int sockets = 0;    // the same

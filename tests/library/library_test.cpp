@@ -40,18 +40,18 @@ struct Host {
   /// 2a00...", with " error slot" where one was passed, "query 14000000...", "reply 1" with the
   /// callback's result, "port 443 4 6"; of the log "ERR name(): text" from the diagnostic sink and
   /// "android 6 tag name(): text". A newline inside a line is written as \n.
-  std::string transcript;
+  std::string transcript = {};
 
   /// What its operations come to, first to last: of an allocation, a resolution of the family, an
   /// exchange, a port for the tree. A negative one is a failure, and the errno of a refusal. All is
   /// well when there are none left.
-  std::deque<int> results;
+  std::deque<int> results = {};
   /// Replies to a query, as the bytes from the netlink header on; no bytes are a null reply.
-  std::vector<std::vector<uint8_t>> replies;
+  std::vector<std::vector<uint8_t>> replies = {};
   int exchanges = 0;  // An exchange that is well has its number for a result.
   timeval clock = {};
   /// What zu_log_mask becomes while the diagnostic sink is at work.
-  std::optional<uint32_t> next_log_mask;
+  std::optional<uint32_t> next_log_mask = {};
 };
 
 Host host;
@@ -239,15 +239,13 @@ std::string expand(const std::string& transcript, bool with_log) {
   return expanded;
 }
 
-/// Expects a result and a transcript of a call from a host that has been prepared: with log
-/// messages, and with every sink off without them.
-void expect(
-    const Function& call, int result, const std::string& transcript,
-    const std::function<void()>& prepare = [] {}) {
+/// Expects a result and a transcript of a call from a host: with log messages, and with every sink
+/// off without them.
+void expect(const Function& call, int result, const std::string& transcript,
+            const Host& prepared = {}) {
   for (const bool with_log : {true, false}) {
-    host = {};
+    host = prepared;
     zu_log_mask = with_log ? ZU_LOG_MASK_DIAGNOSTIC : 0;
-    prepare();
     EXPECT_EQ(call(), result);
     EXPECT_EQ(host.transcript, expand(transcript, with_log));
   }
@@ -439,7 +437,7 @@ TEST(LibraryTest, SendsItsRequestsAndFailsAtEachPlaceAsItShould) {
         std::deque<int> results(3 * i + failure);
         results.push_back(error);
         expect(call, forgiven && requests.size() == 1 ? 0 : result, transcript,
-               [&results] { host.results = results; });
+               {.results = results});
       }
     }
   }
@@ -554,9 +552,9 @@ std::string query_transcript(Failure failure, const std::string& replies = "") {
 }
 
 TEST(LibraryTest, QueryFailsOnlyBeforeItsRequestIsSent) {
-  expect(calls::get_ports, -1, query_transcript(kNoMemory), [] { host.results = {-1}; });
-  expect(calls::get_ports, -1, query_transcript(kNoFamily), [] { host.results = {0, -1}; });
-  expect(calls::get_ports, 0, query_transcript(kRefused), [] { host.results = {0, 0, -1}; });
+  expect(calls::get_ports, -1, query_transcript(kNoMemory), {.results = {-1}});
+  expect(calls::get_ports, -1, query_transcript(kNoFamily), {.results = {0, -1}});
+  expect(calls::get_ports, 0, query_transcript(kRefused), {.results = {0, 0, -1}});
 }
 
 /// A reply: the bytes of hexadecimal digits behind a netlink header, or a null one.
@@ -625,10 +623,8 @@ TEST(LibraryTest, HandsTheTuplesOfAReplyToThePortTree) {
   };
   for (const Case& each : cases) {
     const auto events = replace(each.events, "CALLBACK", "tavik_wlan_tuple_query_cb");
-    expect(calls::get_ports, 0, query_transcript(kNone, events), [&] {
-      host.replies = {reply(each.reply)};
-      host.results = each.results;
-    });
+    expect(calls::get_ports, 0, query_transcript(kNone, events),
+           {.results = each.results, .replies = {reply(each.reply)}});
   }
 }
 
