@@ -10,6 +10,7 @@
 #include <iterator>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -213,12 +214,8 @@ static_assert(std::size(kOperations) + 1 == std::size(kCommands), "all but the d
 
 std::vector<Datagram> dump_tuples(const nlmsghdr& request, const TupleSet& tuples) {
   std::vector<Datagram> datagrams;
-  DatagramWriter writer;
   for (auto tuple = tuples.begin(); tuple != tuples.end();) {
-    if (writer.size() > 0) {
-      datagrams.push_back(writer.take());
-    }
-    writer.begin_message(request, request.nlmsg_type, NLM_F_MULTI);
+    MessageWriter writer(request, request.nlmsg_type, NLM_F_MULTI);
     writer.append(genlmsghdr{TAVIK_WLAN_CMD_GET_TUPLES, TAVIK_WLAN_FAMILY_VERSION, 0});
     const size_t container = writer.begin_nest(TAVIK_WLAN_ATTR_TUPLES | NLA_F_NESTED);
     for (; tuple != tuples.end() && writer.size() + kTupleElement <= kMaxDumpDatagram; ++tuple) {
@@ -227,13 +224,11 @@ std::vector<Datagram> dump_tuples(const nlmsghdr& request, const TupleSet& tuple
       writer.end_nest(element);
     }
     writer.end_nest(container);
-    writer.end_message();
-  }
-  if (writer.size() + NLMSG_SPACE(sizeof(int)) > kMaxDumpDatagram) {
     datagrams.push_back(writer.take());
   }
-  append_done(writer, request);
-  datagrams.push_back(writer.take());
+  MessageWriter done(request, NLMSG_DONE, NLM_F_MULTI);
+  done.append(int{0});
+  datagrams.push_back(done.take());
   return datagrams;
 }
 
@@ -258,6 +253,45 @@ Status validate_headers(Bytes message, const CommandInfo*& command) {
 }
 
 }  // namespace
+
+std::optional<Address> Address::parse(const std::string& text) {
+  Address address;
+  if (inet_pton(AF_INET, text.c_str(), address.bytes.data()) == 1) {
+    return address;
+  }
+  address.ip_proto = TAVIK_WLAN_IP_PROTO_IPV6;
+  if (inet_pton(AF_INET6, text.c_str(), address.bytes.data()) == 1) {
+    return address;
+  }
+  return std::nullopt;
+}
+
+std::string Address::text() const {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  return inet_ntop(ip_proto == TAVIK_WLAN_IP_PROTO_IPV4 ? AF_INET : AF_INET6, bytes.data(),
+                   text.data(), text.size());
+}
+
+std::string State::text() const {
+  std::ostringstream text;
+  for (const DatapathTuple& tuple : tuples) {
+    text << "tuple " << tuple_text(tuple) << '\n';
+  }
+  for (const auto& [selector, device] : devices) {
+    text << "device " << +selector << ' ' << device << '\n';
+  }
+  for (const auto& [selector, from, to] : forwardings) {
+    text << "forward " << +selector << ' ' << from << ' ' << to << '\n';
+  }
+  if (encapsulation) {
+    text << "encap " << encapsulation->port << encapsulation->action << '\n';
+  }
+  for (const Flow& flow : flows) {
+    text << "lowlat " << flow.source.text() << ' ' << flow.source_port << ' '
+         << flow.destination.text() << ' ' << flow.destination_port << '\n';
+  }
+  return text.str();
+}
 
 Outcome handle_family_request(Bytes message, State& state) {
   const CommandInfo* command = nullptr;

@@ -9,8 +9,6 @@
 #include <optional>
 #include <utility>
 
-#include "reference_kernel/emulator/family.h"
-
 namespace tavik_wlan {
 namespace {
 
@@ -34,8 +32,7 @@ bool asks_for_family(Bytes message, uint16_t id) {
 /// What the controller tells about the family. Its containers are older than NLA_F_NESTED.
 Datagram describe_family(const nlmsghdr& request, uint16_t id) {
   constexpr uint8_t kControllerVersion = 2;
-  DatagramWriter writer;
-  writer.begin_message(request, GENL_ID_CTRL, 0);
+  MessageWriter writer(request, GENL_ID_CTRL, 0);
   writer.append(genlmsghdr{CTRL_CMD_NEWFAMILY, kControllerVersion, 0});
   writer.put_string(CTRL_ATTR_FAMILY_NAME, TAVIK_WLAN_FAMILY_NAME);
   writer.put(CTRL_ATTR_FAMILY_ID, id);
@@ -53,7 +50,6 @@ Datagram describe_family(const nlmsghdr& request, uint16_t id) {
     writer.end_nest(operation);
   }
   writer.end_nest(operations);
-  writer.end_message();
   return writer.take();
 }
 
@@ -63,12 +59,9 @@ Datagram stale_error(nlmsghdr request) {
 }
 
 void mark_interrupted(Datagram& datagram) {
-  Bytes left = datagram;
-  while (const std::optional<Bytes> message = take_message(left)) {
-    auto header = load<nlmsghdr>(*message);
-    header.nlmsg_flags |= NLM_F_DUMP_INTR;
-    memcpy(datagram.data() + (message->data() - datagram.data()), &header, sizeof(header));
-  }
+  auto header = load<nlmsghdr>(datagram);
+  header.nlmsg_flags |= NLM_F_DUMP_INTR;
+  memcpy(datagram.data(), &header, sizeof(header));
 }
 
 }  // namespace

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "reference_kernel/emulator/family.h"
 #include "reference_kernel/emulator/faults.h"
 #include "reference_kernel/emulator/netlink.h"
-#include "reference_kernel/emulator/state.h"
 
 namespace tavik_wlan {
 

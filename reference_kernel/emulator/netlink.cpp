@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <span>
+#include <utility>
 
-#include "reference_kernel/emulator/state.h"
+#include "reference_kernel/emulator/family.h"
 #include "reference_kernel/tavik_wlan_limits.h"
 
 namespace tavik_wlan {
@@ -149,8 +150,7 @@ Status parse_attributes(Bytes message, const CommandInfo& command, Attributes& a
   return {};
 }
 
-void DatagramWriter::begin_message(const nlmsghdr& request, uint16_t type, uint16_t flags) {
-  message_ = bytes_.size();
+MessageWriter::MessageWriter(const nlmsghdr& request, uint16_t type, uint16_t flags) {
   append(nlmsghdr{.nlmsg_len = 0,
                   .nlmsg_type = type,
                   .nlmsg_flags = flags,
@@ -158,35 +158,35 @@ void DatagramWriter::begin_message(const nlmsghdr& request, uint16_t type, uint1
                   .nlmsg_pid = request.nlmsg_pid});
 }
 
-void DatagramWriter::end_message() {
-  write(message_ + offsetof(nlmsghdr, nlmsg_len), static_cast<uint32_t>(bytes_.size() - message_));
+Datagram MessageWriter::take() {
+  write(offsetof(nlmsghdr, nlmsg_len), static_cast<uint32_t>(bytes_.size()));
+  return std::move(bytes_);
 }
 
-size_t DatagramWriter::begin_nest(uint16_t type) {
+size_t MessageWriter::begin_nest(uint16_t type) {
   const size_t nest = bytes_.size();
   append(nlattr{.nla_len = 0, .nla_type = type});
   return nest;
 }
 
-void DatagramWriter::end_nest(size_t nest) {
+void MessageWriter::end_nest(size_t nest) {
   write(nest + offsetof(nlattr, nla_len), static_cast<uint16_t>(bytes_.size() - nest));
 }
 
-void DatagramWriter::put_string(uint16_t type, const std::string& text) {
+void MessageWriter::put_string(uint16_t type, const std::string& text) {
   const size_t size = text.size() + 1;
   append(nlattr{static_cast<uint16_t>(NLA_HDRLEN + size), type});
   append_bytes({reinterpret_cast<const uint8_t*>(text.c_str()), size});
 }
 
-void DatagramWriter::append_bytes(Bytes bytes) {
+void MessageWriter::append_bytes(Bytes bytes) {
   bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
   bytes_.resize(NLMSG_ALIGN(bytes_.size()));
 }
 
 Datagram acknowledgement(const nlmsghdr& request, const Status& status) {
-  DatagramWriter writer;
   const bool has_extack = status.message != nullptr;
-  writer.begin_message(request, NLMSG_ERROR,
+  MessageWriter writer(request, NLMSG_ERROR,
                        static_cast<uint16_t>(NLM_F_CAPPED | (has_extack ? NLM_F_ACK_TLVS : 0)));
   writer.append(nlmsgerr{.error = status.error, .msg = request});
   if (has_extack) {
@@ -198,14 +198,7 @@ Datagram acknowledgement(const nlmsghdr& request, const Status& status) {
   if (status.missing_type) {
     writer.put(NLMSGERR_ATTR_MISS_TYPE, *status.missing_type);
   }
-  writer.end_message();
   return writer.take();
-}
-
-void append_done(DatagramWriter& writer, const nlmsghdr& request) {
-  writer.begin_message(request, NLMSG_DONE, NLM_F_MULTI);
-  writer.append(int{0});
-  writer.end_message();
 }
 
 }  // namespace tavik_wlan

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "kernel_interface/protocol.h"
@@ -49,13 +48,11 @@ using Attributes = std::array<std::optional<Attribute>, TAVIK_WLAN_ATTR_MAX + 1>
 /// Validates the attributes of a message, which have to be those of its command.
 Status parse_attributes(Bytes message, const CommandInfo& command, Attributes& attributes);
 
-/// One datagram, its messages written one after the other. Whatever is appended is padded with
-/// zero bytes to a multiple of 4.
-class DatagramWriter {
+/// A datagram of one message that answers `request`: with its sequence number and port id. Whatever
+/// is appended is padded with zero bytes to a multiple of 4.
+class MessageWriter {
  public:
-  /// Begins a message that answers `request`: with its sequence number and port id.
-  void begin_message(const nlmsghdr& request, uint16_t type, uint16_t flags);
-  void end_message();
+  MessageWriter(const nlmsghdr& request, uint16_t type, uint16_t flags);
 
   /// Begins an attribute that holds what is written up to the end_nest() that gets the result;
   /// `type` includes NLA_F_NESTED where wanted.
@@ -80,8 +77,8 @@ class DatagramWriter {
 
   [[nodiscard]] size_t size() const { return bytes_.size(); }
 
-  /// What was written. The next datagram starts empty.
-  Datagram take() { return std::exchange(bytes_, {}); }
+  /// What was written, which ends it.
+  Datagram take();
 
  private:
   void append_bytes(Bytes bytes);
@@ -91,13 +88,9 @@ class DatagramWriter {
   }
 
   Datagram bytes_;
-  size_t message_ = 0;  // offset of the message's header
 };
 
 /// The acknowledgement of `request`, as to a socket that wants extended and capped ones.
 Datagram acknowledgement(const nlmsghdr& request, const Status& status);
-
-/// Appends the end of a multi-part answer to `request`.
-void append_done(DatagramWriter& writer, const nlmsghdr& request);
 
 }  // namespace tavik_wlan

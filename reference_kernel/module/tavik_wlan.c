@@ -188,18 +188,13 @@ static int set_add(struct tavik_wlan_set *set, const struct tavik_wlan_thing *th
 	return 0;
 }
 
-static void set_unlink(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
-{
-	rb_erase(&entry->node, &set->root);
-	set->counts[entry->thing.kind]--;
-}
-
 /* Removes @entry where it is not NULL, and returns whether that is so. */
 static bool set_remove(struct tavik_wlan_set *set, struct tavik_wlan_entry *entry)
 {
 	if (!entry)
 		return false;
-	set_unlink(set, entry);
+	rb_erase(&entry->node, &set->root);
+	set->counts[entry->thing.kind]--;
 	kfree(entry);
 	return true;
 }
@@ -213,17 +208,6 @@ static void set_clear(struct tavik_wlan_set *set)
 		cond_resched(); /* a full set takes long */
 	}
 	memset(set, 0, sizeof(*set));
-}
-
-/* Moves the entries of @from, none of which is in @to yet. */
-static void set_move_all(struct tavik_wlan_set *to, struct tavik_wlan_set *from)
-{
-	struct rb_node *node;
-
-	while ((node = rb_first(&from->root))) {
-		set_unlink(from, entry_of(node));
-		set_insert(to, entry_of(node));
-	}
 }
 
 /* Has the extack say why a request is refused. Its value is the error. */
@@ -347,10 +331,10 @@ static int read_tuple(const struct nlattr *element, struct tavik_wlan_thing *tup
 static int add_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 {
 	const struct nlattr *element, *container = info->attrs[TAVIK_WLAN_ATTR_TUPLES];
+	struct tavik_wlan_entry *entry, *next;
 	struct tavik_wlan_set added = {};
 	struct tavik_wlan_thing tuple;
 	int left, err = 0;
-	u32 count;
 
 	nla_for_each_nested(element, container, left) {
 		err = read_tuple(element, &tuple, info->extack);
@@ -359,13 +343,16 @@ static int add_tuples(struct tavik_wlan_net *tn, struct genl_info *info)
 		if (err)
 			goto out;
 	}
-	count = added.counts[TAVIK_WLAN_TUPLE];
-	if (tn->held.counts[TAVIK_WLAN_TUPLE] + count > TAVIK_WLAN_MAX_TUPLES) {
+	if (tn->held.counts[TAVIK_WLAN_TUPLE] + added.counts[TAVIK_WLAN_TUPLE] >
+	    TAVIK_WLAN_MAX_TUPLES) {
 		err = REFUSE(info->extack, container, -ENOSPC, "too many tuples");
-	} else if (count) {
-		set_move_all(&tn->held, &added);
-		tn->tuples_generation++;
+		goto out;
 	}
+	/* In this order nothing looks at an entry's place in its old tree again. */
+	rbtree_postorder_for_each_entry_safe(entry, next, &added.root, node)
+		set_insert(&tn->held, entry);
+	tn->tuples_generation += added.counts[TAVIK_WLAN_TUPLE];
+	return 0;
 out:
 	set_clear(&added);
 	return err;
