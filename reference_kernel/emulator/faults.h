@@ -7,6 +7,9 @@
 
 namespace tavik_wlan {
 
+/// The family's id, unless a fault gives it another. A kernel hands ids out as families come.
+inline constexpr uint16_t kFamilyId = 28;
+
 /// By default none. Several may be combined. Counts start anew whenever they are set.
 ///
 /// What concerns answers holds for those of the controller too; the request takes effect at once,
@@ -37,8 +40,7 @@ struct Faults {
   uint32_t interrupted_dumps = 0;
 
   /// Gives the family another id, above GENL_ID_CTRL; requests with the old one get -ENOENT.
-  /// 0 leaves the usual one.
-  uint16_t family_id = 0;
+  uint16_t family_id = kFamilyId;
 
   /// Unregisters the family: neither a look-up nor a request finds it. What it holds stays.
   bool absent = false;

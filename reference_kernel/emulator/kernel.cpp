@@ -110,7 +110,7 @@ Outcome Kernel::handle(Bytes message) {
   if (header.nlmsg_type == GENL_ID_CTRL) {
     return look_up(message);
   }
-  if (faults_.absent || header.nlmsg_type != family_id()) {
+  if (faults_.absent || header.nlmsg_type != faults_.family_id) {
     return {.status = {-ENOENT}};
   }
   if (is_dump(header) && has_dumped_) {
@@ -138,10 +138,10 @@ Outcome Kernel::look_up(Bytes message) const {
   if (generic.cmd != CTRL_CMD_GETFAMILY || is_dump(header)) {
     return {.status = {-EOPNOTSUPP}};
   }
-  if (faults_.absent || !asks_for_family(message, family_id())) {
+  if (faults_.absent || !asks_for_family(message, faults_.family_id)) {
     return {.status = {-ENOENT}};
   }
-  return {.replies = {describe_family(header, family_id())}};
+  return {.replies = {describe_family(header, faults_.family_id)}};
 }
 
 /// Has the whole answer to the messages of one datagram get lost or spoilt.
@@ -157,10 +157,6 @@ void Kernel::spoil_answer() {
       datagram.resize(faults_.truncate);
     }
   }
-}
-
-uint16_t Kernel::family_id() const {
-  return faults_.family_id != 0 ? faults_.family_id : kFamilyId;
 }
 
 }  // namespace tavik_wlan

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <mutex>
 #include <random>
 #include <string>
@@ -13,9 +12,6 @@
 #include "reference_kernel/emulator/netlink.h"
 
 namespace tavik_wlan {
-
-/// The family's id, unless a fault gives it another. A kernel hands ids out as families come.
-inline constexpr uint16_t kFamilyId = 28;
 
 /// What a client gets for one datagram of requests.
 struct Answer {
@@ -41,7 +37,6 @@ class Kernel {
   Outcome handle(Bytes message);
   [[nodiscard]] Outcome look_up(Bytes message) const;
   void spoil_answer();
-  [[nodiscard]] uint16_t family_id() const;
 
   mutable std::mutex mutex_;  // of all that follows
   State state_;
