@@ -1,6 +1,5 @@
 // Exchanges: a request and the whole answer to it, on a connection that each thread keeps.
 #include <linux/netlink.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -16,7 +15,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 #include <span>
 
 #include "host_interfaces/corvil_netlink.h"
@@ -41,26 +39,10 @@ constexpr int kDefaultTimeoutMs = 3000;
 constinit const char* chosen_emulator = nullptr;
 constinit int chosen_timeout_ms = 0;
 
-/// The time at which a wait is given up: the time-out after remaining() was first called. An
-/// exchange that never waits therefore reads neither the clock nor CORVIL_NETLINK_TIMEOUT_MS.
-class Deadline {
- public:
-  /// In milliseconds; 0 once it has passed.
-  [[nodiscard]] int remaining() {
-    const auto now = std::chrono::steady_clock::now();
-    if (!end_) {
-      end_ = now + std::chrono::milliseconds{corvil_netlink_timeout()};
-    }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end_ - now).count();
-    return static_cast<int>(std::max(left, decltype(left){0}));
-  }
-
- private:
-  std::optional<std::chrono::steady_clock::time_point> end_;
-};
+using Clock = std::chrono::steady_clock;
 
 /// A socket to the kernel or to an emulator of it. What returns an int returns 0 or a positive
-/// errno, which is ETIMEDOUT when it would have had to wait longer than the time-out.
+/// errno, which is ETIMEDOUT when it would have had to wait beyond its deadline.
 class Connection {
  public:
   Connection() = default;
@@ -77,7 +59,7 @@ class Connection {
   }
 
   /// Closes the socket and opens one to there.
-  [[nodiscard]] int open(int protocol, const char* emulator);
+  [[nodiscard]] int open(int protocol, const char* emulator, Clock::time_point deadline);
 
   void close() { socket_.close(); }
 
@@ -89,16 +71,16 @@ class Connection {
   nlmsghdr* buffer() { return reinterpret_cast<nlmsghdr*>(buffer_); }
 
   /// Sends the request in the buffer. EPIPE or ECONNRESET when the peer has closed the connection.
-  [[nodiscard]] int send();
+  [[nodiscard]] int send(Clock::time_point deadline);
 
   /// Receives the next datagram into the buffer, 4-byte aligned. ECONNRESET when the peer has
   /// closed the connection.
-  [[nodiscard]] int receive(Deadline& deadline, std::span<const std::byte>* datagram);
+  [[nodiscard]] int receive(Clock::time_point deadline, std::span<const std::byte>* datagram);
 
  private:
-  /// Repeats a system call that does not wait until it succeeds, and waits meanwhile.
+  /// Does a system call on the socket, which waits as the socket's option `limit` says.
   template <typename Call>
-  int repeat(Call call, short events, Deadline& deadline);
+  int complete(int limit, Clock::time_point deadline, Call call);
 
   Descriptor socket_;
   int protocol_ = 0;
@@ -108,7 +90,7 @@ class Connection {
   alignas(nlmsghdr) std::byte buffer_[kBufferSize];
 };
 
-int Connection::open(int protocol, const char* emulator) {
+int Connection::open(int protocol, const char* emulator, Clock::time_point deadline) {
   sockaddr_nl kernel_address{};
   kernel_address.nl_family = AF_NETLINK;
   sockaddr_un emulator_address{AF_UNIX, {}};
@@ -137,39 +119,26 @@ int Connection::open(int protocol, const char* emulator) {
     return error;
   }
 
-  // Emulators and old kernels lack the first two options. Such a kernel gives less detail.
+  // Emulators and old kernels lack these options. Such a kernel gives less detail.
   const int on = 1;
   setsockopt(socket_.number(), SOL_NETLINK, NETLINK_EXT_ACK, &on, sizeof(on));
   setsockopt(socket_.number(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof(on));
-  // This one limits how long connect() waits for room in an emulator's backlog.
-  const int timeout = corvil_netlink_timeout();
-  const timeval limit{timeout / 1000, timeout % 1000 * 1000};
-  setsockopt(socket_.number(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-  // The kernel lets no other process send to a socket that is connected to it.
-  Deadline deadline;
-  while (connect(socket_.number(), address, length) == -1) {
-    if (errno != EINTR || deadline.remaining() == 0) {
-      return errno == EAGAIN || errno == EINTR ? ETIMEDOUT : errno;
-    }
-  }
-  return 0;
+  // The kernel lets no other process send to a socket that is connected to it. An emulator keeps
+  // this waiting while its backlog is full.
+  return complete(SO_SNDTIMEO, deadline,
+                  [&] { return connect(socket_.number(), address, length); });
 }
 
-int Connection::send() {
-  Deadline deadline;
-  return repeat(
-      [this] {
-        return ::send(socket_.number(), buffer_, buffer()->nlmsg_len, MSG_NOSIGNAL | MSG_DONTWAIT);
-      },
-      POLLOUT, deadline);
+int Connection::send(Clock::time_point deadline) {
+  return complete(SO_SNDTIMEO, deadline, [this] {
+    return ::send(socket_.number(), buffer_, buffer()->nlmsg_len, MSG_NOSIGNAL);
+  });
 }
 
-int Connection::receive(Deadline& deadline, std::span<const std::byte>* datagram) {
+int Connection::receive(Clock::time_point deadline, std::span<const std::byte>* datagram) {
   ssize_t size = 0;
-  const auto try_once = [&] {
-    return size = recv(socket_.number(), buffer_, kBufferSize, MSG_DONTWAIT);
-  };
-  if (const int error = repeat(try_once, POLLIN, deadline)) {
+  const auto receive_once = [&] { return size = recv(socket_.number(), buffer_, kBufferSize, 0); };
+  if (const int error = complete(SO_RCVTIMEO, deadline, receive_once)) {
     return error;
   }
   if (size == 0) {
@@ -181,21 +150,20 @@ int Connection::receive(Deadline& deadline, std::span<const std::byte>* datagram
 }
 
 template <typename Call>
-int Connection::repeat(Call call, short events, Deadline& deadline) {
-  while (call() == -1) {
-    if (errno != EAGAIN && errno != EINTR) {
-      return errno;
-    }
-    const int left = deadline.remaining();
-    if (left == 0) {
+int Connection::complete(int limit, Clock::time_point deadline, Call call) {
+  do {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) {
       return ETIMEDOUT;
     }
-    pollfd poll{socket_.number(), events, 0};
-    if (::poll(&poll, 1, left) == -1 && errno != EINTR) {
-      return errno;
+    const auto milliseconds = static_cast<int>(left.count());
+    const timeval time{milliseconds / 1000, milliseconds % 1000 * 1000};
+    setsockopt(socket_.number(), SOL_SOCKET, limit, &time, sizeof(time));
+    if (call() != -1) {
+      return 0;
     }
-  }
-  return 0;
+  } while (errno == EINTR);
+  return errno == EAGAIN ? ETIMEDOUT : errno;
 }
 
 /// The calling thread's connection, or null without memory. It is no thread_local object, because
@@ -245,10 +213,16 @@ class Exchange {
   Progress finish(int result, const nlmsghdr* answer);
   Progress give_up(int error);
 
+  /// Until when the next step of the exchange may take.
+  [[nodiscard]] Clock::time_point next_deadline() const {
+    return Clock::now() + std::chrono::milliseconds{timeout_ms_};
+  }
+
   const Request& request_;
   Connection& connection_;
   const char* emulator_ = corvil_netlink_emulator();
-  Deadline deadline_;
+  const int timeout_ms_ = corvil_netlink_timeout();
+  Clock::time_point deadline_;  // of what is received next
   uint32_t sequence_ = 0;
   bool interrupted_ = false;  // The kernel says that the dump is inconsistent.
 };
@@ -267,23 +241,17 @@ void Exchange::compose(uint32_t sequence) {
 Progress Exchange::ask() {
   sequence_ = connection_.next_sequence();
   interrupted_ = false;
-  if (send() == -1) {
+  if (timeout_ms_ == -1 || send() == -1) {
     return Progress::kFailed;
   }
-  deadline_ = {};
-  // receive() looks at the clock only when it has to wait. Whoever keeps sending messages that are
-  // no answer never lets it wait, so the clock is looked at here, too.
-  do {
+  deadline_ = next_deadline();
+  Progress progress = Progress::kPending;
+  while (progress == Progress::kPending) {
     std::span<const std::byte> datagram;
-    if (const int error = connection_.receive(deadline_, &datagram)) {
-      return give_up(error);
-    }
-    const Progress progress = take(datagram);
-    if (progress != Progress::kPending) {
-      return progress;
-    }
-  } while (deadline_.remaining() > 0);
-  return give_up(ETIMEDOUT);
+    const int error = connection_.receive(deadline_, &datagram);
+    progress = error == 0 ? take(datagram) : give_up(error);
+  }
+  return progress;
 }
 
 int Exchange::send() {
@@ -292,13 +260,13 @@ int Exchange::send() {
     return -1;
   }
   compose(sequence_);
-  int error = connection_.send();
+  int error = connection_.send(next_deadline());
   if (kept && (error == EPIPE || error == ECONNRESET)) {
     // The peer has closed the kept connection since the last exchange. It may have been restarted.
     if (open() == -1) {
       return -1;
     }
-    error = connection_.send();
+    error = connection_.send(next_deadline());
   }
   if (error != 0) {
     connection_.close();
@@ -308,10 +276,7 @@ int Exchange::send() {
 }
 
 int Exchange::open() {
-  if (corvil_netlink_timeout() == -1) {
-    return -1;
-  }
-  const int error = connection_.open(request_.protocol, emulator_);
+  const int error = connection_.open(request_.protocol, emulator_, next_deadline());
   if (error == 0) {
     return 0;
   }
@@ -347,7 +312,7 @@ Progress Exchange::take(const nlmsghdr* message) {
   }
   if (message->nlmsg_type == request_.message->nlmsg_type && request_.callback != nullptr) {
     request_.callback(message, request_.context);
-    deadline_ = {};  // Waiting for the rest starts here, after the time that the callback took.
+    deadline_ = next_deadline();  // The time that the callback took does not count.
     const bool more = request_.dump || (request_.message->nlmsg_flags & NLM_F_ACK) != 0;
     return more ? Progress::kPending : finish(0, message);
   }
@@ -373,8 +338,7 @@ Progress Exchange::finish(int result, const nlmsghdr* answer) {
 Progress Exchange::give_up(int error) {
   connection_.close();
   if (error == ETIMEDOUT) {
-    const int timeout = corvil_netlink_timeout();
-    fail(error, "no answer within %d ms", timeout);
+    fail(error, "no answer within %d ms", timeout_ms_);
   } else if (error == EBADMSG) {
     fail(error, "the answer is malformed");
   } else {

@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -51,9 +50,8 @@ struct Run {
   Fault fault;
   int operations = 0;  // of the fault's name
   long failures = 0;
-  bool late = false;  // Every datagram is: it is there once it has been waited for.
-  int blocks = 0;     // that the thread has got and not given back
-  int sockets = 0;    // the same
+  int blocks = 0;   // that the thread has got and not given back
+  int sockets = 0;  // the same
 };
 constinit Run run;
 constinit thread_local bool tracked = false;  // whether the thread's blocks and sockets are counted
@@ -152,23 +150,8 @@ ssize_t send(int fd, const void* bytes, size_t size, int flags) {
 }
 
 ssize_t recv(int fd, void* buffer, size_t size, int flags) {
-  const auto receive = [&]() -> ssize_t {
-    if (armed && (run.late = !run.late)) {
-      errno = EAGAIN;
-      return -1;
-    }
-    return syscall(SYS_recvfrom, fd, buffer, size, flags, nullptr, nullptr);
-  };
   memcpy(buffer, &kStale, sizeof(kStale));  // What a fault gives a size is this, or a part of it.
-  return attempt("recv", receive);
-}
-
-int poll(pollfd* fds, nfds_t count, int timeout) {
-  const auto wait = [&]() -> int {
-    const timespec left{timeout / 1000, timeout % 1000 * 1'000'000L};
-    return ppoll(fds, count, armed || timeout < 0 ? nullptr : &left, nullptr);
-  };
-  return attempt("poll", wait);
+  return attempt_call("recv", SYS_recvfrom, fd, buffer, size, flags, nullptr, nullptr);
 }
 
 /// The time of an armed thread goes on with each failure: the second exceeds the time-out of 3 s.
@@ -201,15 +184,13 @@ const struct Way {
     {"setsockopt", {-ENOMEM, -ENOPROTOOPT, -EPERM, -EBADF}, true},
     {"connect", {-EINTR}, true},
     {"connect", {-EAGAIN, -ECONNREFUSED, -ENOENT, -ENOMEM, -EPERM, -EBADF}},
-    {"send", {-EINTR, -EAGAIN}, true},
-    {"send", {-EPIPE, -ECONNRESET, -ENOBUFS, -ENOMEM, -EMSGSIZE, -ECONNREFUSED, -EPERM, -EBADF}},
-    {"recv", {-EINTR, -EAGAIN, sizeof(kStale)}, true},
-    {"recv", {-ENOBUFS, -ENOMEM, -ECONNREFUSED, -ECONNRESET, -EPERM, -EBADF}},
+    {"send", {-EINTR}, true},
+    {"send",
+     {-EAGAIN, -EPIPE, -ECONNRESET, -ENOBUFS, -ENOMEM, -EMSGSIZE, -ECONNREFUSED, -EPERM, -EBADF}},
+    {"recv", {-EINTR, sizeof(kStale)}, true},
+    {"recv", {-EAGAIN, -ENOBUFS, -ENOMEM, -ECONNREFUSED, -ECONNRESET, -EPERM, -EBADF}},
     // A datagram that is cut, and the end of the connection.
     {"recv", {sizeof(kStale) - 1, 0}},
-    // An error on the socket that is gone when it is looked at, and nothing in time.
-    {"poll", {-EINTR, 1}, true},
-    {"poll", {0, -ENOMEM, -EINVAL}},
 };
 
 int nothing() { return 0; }
