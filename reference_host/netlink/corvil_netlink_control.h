@@ -2,8 +2,9 @@
  * What tools ask of the netlink library beyond the operations of host_interfaces/corvil_netlink.h:
  * the reason of a failure, a look at every message, and a dry run.
  *
- * Environment variables steer the library. They count as unset in a process that runs with
- * privileges that its caller lacks (secure_getenv(3)). Every exchange reads two of them afresh:
+ * Environment variables steer the library; a host may make the settings itself by the functions
+ * below. They count as unset in a process that runs with privileges that its caller lacks
+ * (secure_getenv(3)), and must not be changed while any thread is in an operation.
  *
  *   CORVIL_NETLINK_EMULATOR    path of the AF_UNIX SOCK_SEQPACKET socket of an emulated kernel, to
  *                              which all requests go instead; one packet is one netlink datagram.
@@ -11,28 +12,22 @@
  *   CORVIL_NETLINK_TIMEOUT_MS  how long an exchange waits for the connection, for room to send, for
  *                              the first message of the answer and for each further reply: a
  *                              positive number of milliseconds; 3000 when it is unset or empty.
- *                              With anything else no connection is made, so every exchange fails
- *                              (EINVAL). Messages that are no answer do not extend the time, and
- *                              what a callback takes of it does not count
+ *                              With anything else every exchange fails (EINVAL). Messages that are
+ *                              no answer do not extend the time, and what a callback takes of it
+ *                              does not count
+ *   CORVIL_NETLINK_PCAP        path of a capture file, which gets every message sent and received:
+ *                              a pcap file of link type NETLINK (253) whose packets are of type 4
+ *                              when sent and 0 when received. A new file is readable by its owner
+ *                              alone (mode 0600); one that exists is emptied and keeps its mode. A
+ *                              symbolic link is followed, so name no path in a folder in which
+ *                              others can write. One process, with the children that it forks, has
+ *                              the file at a time; another one gets no capture (EBUSY). A FIFO
+ *                              needs a reader from the start, and ends the capture when it is full
+ *                              (EAGAIN). "-" is standard output, which may keep an exchange
+ *                              waiting. A capture that fails ends, without SIGPIPE or SIGXFSZ, and
+ *                              the exchanges go on without it
  *
- * The first exchange of the process, or corvil_netlink_check_capture(), reads another one:
- *
- *   CORVIL_NETLINK_PCAP        path of a capture file, to which every message sent and received is
- *                              written: a pcap file of link type NETLINK (253) whose packets are of
- *                              type 4 when sent and 0 when received. A new file is readable by its
- *                              owner alone (mode 0600); one that exists is emptied and keeps its
- *                              mode. A symbolic link is followed, so name no path in a folder in
- *                              which others can write. One process, with the children that it
- *                              forks, has the file at a time; another one gets no capture (EBUSY).
- *                              A FIFO needs a reader from the start, and ends the capture when it
- *                              is full (EAGAIN). "-" is standard output, which may keep an
- *                              exchange waiting. A capture that fails ends, without SIGPIPE or
- *                              SIGXFSZ, and the exchanges go on without it; see
- *                              corvil_netlink_check_capture().
- *
- * The environment must not be changed while any thread is in an operation. A host that makes these
- * settings itself calls corvil_netlink_set_emulator(), corvil_netlink_set_timeout() and
- * corvil_netlink_open_capture() instead.
+ * Every exchange reads the first two afresh, and the first exchange of the process the third.
  *
  * Thread-safety: while a function with "set" in its name runs, no other thread may be in a netlink
  * operation. All other functions are thread-safe.
@@ -71,7 +66,7 @@ typedef struct CorvilNetlinkError {
  */
 const CorvilNetlinkError* corvil_netlink_last_error(void);
 
-/* Forgets how the calling thread's last exchange ended, as if it had succeeded. Thread-safe. */
+/* Forgets how the calling thread's last exchange ended, as if it had succeeded. */
 void corvil_netlink_clear_last_error(void);
 
 typedef enum CorvilNetlinkDirection {
@@ -92,9 +87,7 @@ typedef enum CorvilNetlinkDirection {
 typedef void (*corvil_netlink_trace_callback)(CorvilNetlinkDirection direction, const void* bytes,
                                               size_t length, void* context);
 
-/*
- * Sets the trace callback of the whole process; null switches tracing off.
- */
+/* Sets the trace callback of the whole process; null switches tracing off. */
 void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* context);
 
 /*
@@ -107,19 +100,15 @@ void corvil_netlink_set_trace(corvil_netlink_trace_callback callback, void* cont
 void corvil_netlink_set_dry_run(uint16_t family_id);
 
 /*
- * Sends the requests of the process to the emulated kernel at a path, whatever the environment
- * says; "": to the kernel; null: where the environment says.
- *
- * path  as of CORVIL_NETLINK_EMULATOR; kept, not copied
+ * Sets the path of the emulated kernel, as of CORVIL_NETLINK_EMULATOR, which is kept and not
+ * copied. "": requests go to the kernel; null: the environment says where.
  */
 void corvil_netlink_set_emulator(const char* path);
 
 /* Returns the path of the emulated kernel that requests go to; "": they go to the kernel. */
 const char* corvil_netlink_emulator(void);
 
-/*
- * Has exchanges wait for so many milliseconds, whatever the environment says; 0: as it says.
- */
+/* Sets how many milliseconds exchanges wait; 0: the environment says. */
 void corvil_netlink_set_timeout(int milliseconds);
 
 /*
@@ -129,23 +118,18 @@ void corvil_netlink_set_timeout(int milliseconds);
 int corvil_netlink_timeout(void);
 
 /*
- * Starts a capture at a path as CORVIL_NETLINK_PCAP would, whatever the environment says. Returns
- * 0, or -1 with the last error recorded: when the file can't be written, or with EALREADY when an
- * exchange, or a call of this or the next two functions, has settled before where there is a
- * capture.
- */
-int corvil_netlink_open_capture(const char* path);
-
-/*
- * Starts the capture that CORVIL_NETLINK_PCAP asks for, unless an exchange has done so already.
- * Returns 0, also when none is asked for, or -1 with the last error recorded when the capture has
+ * Starts the capture, in place of the process's first exchange: at a path, or where the environment
+ * says. Without effect when it has been started, or when it was settled that there is none.
+ *
+ * Returns 0, also without a capture, or -1 with the last error recorded when the capture has
  * failed: it then lacks messages and gets no more.
  */
+int corvil_netlink_open_capture(const char* path);
 int corvil_netlink_check_capture(void);
 
 /*
  * Writes a message that others have exchanged to the capture, if there is one. Returns as
- * corvil_netlink_check_capture() does. Thread-safe.
+ * corvil_netlink_check_capture() does.
  *
  * protocol  netlink protocol, such as NETLINK_GENERIC
  * time      the packet's; null: now
