@@ -1,9 +1,9 @@
 // datapath_bench: the time that the library's calls take on an emulated kernel, with and without a
 // log file, beside the same requests sent by clients written on libmnl and on libnl.
 //
-// The clients send again what the library has sent in a call: they look the family up, put the
-// attributes of each request into a message, and wait for the answer. Sockets are kept. So they
-// have no argument to check, no size to sum up and nothing to log.
+// The clients send again what the library has sent in a call, the look-ups of the family included:
+// they put the attributes of each request into a message, and wait for the answer. Sockets are
+// kept. So they have no argument to check, no size to sum up and nothing to log.
 #include <libmnl/libmnl.h>
 #include <linux/genetlink.h>
 #include <netlink/genl/ctrl.h>
@@ -64,10 +64,6 @@ int copy(const nlattr* attribute, void* context) {
   return MNL_CB_OK;
 }
 
-uint8_t command_of(const nlmsghdr* request) {
-  return static_cast<const genlmsghdr*>(mnl_nlmsg_get_payload(request))->cmd;
-}
-
 /// Takes the ports of a reply, which are the innermost attributes.
 int take_port(const nlattr* attribute, void* context) {
   if ((attribute->nla_type & NLA_F_NESTED) != 0) {
@@ -86,12 +82,6 @@ int take_ports(const nlmsghdr* reply, void* context) {
 // By libmnl
 
 struct MnlMessage {
-  MnlMessage(uint16_t type, uint16_t flags, uint8_t command) {
-    header->nlmsg_type = type;
-    header->nlmsg_flags = flags;
-    const genlmsghdr generic{command, TAVIK_WLAN_FAMILY_VERSION, 0};
-    memcpy(mnl_nlmsg_put_extra_header(header, GENL_HDRLEN), &generic, sizeof(generic));
-  }
   void put(uint16_t type, size_t size, const void* data) { mnl_attr_put(header, type, size, data); }
   nlattr* open(uint16_t type) { return mnl_attr_nest_start(header, type); }
   void close(nlattr* nest) { mnl_attr_nest_end(header, nest); }
@@ -113,26 +103,26 @@ struct MnlMessage {
   nlmsghdr* header = mnl_nlmsg_put_header(sent);
 };
 
-int take_family(const nlmsghdr* reply, void* context) {
-  const auto take = [](const nlattr* attribute, void* id) {
+int take_family(const nlmsghdr* reply, void* id) {
+  const auto take = [](const nlattr* attribute, void* found) {
     if (mnl_attr_get_type(attribute) == CTRL_ATTR_FAMILY_ID) {
-      *static_cast<uint16_t*>(id) = mnl_attr_get_u16(attribute);
+      *static_cast<uint16_t*>(found) = mnl_attr_get_u16(attribute);
     }
     return MNL_CB_OK;
   };
-  return std::min(mnl_attr_parse(reply, GENL_HDRLEN, take, context), MNL_CB_STOP);
+  return std::min(mnl_attr_parse(reply, GENL_HDRLEN, take, id), MNL_CB_STOP);
 }
 
 int send_by_libmnl(const nlmsghdr* request) {
-  uint16_t family = 0;
-  MnlMessage look_up(GENL_ID_CTRL, NLM_F_REQUEST, CTRL_CMD_GETFAMILY);
-  look_up.put(CTRL_ATTR_FAMILY_NAME, sizeof(TAVIK_WLAN_FAMILY_NAME), TAVIK_WLAN_FAMILY_NAME);
-  if (look_up.exchange(take_family, &family) < 0) {
-    return -1;
-  }
-  MnlMessage message(family, request->nlmsg_flags, command_of(request));
+  static uint16_t family = 0;
+  const bool is_look_up = request->nlmsg_type == GENL_ID_CTRL;
+  MnlMessage message;
+  message.header->nlmsg_type = is_look_up ? GENL_ID_CTRL : family;
+  message.header->nlmsg_flags = request->nlmsg_flags;
+  memcpy(mnl_nlmsg_put_extra_header(message.header, GENL_HDRLEN), mnl_nlmsg_get_payload(request),
+         GENL_HDRLEN);
   mnl_attr_parse(request, GENL_HDRLEN, copy<MnlMessage>, &message);
-  return message.exchange(take_ports, nullptr);
+  return message.exchange(is_look_up ? take_family : take_ports, &family);
 }
 
 // By libnl
@@ -167,12 +157,16 @@ nl_sock* open_by_libnl() {
 
 int send_by_libnl(const nlmsghdr* request) {
   static nl_sock* const kSocket = open_by_libnl();
-  const int family = genl_ctrl_resolve(kSocket, TAVIK_WLAN_FAMILY_NAME);
+  static int family = 0;
+  if (request->nlmsg_type == GENL_ID_CTRL) {
+    return family = genl_ctrl_resolve(kSocket, TAVIK_WLAN_FAMILY_NAME);
+  }
   NlMessage message{nlmsg_alloc_size(request->nlmsg_len)};
   genlmsg_put(message.message, NL_AUTO_PORT, NL_AUTO_SEQ, family, 0, request->nlmsg_flags,
-              command_of(request), TAVIK_WLAN_FAMILY_VERSION);
+              static_cast<const genlmsghdr*>(mnl_nlmsg_get_payload(request))->cmd,
+              TAVIK_WLAN_FAMILY_VERSION);
   mnl_attr_parse(request, GENL_HDRLEN, copy<NlMessage>, &message);
-  return family < 0 ? -1 : nl_send_sync(kSocket, message.message);
+  return nl_send_sync(kSocket, message.message);
 }
 
 // Measuring
@@ -201,15 +195,14 @@ const struct Case {
     {"get_port_tuple, 4,000 ports", add_ports, calls::get_ports},
 };
 
-/// What a call sends, without its look-ups of the family.
+/// What a call sends.
 std::vector<std::string> requests_of(const Case& each) {
   std::vector<std::string> requests;
   calls::reset();
   each.prepare();
   corvil_netlink_set_trace(
       [](CorvilNetlinkDirection direction, const void* bytes, size_t size, void* list) {
-        if (direction == CORVIL_NETLINK_SENT &&
-            static_cast<const nlmsghdr*>(bytes)->nlmsg_type != GENL_ID_CTRL) {
+        if (direction == CORVIL_NETLINK_SENT) {
           static_cast<std::vector<std::string>*>(list)->emplace_back(
               static_cast<const char*>(bytes), size);
         }

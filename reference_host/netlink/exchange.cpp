@@ -30,9 +30,6 @@ constexpr size_t kBufferSize = size_t{128} * 1024;
 /// How often a dump is asked for while changes interrupt it.
 constexpr int kDumpAttempts = 4;
 
-/// The largest errno of the kernel.
-constexpr int kMaxErrno = 4095;
-
 constexpr int kDefaultTimeoutMs = 3000;
 
 // What the host has set in place of the environment's settings; null or 0: nothing.
@@ -321,7 +318,7 @@ Progress Exchange::take(const nlmsghdr* message) {
 
 /// Judges a complete answer by its result: 0 or the kernel's negative errno.
 Progress Exchange::finish(int result, const nlmsghdr* answer) {
-  if (result > 0 || result < -kMaxErrno) {
+  if (result > 0) {
     return give_up(EBADMSG);
   }
   if (result == 0) {

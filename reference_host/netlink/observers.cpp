@@ -103,18 +103,18 @@ class Capture {
   /// Creates the file at a path; there is no capture when it is null or empty.
   explicit Capture(const char* path);
 
-  [[nodiscard]] bool is_on() const { return file_.number() != -1 && error() == 0; }
-
   /// The positive errno that has ended the capture; 0 when none has.
   [[nodiscard]] int error() const { return error_.load(std::memory_order_relaxed); }
 
   [[nodiscard]] const char* path() const { return path_; }
 
-  /// Writes one packet, of now or of a time. Only while is_on().
+  /// Writes one packet, of now or of a time, unless there is no capture or it has ended.
   void write(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> datagram,
              const timespec* time = nullptr);
 
  private:
+  [[nodiscard]] bool is_on() const { return file_.number() != -1 && error() == 0; }
+
   char path_[PATH_MAX] = "";
   Descriptor file_;
   std::atomic<int> error_{0};
@@ -150,6 +150,9 @@ Capture::Capture(const char* path) {
 
 void Capture::write(CorvilNetlinkDirection direction, int protocol,
                     std::span<const std::byte> datagram, const timespec* time) {
+  if (!is_on()) {
+    return;
+  }
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   time = time != nullptr ? time : &now;
@@ -178,9 +181,7 @@ void Capture::write(CorvilNetlinkDirection direction, int protocol,
 uint16_t dry_run_family_id() { return dry_run_id; }
 
 void show(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> bytes) {
-  if (capture().is_on()) {
-    capture().write(direction, protocol, bytes);
-  }
+  capture().write(direction, protocol, bytes);
   if (trace.callback != nullptr) {
     trace.callback(direction, bytes.data(), bytes.size(), trace.context);
   }
@@ -212,9 +213,7 @@ CORVIL_EXPORT int corvil_netlink_open_capture(const char* path) {
 CORVIL_EXPORT int corvil_netlink_capture(CorvilNetlinkDirection direction, int protocol,
                                          const void* bytes, size_t length,
                                          const struct timespec* time) {
-  if (corvil::netlink::capture().is_on()) {
-    corvil::netlink::capture().write(direction, protocol,
-                                     {static_cast<const std::byte*>(bytes), length}, time);
-  }
+  corvil::netlink::capture().write(direction, protocol,
+                                   {static_cast<const std::byte*>(bytes), length}, time);
   return corvil_netlink_check_capture();
 }
