@@ -96,16 +96,14 @@ int Connection::open(int protocol, const char* emulator, Clock::time_point deadl
     return ENAMETOOLONG;
   }
   memcpy(emulator_, emulator, path_length + 1);
-  memcpy(emulator_address.sun_path, emulator, path_length + 1);
+  memcpy(emulator_address.sun_path, emulator, path_length);
+  if (emulator[0] == '@') {
+    emulator_address.sun_path[0] = '\0';  // An abstract address begins so.
+  }
   const auto* address = reinterpret_cast<const sockaddr*>(&kernel_address);
   socklen_t length = sizeof(kernel_address);
   if (path_length > 0) {
     address = reinterpret_cast<const sockaddr*>(&emulator_address);
-    length = sizeof(emulator_address);
-  }
-  if (emulator[0] == '@') {
-    // An abstract address begins with a NUL, and ends where its length says.
-    emulator_address.sun_path[0] = '\0';
     length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_length);
   }
   protocol_ = protocol;
