@@ -101,7 +101,26 @@ int write_without_signals(int fd, std::span<const std::byte> header,
 class Capture {
  public:
   /// Creates the file at a path; there is no capture when it is null or empty.
-  explicit Capture(const char* path);
+  explicit Capture(const char* path) {
+    if (path == nullptr || path[0] == '\0') {
+      return;
+    }
+    snprintf(path_, sizeof(path_), "%s", path);
+    const bool is_output = strcmp(path, "-") == 0;
+    // O_NONBLOCK: neither opening nor writing waits for the reader of a FIFO.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    error_ = file_.adopt(is_output ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
+                                   : open(path, kFlags, S_IRUSR | S_IWUSR));
+    if (is_on() && !is_output) {
+      error_ = claim(file_.number());
+    }
+    if (is_on()) {
+      const FileHeader header;
+      error_ = write_without_signals(file_.number(), std::as_bytes(std::span(&header, 1)), {});
+    } else {
+      file_.close();
+    }
+  }
 
   /// The positive errno that has ended the capture; 0 when none has.
   [[nodiscard]] int error() const { return error_.load(std::memory_order_relaxed); }
@@ -110,7 +129,32 @@ class Capture {
 
   /// Writes one packet, of now or of a time, unless there is no capture or it has ended.
   void write(CorvilNetlinkDirection direction, int protocol, std::span<const std::byte> datagram,
-             const timespec* time = nullptr);
+             const timespec* time = nullptr) {
+    if (!is_on()) {
+      return;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    time = time != nullptr ? time : &now;
+    const auto length = static_cast<uint32_t>(kLinkLayerSize + datagram.size());
+    const PacketHeader header{
+        .seconds = static_cast<uint32_t>(time->tv_sec),
+        .nanoseconds = static_cast<uint32_t>(time->tv_nsec),
+        .captured_length = length,
+        .length = length,
+        .packet_type = htons(direction == CORVIL_NETLINK_SENT ? PACKET_OUTGOING : PACKET_HOST),
+        .hardware_type = htons(ARPHRD_NETLINK),
+        .unused = {},
+        .protocol = htons(static_cast<uint16_t>(protocol)),
+    };
+    const int error =
+        file_.is_open()
+            ? write_without_signals(file_.number(), std::as_bytes(std::span(&header, 1)), datagram)
+            : EBADF;
+    if (error != 0) {
+      error_ = error;
+    }
+  }
 
  private:
   [[nodiscard]] bool is_on() const { return file_.number() != -1 && error() == 0; }
@@ -125,55 +169,6 @@ class Capture {
 Capture& capture(const char* path = nullptr) {
   static Capture process_capture(path != nullptr ? path : secure_getenv("CORVIL_NETLINK_PCAP"));
   return process_capture;
-}
-
-Capture::Capture(const char* path) {
-  if (path == nullptr || path[0] == '\0') {
-    return;
-  }
-  snprintf(path_, sizeof(path_), "%s", path);
-  const bool is_output = strcmp(path, "-") == 0;
-  // O_NONBLOCK: neither opening nor writing waits for the reader of a FIFO.
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  error_ = file_.adopt(is_output ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
-                                 : open(path, kFlags, S_IRUSR | S_IWUSR));
-  if (is_on() && !is_output) {
-    error_ = claim(file_.number());
-  }
-  if (is_on()) {
-    const FileHeader header;
-    error_ = write_without_signals(file_.number(), std::as_bytes(std::span(&header, 1)), {});
-  } else {
-    file_.close();
-  }
-}
-
-void Capture::write(CorvilNetlinkDirection direction, int protocol,
-                    std::span<const std::byte> datagram, const timespec* time) {
-  if (!is_on()) {
-    return;
-  }
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  time = time != nullptr ? time : &now;
-  const auto length = static_cast<uint32_t>(kLinkLayerSize + datagram.size());
-  const PacketHeader header{
-      .seconds = static_cast<uint32_t>(time->tv_sec),
-      .nanoseconds = static_cast<uint32_t>(time->tv_nsec),
-      .captured_length = length,
-      .length = length,
-      .packet_type = htons(direction == CORVIL_NETLINK_SENT ? PACKET_OUTGOING : PACKET_HOST),
-      .hardware_type = htons(ARPHRD_NETLINK),
-      .unused = {},
-      .protocol = htons(static_cast<uint16_t>(protocol)),
-  };
-  const int error =
-      file_.is_open()
-          ? write_without_signals(file_.number(), std::as_bytes(std::span(&header, 1)), datagram)
-          : EBADF;
-  if (error != 0) {
-    error_ = error;
-  }
 }
 
 }  // namespace
