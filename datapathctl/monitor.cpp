@@ -124,7 +124,9 @@ FileDescriptor join_notifications() {
       ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_GENERIC));
   // Without a port id, which this gives it, a socket gets nothing that is sent to a group.
   const sockaddr_nl address{.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = 0, .nl_groups = 0};
-  bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
+    fail("cannot watch the controller");
+  }
   setsockopt(socket.get(), SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &kNotifications,
              sizeof(kNotifications));
   return socket;
@@ -161,7 +163,7 @@ void read_until_signal(int fd, const std::function<bool()>& read) {
   }
 }
 
-void tell_lost(uint32_t count) {
+void tell_lost(uint64_t count) {
   if (count > 0) {
     std::cerr << "datapathctl: " << count << " messages were lost: they came too fast\n";
   }

@@ -55,9 +55,11 @@ run_analyzers() {
   local options source test
   build release
   # at() checks its argument itself. A string_view is followed beyond the life of what it was made
-  # of, to a call that is over by then. The tests' designated initializers are not understood.
+  # of, to a call that is over by then. The tests' designated initializers are not understood. That
+  # what load() copies may be copied as bytes, a static_assert sees to.
   cppcheck --project=build/release/compile_commands.json -itests --quiet \
     --enable=warning,performance,portability --suppress=containerOutOfBounds \
+    --suppress=memsetClass:kernel_interface/protocol.h \
     --suppress={danglingTemporaryLifetime,invalidLifetime}:datapathctl/message_decoder.cpp \
     --suppress=missingIncludeSystem --error-exitcode=1
 

@@ -137,7 +137,7 @@ class Connection {
         return ETIMEDOUT;
       }
       const auto milliseconds = static_cast<int>(left.count());
-      const timeval time{milliseconds / 1000, milliseconds % 1000 * 1000};
+      const timeval time{milliseconds / 1000, milliseconds % 1000 * 1000L};
       setsockopt(socket_.number(), SOL_SOCKET, limit, &time, sizeof(time));
       if (call() != -1) {
         return 0;

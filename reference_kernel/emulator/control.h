@@ -33,7 +33,7 @@ struct CopyHeader {
   std::chrono::system_clock::time_point time = std::chrono::system_clock::now();
   uint32_t port_id = 0;  // of the client: its connection's number, which no other one gets
   pid_t pid = 0;         // of the process that connected; 0: not known
-  uint32_t lost = 0;     // how many are missing here, because the monitor read too slowly
+  uint64_t lost = 0;     // how many are missing here, because the monitor read too slowly
 };
 
 /// A datagram between the emulator and one of its clients, as a monitor gets it.

@@ -62,7 +62,7 @@ class Emulator {
     std::deque<Outgoing> unsent{};
     size_t unsent_bytes = 0;
     bool is_monitor = false;
-    uint32_t lost = 0;  // copies that it read too slowly to get
+    uint64_t lost = 0;  // copies that it read too slowly to get
 
     /// What to poll for.
     [[nodiscard]] short awaited(Clock::time_point now) const;

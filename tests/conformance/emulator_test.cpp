@@ -83,6 +83,7 @@ TEST_F(EmulatorTest, GivesTheFileOfADeadOneToOneOfItsRivals) {
     std::barrier start(rivals.size());
     {
       std::vector<std::jthread> threads;
+      threads.reserve(rivals.size());
       for (auto& rival : rivals) {
         threads.emplace_back([&start, &path, &rival] {
           start.arrive_and_wait();
