@@ -15,12 +15,9 @@ namespace {
 
 using std::chrono::system_clock;
 
-// The first word of a file tells the unit of its times and, by its own order, that of all bytes.
+// The first word of a capture tells the unit of its times and, by its own order, that of all bytes.
 constexpr uint32_t kMicroseconds = 0xa1b2c3d4;
 constexpr uint32_t kNanoseconds = 0xa1b23c4d;
-constexpr uint32_t kNextGeneration = 0x0a0d0d0a;  // the same in both orders
-constexpr uint32_t kMagics[] = {kMicroseconds, kNanoseconds, kNextGeneration,
-                                __builtin_bswap32(kMicroseconds), __builtin_bswap32(kNanoseconds)};
 
 constexpr uint32_t kLinkTypeNetlink = 253;
 
@@ -67,28 +64,19 @@ std::vector<uint8_t> from_hex(std::string digits) {
   return bytes;
 }
 
-}  // namespace
-
-bool is_capture(std::string_view file) {
-  uint32_t magic = 0;
-  return take(&file, &magic) && std::ranges::find(kMagics, magic) != std::end(kMagics);
-}
-
 Result read_capture(std::string_view file, std::vector<Packet>* packets) {
-  uint32_t magic = 0;
-  memcpy(&magic, file.data(), sizeof(magic));
-  if (magic != kMicroseconds && magic != kNanoseconds) {
-    return usage_error("in a format that is not read here; 'editcap -F pcap FILE NEW' converts it");
-  }
   FileHeader header{};
   if (!take(&file, &header)) {
     return usage_error("the capture ends in its first header");
+  }
+  if (header.magic != kMicroseconds && header.magic != kNanoseconds) {
+    return usage_error("in a format that is not read here; 'editcap -F pcap FILE NEW' converts it");
   }
   if ((header.link_type & UINT16_MAX) != kLinkTypeNetlink) {
     return usage_error("of link type " + std::to_string(header.link_type) +
                        " and not 253, NETLINK");
   }
-  const int unit = magic == kNanoseconds ? 1 : 1000;
+  const int unit = header.magic == kNanoseconds ? 1 : 1000;
   for (size_t i = 1; !file.empty(); ++i) {
     PacketHeader packet{};
     if (!take(&file, &packet) || packet.captured_length > file.size()) {
@@ -107,11 +95,10 @@ Result read_capture(std::string_view file, std::vector<Packet>* packets) {
   return {};
 }
 
-std::vector<Packet> read_hex(std::string_view text) {
+void read_hex(const std::string& text, std::vector<Packet>* packets) {
   constexpr char kDigits[] = " \t\r0123456789abcdefABCDEF";
-  std::vector<Packet> packets;
   bool goes_on = false;
-  std::istringstream lines{std::string(text)};
+  std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     const size_t word = line.find("bytes");
     const bool is_new = word != std::string::npos;
@@ -122,14 +109,23 @@ std::vector<Packet> read_hex(std::string_view text) {
     const bool is_hex = line.find_first_not_of(kDigits) == std::string::npos;
     const std::vector<uint8_t> bytes = from_hex(is_hex ? line : "");
     if (!bytes.empty() && (is_new || !goes_on)) {
-      packets.emplace_back();
+      packets->emplace_back();
     }
     goes_on = !bytes.empty();
     if (goes_on) {
-      std::ranges::copy(bytes, std::back_inserter(packets.back().datagram));
+      std::ranges::copy(bytes, std::back_inserter(packets->back().datagram));
     }
   }
-  return packets;
+}
+
+}  // namespace
+
+Result read_packets(std::string_view file, std::vector<Packet>* packets) {
+  if (file.find('\0') != std::string_view::npos) {
+    return read_capture(file, packets);
+  }
+  read_hex(std::string(file), packets);
+  return {};
 }
 
 }  // namespace datapathctl

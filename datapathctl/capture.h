@@ -17,17 +17,13 @@ struct Packet {
   std::vector<uint8_t> datagram{};
 };
 
-/// Whether a file is a capture, of the old format or the new one, by how it begins.
-bool is_capture(std::string_view file);
-
-/// Appends the generic netlink packets of a capture in the pcap format, in this machine's byte
-/// order, with times in microseconds or nanoseconds. A failure says what is wrong with the file;
-/// the packets before that are there.
-Result read_capture(std::string_view file, std::vector<Packet>* packets);
-
-/// Reads datagrams from text. A line with the word "bytes" begins one with what follows the word,
+/// Appends the generic netlink datagrams of a file. With a NUL byte in it, it is a capture in the
+/// pcap format, in this machine's byte order, whose packets have times. A failure says what is
+/// wrong with it; the packets before that are there.
+///
+/// Otherwise it is text. A line with the word "bytes" begins a datagram with what follows the word,
 /// as --hex prints it; other lines with nothing but hexadecimal digits and blanks go on where the
 /// line before ended, or begin one. The rest of the text is skipped.
-std::vector<Packet> read_hex(std::string_view text);
+Result read_packets(std::string_view file, std::vector<Packet>* packets);
 
 }  // namespace datapathctl

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,20 +12,17 @@
 
 namespace datapathctl {
 
-/// Faults of an emulator: words as of tavik_wlan::parse_faults().
-using Faults = std::string;
-
 /// How much of each message is shown.
 enum class Trace { kOff, kCompact, kFull };
 
 /// The options that are not a command's own.
 struct Settings {
-  std::string library;           // empty: the one beside this program
-  std::string socket;            // of an emulator in another process; empty: the environment's
-  bool emulate = false;          // an emulator in this process
-  bool dry_run = false;          // no kernel at all: requests are only shown
-  std::optional<Faults> faults;  // of the emulator
-  std::string log_file;          // empty: none; "-": standard output
+  std::string library;   // empty: the installed one
+  std::string socket;    // of an emulator in another process; empty: the environment's
+  bool emulate = false;  // an emulator in this process
+  bool dry_run = false;  // no kernel at all: requests are only shown
+  std::string faults;    // of the emulator, words as of tavik_wlan::parse_faults(); empty: none
+  std::string log_file;  // empty: none; "-": standard output
   bool log_diagnostic = false;
   bool log_android = false;
   Trace trace = Trace::kOff;
@@ -64,7 +60,7 @@ struct Command {
   uint16_t port = 0;
   std::string destination{};
   uint16_t destination_port = 0;
-  Faults faults{};
+  std::string faults{};  // as of the settings
   std::string path{};
   bool force = false;
   std::string text{};  // the help

@@ -265,38 +265,38 @@ std::string MessageDecoder::name_of(Bytes message) const {
                          : "family " + std::to_string(type) + " command " + std::to_string(command);
 }
 
-std::string to_text(const Message& message) {
-  std::string text = message.json["message"].get<std::string>();
-  if (message.json.contains("seq")) {
-    text += ", seq " + message.json["seq"].dump();
+std::string to_text(const Message& message, bool full) {
+  const Json& json = message.json;
+  std::string text = json["message"];
+  text = full ? text : short_name(text);
+  if (json.contains("request")) {
+    text += " " + json.value("request", "");
   }
-  text += ", " + message.json["length"].dump() + " bytes\n";
-  const Json attributes = message.json.value("attributes", Json::object());
+  if (full && json.contains("seq")) {
+    text += ", seq " + json["seq"].dump();
+  }
+  if (full) {
+    text += ", " + json["length"].dump() + " bytes";
+  }
+  std::string separator = full ? "\n    " : " ";
+  const auto add = [&](const std::string& detail) {
+    text += separator + printable(detail);
+    separator = full ? separator : ", ";
+  };
+  const Json attributes = json.value("attributes", Json::object());
   for (const auto& [name, value] : attributes.items()) {
-    text += "    " + name + " " + printable(value_text(value)) + "\n";
+    // What these numbers point at follows.
+    if (full || (name != "OFFS" && !name.starts_with("MISS_"))) {
+      add(name + " " + value_text(value, full ? SIZE_MAX : kMaxTuples));
+    }
+  }
+  if (const std::string complaint = complaint_of(json); !complaint.empty()) {
+    add(complaint);
   }
   return text;
 }
 
-std::string to_line(const Message& message) {
-  const Json& json = message.json;
-  std::string details;
-  const Json attributes = json.value("attributes", Json::object());
-  for (const auto& [name, value] : attributes.items()) {
-    // What these numbers point at follows.
-    if (name != "OFFS" && !name.starts_with("MISS_")) {
-      details += ", " + name + " " + value_text(value, kMaxTuples);
-    }
-  }
-  if (const std::string complaint = complaint_of(json); !complaint.empty()) {
-    details += ", " + complaint;
-  }
-  const std::string request = json.contains("request") ? " " + json.value("request", "") : "";
-  return printable(short_name(json["message"]) + request +
-                   (details.empty() ? "" : details.substr(1)));
-}
-
-std::string short_name(std::string name) {
+std::string short_name(const std::string& name) {
   constexpr std::string_view kFamily = TAVIK_WLAN_FAMILY_NAME " ";
   return name.starts_with(kFamily) ? name.substr(kFamily.size()) : name;
 }

@@ -64,15 +64,13 @@ class MessageDecoder {
   std::deque<Request> requests_{};  // the latest about the family, the newest first
 };
 
-/// A decoded message as printable lines, each ended by a newline, the first one its head.
-std::string to_text(const Message& message);
-
-/// A decoded message as one printable line without its end: what it is, what it is about and, of an
-/// answer, the outcome.
-std::string to_line(const Message& message);
+/// A decoded message as printable text: what it is, what it is about and, of an answer, the
+/// outcome. That is one line or, in full, a head and a line for each attribute. The last line has
+/// no end.
+std::string to_text(const Message& message, bool full);
 
 /// A name of a message without the family that most names belong to.
-std::string short_name(std::string name);
+std::string short_name(const std::string& name);
 
 /// What a decoded answer complains of, such as "DEV \"wlan0\"" or "missing DEV"; empty: of nothing.
 std::string complaint_of(const nlohmann::ordered_json& answer);

@@ -255,7 +255,7 @@ Result run_emulator(Session& session, const Command& command) {
   const Settings& settings = session.settings();
   catch_signals();
   tavik_wlan::Emulator emulator(command.path);
-  emulator.inject(settings.faults.value_or(""));
+  emulator.inject(settings.faults);
   std::cout << (settings.json ? json_text({{"serving", command.path}})
                               : "serving TAVIK_WLAN at " + printable(command.path))
             << std::endl;

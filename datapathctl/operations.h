@@ -3,6 +3,7 @@
 
 #include <span>
 #include <string>
+#include <vector>
 
 #include "datapathctl/command.h"
 #include "datapathctl/session.h"
@@ -24,36 +25,32 @@ struct Operation {
 
 std::span<const Operation> operations();
 
+/// Has a parser fill the settings.
+void add_options(CLI::App& parser, Settings& settings);
+
+/// Fills the command from words, or tells in one line what is wrong with them; the command's
+/// operation is set as soon as it is known. The words of a command line have options, which go to
+/// the settings; those of a line of a batch have none, and the settings are null.
+Result parse(std::vector<std::string> words, Settings* settings, Command* command);
+
 // The operations that are more than one call of the library, or none. They may throw what
 // execute() makes a failure.
 
 // The four that take the proxy through its life. Of a failure after the first step, the result says
 // which steps are done, and which command takes them back.
 Result run_proxy_up(Session& session, const Command& command);
-/// With force it goes on where something is not there.
 Result run_proxy_down(Session& session, const Command& command);
 Result run_proxy_update(Session& session, const Command& command);
 Result run_proxy_unmap(Session& session, const Command& command);
 
-/// Lists what the library reads back into the host's port tree, which it clears before.
+// What can be read back.
 Result run_ports(Session& session, const Command& command);
-
-/// Tells what the kernel holds, or of a kernel that shows only its tuples, those.
 Result run_state(Session& session, const Command& command);
 
-/// Runs the commands of a file, "-" for standard input, one a line, up to the first that fails or,
-/// with force, all.
+// Those that stand alone.
 Result run_batch(Session& session, const Command& command);
-
-/// Serves an emulated kernel at a path, and shows what its clients say and hear, until SIGINT or
-/// SIGTERM.
 Result run_emulator(Session& session, const Command& command);
-
-/// Shows what clients of the kernel in this network namespace, or of the emulator that the settings
-/// name, say to the family and hear, until SIGINT or SIGTERM.
 Result run_monitor(Session& session, const Command& command);
-
-/// Shows the messages of a file, "-" for standard input: a capture, or bytes in hexadecimal.
 Result run_decode(Session& session, const Command& command);
 
 }  // namespace datapathctl

@@ -1,13 +1,11 @@
-#include "datapathctl/parser.h"
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iterator>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "datapathctl/operations.h"
-#include "datapathctl/values.h"
 
 namespace datapathctl {
 namespace {
@@ -31,80 +29,41 @@ std::vector<std::string> names_below(const std::string& object) {
   return names;
 }
 
+[[noreturn]] void refuse(const std::string& error) { throw CLI::ValidationError(error); }
+
 /// Takes the name of an object, or of a verb of one, off the words; it may be abbreviated.
-Result take_name(const std::string& object, std::vector<std::string>* words, std::string* name) {
+std::string take_name(const std::string& object, std::vector<std::string>* words) {
   const std::string word = words->empty() ? "" : words->front();
   const std::vector<std::string> names = names_below(object);
   std::vector<std::string> fitting;
   std::ranges::copy_if(names, std::back_inserter(fitting),
                        [&word](const std::string& known) { return known.starts_with(word); });
-  const auto exact = std::ranges::find(fitting, word);
-  if (fitting.size() == 1 || exact != fitting.end()) {
-    *name = fitting.size() == 1 ? fitting[0] : *exact;
+  if (fitting.size() == 1 || std::ranges::find(fitting, word) != fitting.end()) {
     words->erase(words->begin());
-    return {};
+    return fitting.size() == 1 ? fitting[0] : word;
   }
   const std::string kind = word.starts_with('-') ? "option" : object.empty() ? "object" : "verb";
   const std::string problem = words->empty()    ? "no " + kind
                               : fitting.empty() ? "unknown " + kind + " '" + word + "'"
                                                 : "ambiguous " + kind + " '" + word + "'";
   const std::string choice = CLI::detail::join(fitting.empty() ? names : fitting, ", ");
-  return usage_error(problem + (kind == "option" ? "" : "; one of " + choice) +
-                     ", see datapathctl " + object + (object.empty() ? "" : " ") + "help");
+  refuse(problem + (kind == "option" ? "" : "; one of " + choice) + ", see datapathctl " + object +
+         (object.empty() ? "" : " ") + "help");
 }
 
-/// Why a path can't be one; empty for others. The settings know an empty one as none at all.
-std::string empty_path(const std::string& path) { return path.empty() ? "the path is empty" : ""; }
-
-/// The number of a Trace.
-std::string parse_trace(const std::string& word) {
-  if (word == "true" || word == "compact" || word == "full") {
-    return std::to_string(static_cast<int>(word == "full" ? Trace::kFull : Trace::kCompact));
-  }
-  throw CLI::ValidationError("'" + word + "' is neither compact nor full");
-}
-
-void define_options(CLI::App& app, Settings& settings) {
-  const auto add_path = [&app](const char* name, std::string& path, const char* help) {
-    return app.add_option(name, path, help)->type_name("PATH")->check(empty_path);
-  };
-  add_path("--library", settings.library, "load this library, not the one beside this program");
-  app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
-  add_path("--socket", settings.socket, "talk to the emulator that serves there");
-  add_value(app, "--misbehave", settings.faults, parse_faults,
-            "have the emulated kernel misbehave, repeatable")
-      ->type_name("WORD")
-      ->allow_extra_args(false);
-  add_number(app, "--timeout", settings.timeout_ms, "timeout",
-             "how long the kernel may take to answer", 3600000, 1)
-      ->type_name("MS");
-  app.add_flag("--trace", settings.trace, "print every netlink message; =full: all of it")
-      ->transform(parse_trace);
-  app.add_flag("--time", settings.time, "print the time of each message");
-  app.add_flag("--dry-run", settings.dry_run, "print the requests, and send nothing");
-  app.add_flag("--hex", settings.hex, "print the bytes of each message");
-  add_path("--pcap", settings.pcap, "capture every message; -: on standard output")
-      ->type_name("FILE");
-  app.add_flag("-j,--json", settings.json, "print results, state and messages as JSON");
-  add_path("--log-file", settings.log_file, "append the library's log there; -: print it");
-  app.add_flag("--log-diag", settings.log_diagnostic, "print the diagnostic sink on stderr");
-  app.add_flag("--log-android", settings.log_android, "switch the Android log on");
-}
-
-Result check(const Settings& settings, const Operation& operation) {
+void check(const Settings& settings, const Operation& operation) {
   if (settings.json && settings.log_file == "-") {
-    return usage_error("--json excludes --log-file -");
+    refuse("--json excludes --log-file -");
   }
   if (settings.emulate && !settings.socket.empty()) {
-    return usage_error("--emulate excludes --socket");
+    refuse("--emulate excludes --socket");
   }
   const bool shows =
       settings.shows_messages() || (operation.stands_alone && operation.run != run_batch);
   if ((settings.hex || settings.time) && !shows) {
-    return usage_error(std::string(settings.hex ? "--hex" : "--time") +
-                       " has no messages to show; it goes with --trace or --dry-run");
+    refuse(std::string(settings.hex ? "--hex" : "--time") +
+           " has no messages to show; it goes with --trace or --dry-run");
   }
-  return {};
 }
 
 /// Every object with its verbs, in lines.
@@ -122,6 +81,23 @@ std::string list_operations() {
   }
   text.back() = '.';
   return text + "\nMore: datapathctl OBJECT help, datapathctl help, datapathctl(1)";
+}
+
+/// What parses the options, wherever they stand, into settings.
+std::unique_ptr<CLI::App> options_of(Settings* settings) {
+  auto app = std::make_unique<CLI::App>("", "datapathctl OBJECT [VERB] [ARGUMENT]...");
+  app->set_help_flag();
+  app->add_flag("-h,--help")->description("Print this help message and exit");
+  app->add_flag("-V,--version")->description("print the version and exit");
+  add_options(*app, *settings);
+  app->footer(list_operations());
+  app->allow_extras();
+  return app;
+}
+
+std::string help_on_options() {
+  Settings settings;
+  return options_of(&settings)->help();
 }
 
 /// What parses the arguments of an operation into a command.
@@ -147,99 +123,71 @@ std::string help_on(const std::string& topic) {
   return text;
 }
 
-}  // namespace
-
-Parser::Parser(Settings* settings)
-    : settings_(settings), options_("", "datapathctl OBJECT [VERB] [ARGUMENT]...") {
-  options_.set_help_flag();
-  options_.add_flag("-h,--help")->description("Print this help message and exit");
-  if (settings != nullptr) {
-    options_.add_flag("-V,--version")->description("print the version and exit");
-    define_options(options_, *settings);
-    options_.footer(list_operations());
-    options_.allow_extras();
-  }
-}
-
-Result Parser::parse(std::vector<std::string> words, Command* command) {
-  const auto has_nul = [](const std::string& word) { return word.find('\0') != word.npos; };
-  if (std::ranges::any_of(words, has_nul)) {
-    return usage_error("a NUL byte is in a word");
-  }
-  command_ = {};
-  Result result;
-  try {
-    take_options(&words);
-    result = take_operation(&words);
-    result = result.ok() ? take_arguments(&words) : result;
-  } catch (const CLI::ParseError& error) {
-    result = usage_error(error.what());
-  }
-  *command = command_;
-  return result;
-}
-
-void Parser::take_options(std::vector<std::string>* words) {
-  if (settings_ == nullptr) {
+/// Takes the name of an operation off the words, which may be abbreviated; of help, all words.
+/// `asks` is whether they ask for help by an option.
+void take_operation(std::vector<std::string>* words, bool asks, Command* command) {
+  if (asks && words->empty()) {
+    *command = {.operation = find_operation("help"), .text = help_on_options()};
     return;
   }
-  std::ranges::reverse(*words);  // CLI11 takes them from the back.
-  options_.parse(*words);
-  *words = options_.count("-V") > 0 ? std::vector<std::string>{"version"} : options_.remaining();
-}
-
-Result Parser::take_operation(std::vector<std::string>* words) {
-  const bool asks = options_.count("-h") > 0;
-  if (asks && words->empty()) {
-    command_ = {.operation = find_operation("help"), .text = options_.help()};
-    return {};
-  }
-  std::string name;
-  if (Result taken = take_name("", words, &name); !taken.ok()) {
-    return taken;
-  }
+  std::string name = take_name("", words);
   const bool asks_here = words->empty() ? asks : words->front() == "help";
   if (!asks_here && !names_below(name).empty()) {
-    std::string verb;
-    if (Result taken = take_name(name, words, &verb); !taken.ok()) {
-      return taken;
-    }
-    name.append(" ").append(verb);
+    name += " " + take_name(name, words);
   }
-  command_.operation = find_operation(asks || asks_here ? "help" : name);
+  command->operation = find_operation(asks || asks_here ? "help" : name);
   if (asks || asks_here) {
     words->clear();
-    command_.text = help_on(name);
+    command->text = help_on(name);
   } else if (name == "help") {
-    command_.text = options_.help() + "\n" + help_on("");
+    command->text = help_on_options() + "\n" + help_on("");
   }
-  return {};
 }
 
-Result Parser::take_arguments(std::vector<std::string>* words) {
-  const Operation& operation = *command_.operation;
-  if (settings_ == nullptr && operation.stands_alone) {
-    return usage_error("not in a batch");
+void take_arguments(std::vector<std::string> words, bool in_batch, Command* command) {
+  if (in_batch && command->operation->stands_alone) {
+    refuse("not in a batch");
   }
-  std::unique_ptr<CLI::App>& app = arguments_[&operation];
-  if (app == nullptr) {
-    app = arguments_of(operation, &command_);
-  }
+  const auto app = arguments_of(*command->operation, command);
   try {
-    std::ranges::reverse(*words);
-    app->parse(*words);
+    std::ranges::reverse(words);  // CLI11 takes them from the back.
+    app->parse(words);
   } catch (const CLI::CallForHelp&) {  // in a batch
-    command_ = {.operation = find_operation("help"), .text = app->help()};
+    *command = {.operation = find_operation("help"), .text = app->help()};
   } catch (const CLI::ParseError&) {
     const std::vector<std::string> strangers = app->remaining();
     if (strangers.empty()) {
       throw;
     }
-    const bool is_option = settings_ == nullptr && strangers.front().starts_with('-');
-    return usage_error("not understood: " + CLI::detail::join(strangers, " ") +
-                       (is_option ? "; options of datapathctl stand on its command line" : ""));
+    const bool is_option = in_batch && strangers.front().starts_with('-');
+    refuse("not understood: " + CLI::detail::join(strangers, " ") +
+           (is_option ? "; options of datapathctl stand on its command line" : ""));
   }
-  return settings_ != nullptr ? check(*settings_, operation) : Result{};
+}
+
+}  // namespace
+
+Result parse(std::vector<std::string> words, Settings* settings, Command* command) try {
+  const auto has_nul = [](const std::string& word) { return word.find('\0') != word.npos; };
+  if (std::ranges::any_of(words, has_nul)) {
+    refuse("a NUL byte is in a word");
+  }
+  bool asks = false;
+  if (settings != nullptr) {
+    const auto options = options_of(settings);
+    std::ranges::reverse(words);
+    options->parse(words);
+    asks = options->count("-h") > 0;
+    words = options->count("-V") > 0 ? std::vector<std::string>{"version"} : options->remaining();
+  }
+  take_operation(&words, asks, command);
+  take_arguments(std::move(words), settings == nullptr, command);
+  if (settings != nullptr) {
+    check(*settings, *command->operation);
+  }
+  return {};
+} catch (const CLI::ParseError& error) {
+  return usage_error(error.what());
 }
 
 }  // namespace datapathctl

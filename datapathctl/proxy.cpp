@@ -40,7 +40,7 @@ std::string inverse(const Command& c, const std::vector<std::string>& done) {
 
 /// Adds to a failure which steps are done, and what takes them back.
 Result with_steps(const Session& session, const Command& command, Result result) {
-  std::vector<std::string> done = session.observed().acknowledged;
+  std::vector<std::string> done = session.acknowledged();
   const std::string undo = inverse(command, done);
   if (result.ok() || undo.empty()) {
     return result;
@@ -70,7 +70,8 @@ bool is_absent(const Result& result) {
 }
 
 /// Goes on after a tear-down that ended at something that is not there: takes the steps that are
-/// left, and removes the ports one by one, since a list is removed only as a whole.
+/// left, and removes the ports one by one, since a list is removed only as a whole. The flows are
+/// flushed already where it ended at the ports.
 Result finish_tear_down(Session& session, const Command& c, const Result& ended) {
   Result result;
   const auto take = [&result](Result step) {
@@ -83,18 +84,17 @@ Result finish_tear_down(Session& session, const Command& c, const Result& ended)
       result = std::move(step);
     }
   };
-  const std::vector<std::string>& sent = session.observed().sent;
-  if (!has(sent, "DEL_TUPLES")) {
+  const std::string end = ended.members["request"];
+  if (end != "DEL_TUPLES") {
     take(ended);
   }
-  if (!has(sent, "DEL_FWD_INFO")) {
+  if (end == "UNSET_DEV") {
     take(remove_forwarding(session, c));
   }
-  const bool flushes = c.selector == 1 && !has(sent, "LL_ADDR_FLUSH");
   for (size_t i = 0; i < c.ports.size() && result.ok(); ++i) {
     take(remove_ports(session, &c.ports.ports[i], 1));
   }
-  if (flushes && result.ok()) {
+  if (c.selector == 1 && end != "DEL_TUPLES" && result.ok()) {
     take(CALL_LIBRARY(session, corvil_datapath_proxy_flush_ll_dst_addr));
   }
   return result;

@@ -1,5 +1,6 @@
 #include "datapathctl/session.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,7 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <random>
@@ -24,6 +24,36 @@ using Json = nlohmann::ordered_json;
 
 /// What stands for the family's id in a dry run: beyond those that a kernel gives.
 constexpr uint16_t kDryRunFamilyId = 65535;
+
+#ifdef CORVIL_LIBRARY
+
+constinit void* library = nullptr;
+
+Result load_library(const Settings& settings) {
+  library = dlopen(settings.library.empty() ? CORVIL_LIBRARY : settings.library.c_str(), RTLD_NOW);
+  return library != nullptr ? Result{}
+                            : usage_error(std::string("cannot load the library: ") + dlerror());
+}
+
+Result find_function(const char* name, void** address) {
+  *address = dlsym(library, name);
+  return *address != nullptr ? Result{}
+                             : usage_error(std::string("not in the library: ") + dlerror());
+}
+
+#else
+
+Result load_library(const Settings& settings) {
+  if (!settings.library.empty()) {
+    return usage_error("--library: this build has the library inside");
+  }
+  return settings.log_android ? usage_error("--log-android: this build has no Android log")
+                              : Result{};
+}
+
+Result find_function(const char*, void**) { return {}; }
+
+#endif
 
 /// Why a socket of an emulator can't be connected to, by the errno; empty where that tells nothing.
 std::string emulator_hint(int error, const std::string& path) {
@@ -80,7 +110,8 @@ Result ask_emulator(const std::string& path,
 }
 
 Result Session::begin_command() {
-  observed_ = {};
+  acknowledged_.clear();
+  tuples_.clear();
   const int opened = settings_.pcap.empty() ? corvil_netlink_check_capture()
                                             : corvil_netlink_open_capture(settings_.pcap.c_str());
   if (opened == -1) {
@@ -97,28 +128,10 @@ Result Session::start() {
     return {};
   }
   Result result = load_library(settings_);
+  result = result.ok() ? start_kernel() : result;
+  result = result.ok() ? start_logging() : result;
   started_ = result.ok();
-  for (Result (Session::*step)() :
-       {&Session::start_kernel, &Session::start_logging, &Session::start_netlink}) {
-    if (result.ok()) {
-      result = (this->*step)();
-    }
-  }
   return result;
-}
-
-Result Session::start_netlink() {
-  corvil_netlink_set_timeout(settings_.timeout_ms);
-  if (corvil_netlink_timeout() == -1) {
-    return usage_error(corvil_netlink_last_error()->message);
-  }
-  corvil_netlink_set_trace(
-      [](CorvilNetlinkDirection direction, const void* bytes, size_t length, void* session) {
-        static_cast<Session*>(session)->on_datagram(direction == CORVIL_NETLINK_SENT,
-                                                    {static_cast<const uint8_t*>(bytes), length});
-      },
-      this);
-  return {};
 }
 
 Result Session::start_kernel() {
@@ -133,13 +146,22 @@ Result Session::start_kernel() {
   } else if (!settings_.socket.empty()) {
     corvil_netlink_set_emulator(settings_.socket.c_str());
   }
-  if (!settings_.faults || settings_.dry_run) {
-    return {};
+  if (!settings_.faults.empty() && !settings_.dry_run) {
+    if (!emulator_) {
+      return usage_error("--misbehave is for an emulator that is started here");
+    }
+    emulator_->inject(settings_.faults);
   }
-  if (!emulator_) {
-    return usage_error("--misbehave is for an emulator that is started here");
+  corvil_netlink_set_timeout(settings_.timeout_ms);
+  if (corvil_netlink_timeout() == -1) {
+    return usage_error(corvil_netlink_last_error()->message);
   }
-  emulator_->inject(*settings_.faults);
+  corvil_netlink_set_trace(
+      [](CorvilNetlinkDirection direction, const void* bytes, size_t length, void* session) {
+        static_cast<Session*>(session)->on_datagram(direction == CORVIL_NETLINK_SENT,
+                                                    {static_cast<const uint8_t*>(bytes), length});
+      },
+      this);
   return {};
 }
 
@@ -194,10 +216,7 @@ void Session::on_datagram(bool is_sent, std::span<const uint8_t> datagram) {
 void Session::on_request(const Message& message) {
   sequence_ = message.json["seq"];
   refusal_ = Json::object();
-  observed_.tuples.clear();  // A dump that a change has interrupted is asked for again.
-  if (message.subject == Subject::kFamily) {
-    observed_.sent.push_back(short_name(message.json["message"]));
-  }
+  tuples_.clear();  // A dump that a change has interrupted is asked for again.
 }
 
 void Session::on_answer(const Message& message) {
@@ -208,11 +227,10 @@ void Session::on_answer(const Message& message) {
   if (message.is_failure) {
     refusal_ = json;
   } else if (message.subject == Subject::kFamily && json.contains("request")) {
-    observed_.acknowledged.push_back(json["request"]);
+    acknowledged_.push_back(json["request"]);
   } else if (message.subject == Subject::kFamily) {
     const Json attributes = json.value("attributes", Json::object());
-    std::ranges::copy_if(attributes.value("TUPLES", Json::array()),
-                         std::back_inserter(observed_.tuples),
+    std::ranges::copy_if(attributes.value("TUPLES", Json::array()), std::back_inserter(tuples_),
                          [](const Json& tuple) { return tuple.is_object(); });
   }
 }
@@ -248,37 +266,6 @@ Result Session::end_call(int result) {
     failure_ = failure("cannot write the log file " + settings_.log_file);
   }
   return failure_.value_or(Result{});
-}
-
-Result Session::read_state(std::optional<std::string>* state) {
-  if (Result started = start(); !started.ok() || settings_.dry_run) {
-    return started;
-  }
-  const std::string emulator = corvil_netlink_emulator();
-  if (!emulator.empty()) {
-    return ask_emulator(emulator, [state](tavik_wlan::ControlClient& client) {
-      *state = client.state();
-      return Result{};
-    });
-  }
-  if (std::ifstream file("/proc/net/tavik_wlan"); file) {
-    state->emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-  }
-  return {};
-}
-
-Result Session::inject(const Faults& faults) {
-  if (Result started = start(); !started.ok() || settings_.dry_run) {
-    return started;
-  }
-  const std::string emulator = corvil_netlink_emulator();
-  if (emulator.empty()) {
-    return usage_error("only an emulator can be told to misbehave");
-  }
-  return ask_emulator(emulator, [&faults](tavik_wlan::ControlClient& client) {
-    client.set_faults(faults);
-    return Result{};
-  });
 }
 
 }  // namespace datapathctl

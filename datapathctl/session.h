@@ -17,13 +17,6 @@
 
 namespace datapathctl {
 
-/// What the exchanges of a command have shown.
-struct Observed {
-  std::vector<std::string> sent{};               // requests to the family, by the names of commands
-  std::vector<std::string> acknowledged{};       // those of them that were, without an error
-  std::vector<nlohmann::ordered_json> tuples{};  // of the last dump
-};
-
 /// One at a time in a process, since the settings of the host's log and of its netlink library are
 /// the process's.
 class Session {
@@ -37,6 +30,9 @@ class Session {
   /// standard output takes that over; what is printed goes to standard error instead.
   Result begin_command();
 
+  /// Makes the library and the kernel ready, once, as the settings say.
+  Result start();
+
   /// Calls an exported function of the library, by the type of its prototype and its name, or by
   /// its address where that is known. It fails when the function returns -1, and when the library
   /// has logged an error: the query of ports returns 0 whatever became of it.
@@ -48,23 +44,18 @@ class Session {
     return end_call(reinterpret_cast<Function*>(address)(arguments...));
   }
 
-  [[nodiscard]] const Observed& observed() const { return observed_; }
+  /// The requests of this command to the family that were acknowledged without an error, by the
+  /// names of their commands.
+  [[nodiscard]] const std::vector<std::string>& acknowledged() const { return acknowledged_; }
 
-  /// Reads what the kernel holds, one line a thing; nothing of a kernel that does not tell, and in
-  /// a dry run.
-  Result read_state(std::optional<std::string>* state);
-
-  /// Injects faults into the emulator, in this process or in another, in place of those before;
-  /// nothing in a dry run.
-  Result inject(const Faults& faults);
+  /// The tuples of its last dump.
+  [[nodiscard]] const std::vector<nlohmann::ordered_json>& tuples() const { return tuples_; }
 
   [[nodiscard]] const Settings& settings() const { return settings_; }
 
  private:
-  Result start();
   Result start_kernel();
   Result start_logging();
-  Result start_netlink();
   Result begin_call(const char* name, void** address);
   Result end_call(int result);
   [[nodiscard]] Result last_failure() const;
@@ -77,20 +68,14 @@ class Session {
   std::optional<tavik_wlan::Emulator> emulator_;  // in this process
   bool started_ = false;
   MessageDecoder decoder_;
-  Observed observed_;
+  std::vector<std::string> acknowledged_;
+  std::vector<nlohmann::ordered_json> tuples_;
   nlohmann::ordered_json sequence_;  // the number of the last request
   nlohmann::ordered_json refusal_ = nlohmann::ordered_json::object();  // the last answer of failure
   std::optional<Result> failure_;  // the first of the current call
 };
 
-/// Makes the library ready for find_function(). It fails when it cannot be had, and when the
-/// settings ask for what it lacks here.
-Result load_library(const Settings& settings);
-
-/// Finds an exported function of the library by its name, unless the library is inside.
-Result find_function(const char* name, void** address);
-
-/// Calls a function of the library by its prototype.
+/// Calls a function of the library, which is loaded at run time or inside, by its prototype.
 #ifdef CORVIL_LIBRARY
 #define CALL_LIBRARY(session, function, ...) \
   (session).call<decltype(function)>(#function, nullptr, ##__VA_ARGS__)

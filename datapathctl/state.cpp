@@ -1,6 +1,8 @@
 // What can be read back from the kernel.
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -11,6 +13,7 @@
 #include "datapathctl/message_decoder.h"
 #include "datapathctl/operations.h"
 #include "kernel_interface/protocol.h"
+#include "reference_host/netlink/corvil_netlink_control.h"
 #include "reference_host/port_utils/corvil_port_tree.h"
 
 namespace datapathctl {
@@ -69,6 +72,20 @@ Result to_result(const std::string& state, bool complete) {
   return result;
 }
 
+/// Reads what the kernel holds, one line a thing; nothing of a kernel that does not tell.
+Result read_state(std::optional<std::string>* state) {
+  if (const std::string emulator = corvil_netlink_emulator(); !emulator.empty()) {
+    return ask_emulator(emulator, [state](tavik_wlan::ControlClient& client) {
+      *state = client.state();
+      return Result{};
+    });
+  }
+  if (std::ifstream file("/proc/net/tavik_wlan"); file) {
+    state->emplace(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  }
+  return {};
+}
+
 Result dump_tuples(Session& session) {
   corvil_port_tree_clear();
   return CALL_LIBRARY(session, corvil_datapath_proxy_get_port_tuple);
@@ -113,14 +130,17 @@ Result run_ports(Session& session, const Command&) {
       &ports);
   result.members["ports"] = Json::array();
   for (const CorvilPort& port : ports) {
-    add_port(port, session.observed().tuples, &result);
+    add_port(port, session.tuples(), &result);
   }
   return result;
 }
 
 Result run_state(Session& session, const Command&) {
   std::optional<std::string> state;
-  if (Result read = session.read_state(&state); !read.ok() || session.settings().dry_run) {
+  if (Result started = session.start(); !started.ok() || session.settings().dry_run) {
+    return started;
+  }
+  if (Result read = read_state(&state); !read.ok()) {
     return read;
   }
   if (state) {
@@ -130,7 +150,7 @@ Result run_state(Session& session, const Command&) {
     return dumped;
   }
   std::string tuples;
-  for (const Json& tuple : session.observed().tuples) {
+  for (const Json& tuple : session.tuples()) {
     tuples += "tuple " + tuple_text(tuple) + "\n";
   }
   Result result = to_result(tuples, false);

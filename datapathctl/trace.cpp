@@ -1,10 +1,17 @@
 #include "datapathctl/trace.h"
 
+#include <linux/genetlink.h>
+
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 
+#include "datapathctl/capture.h"
+#include "datapathctl/operations.h"
+#include "kernel_interface/protocol.h"
 #include "reference_host/netlink/corvil_netlink_control.h"
 
 namespace datapathctl {
@@ -45,8 +52,25 @@ std::string to_text(const Message& message, const Origin& origin, const Settings
     text += "(pid " + std::to_string(origin.pid) + ") ";
   }
   text += origin.is_sent ? "> " : "< ";
-  text += settings.trace == Trace::kFull ? to_text(message) : to_line(message) + "\n";
+  text += to_text(message, settings.trace == Trace::kFull) + "\n";
   return settings.hex ? text + "    bytes " + to_hex(message.bytes) + "\n" : text;
+}
+
+/// The family's id as the first answer of the controller tells it; otherwise, of bytes in
+/// hexadecimal, which have no time, the type of the first message that is not the controller's.
+uint16_t find_family(const std::vector<Packet>& packets) {
+  MessageDecoder decoder;
+  uint16_t first = 0;
+  for (const Packet& packet : packets) {
+    decoder.decode(packet.datagram);
+    if (decoder.family_id() != 0) {
+      return decoder.family_id();
+    }
+    if (!packet.time && first <= GENL_ID_CTRL && packet.datagram.size() >= sizeof(nlmsghdr)) {
+      first = tavik_wlan::load<nlmsghdr>(packet.datagram).nlmsg_type;
+    }
+  }
+  return first > GENL_ID_CTRL ? first : uint16_t{0};
 }
 
 }  // namespace
@@ -91,6 +115,30 @@ void Viewer::show(std::span<const uint8_t> datagram, Origin origin) {
     throw std::runtime_error(corvil_netlink_last_error()->message);
   }
   print(settings_, messages, origin);
+}
+
+Result run_decode(Session& session, const Command& command) {
+  const std::string& path = command.path;
+  const std::string name = path == "-" ? "standard input" : path;
+  std::ifstream file(path, std::ios::binary);
+  std::istream& input = path == "-" ? std::cin : file;
+  input.peek();
+  // A folder opens, but does not read.
+  if (input.bad() || (path != "-" && !file.is_open())) {
+    return usage_error("cannot read " + name);
+  }
+  std::ostringstream read;
+  read << input.rdbuf();
+  std::vector<Packet> packets;
+  Result result = read_packets(read.str(), &packets);
+  Viewer viewer(session.settings(), find_family(packets));
+  for (const Packet& packet : packets) {
+    viewer.show(packet.datagram, {.time = packet.time});
+  }
+  if (!viewer.has_shown() && result.ok()) {
+    result = usage_error("nothing of TAVIK_WLAN in it");
+  }
+  return result.ok() ? result : Result{result.status, name + ": " + result.error};
 }
 
 }  // namespace datapathctl

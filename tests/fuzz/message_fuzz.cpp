@@ -61,8 +61,8 @@ std::vector<Message> decode(MessageDecoder& decoder, const Bytes& datagram) {
   std::vector<Message> messages = decoder.decode(datagram);
   size_t decoded = 0;
   for (const Message& message : messages) {
-    require(is_printable(datapathctl::to_text(message)));
-    require(is_printable(datapathctl::to_line(message)));
+    require(is_printable(datapathctl::to_text(message, true)));
+    require(is_printable(datapathctl::to_text(message, false)));
     decoded += NLMSG_ALIGN(message.bytes.size());
   }
   require(NLMSG_ALIGN(decoded) == NLMSG_ALIGN(datagram.size()));
@@ -110,11 +110,7 @@ std::vector<std::string> answer(FuzzedDataProvider& input, tavik_wlan::Kernel& k
 /// Reads a capture, or bytes in hexadecimal, which can be no more than the file has.
 void read_file(std::string_view file) {
   std::vector<datapathctl::Packet> packets;
-  if (datapathctl::is_capture(file)) {
-    static_cast<void>(datapathctl::read_capture(file, &packets));
-  } else {
-    packets = datapathctl::read_hex(file);
-  }
+  static_cast<void>(datapathctl::read_packets(file, &packets));
   size_t size = 0;
   for (const auto& packet : packets) {
     size += packet.datagram.size();

@@ -49,7 +49,8 @@ std::string add_tuples(uint32_t sequence, uint32_t port_id = 0) {
 std::string lines(MessageDecoder& decoder, const std::string& datagram) {
   std::string lines;
   for (const auto& message : decoder.decode(bytes(datagram))) {
-    lines += (message.subject == datapathctl::Subject::kOther ? "(" : "") + to_line(message) + "\n";
+    lines += message.subject == datapathctl::Subject::kOther ? "(" : "";
+    lines += to_text(message, false) + "\n";
   }
   return lines;
 }
@@ -96,60 +97,63 @@ TEST(MessageDecoderTest, TellsWhatAnAnswerIsAbout) {
 }
 
 /// A capture of one packet, which was taken at the 2nd second and 500 ms.
-std::string capture(uint32_t magic, const std::string& datagram, uint32_t missing = 0,
+std::string capture(uint32_t magic, const std::string& datagram,
                     uint16_t protocol = NETLINK_GENERIC, uint32_t link_type = 253) {
   const auto length = static_cast<uint32_t>(datagram.size() + 16);
   const uint32_t half = magic == 0xa1b2c3d4 ? 500'000 : 500'000'000;
   std::string file;
-  for (const uint32_t word :
-       {magic, 0x40002U, 0U, 0U, 65535U, link_type, 2U, half, length + missing, length,
-        htonl(4U << 16 | 824), 0U, 0U, htonl(protocol)}) {
+  for (const uint32_t word : {magic, 0x40002U, 0U, 0U, 65535U, link_type, 2U, half, length, length,
+                              htonl(4U << 16 | 824), 0U, 0U, htonl(protocol)}) {
     file += raw(word);
   }
   return file + datagram;
 }
 
-TEST(CaptureTest, IsReadOrRefused) {
-  const auto read = [](const std::string& file, std::vector<Packet>* packets) {
-    EXPECT_TRUE(datapathctl::is_capture(file));
-    return datapathctl::read_capture(file, packets).error;
-  };
+TEST(ReadPacketsTest, ReadsOrRefusesACapture) {
   const std::string datagram = add_tuples(1);
-  for (const uint32_t magic : {0xa1b2c3d4, 0xa1b23c4d}) {
-    const std::string file = capture(magic, datagram);
+  const std::string whole = capture(0xa1b2c3d4, datagram);
+  const struct {
+    std::string file;
+    size_t count;
+    const char* error;
+  } kCases[] = {
+      {whole, 1, ""},
+      {capture(0xa1b23c4d, datagram), 1, ""},
+      {capture(0xa1b2c3d4, datagram, NETLINK_ROUTE), 0, ""},
+      {whole.substr(0, 23), 0, "the capture ends in its first header"},
+      {whole.substr(0, whole.size() - 1), 0, "the capture ends in packet 1"},
+      {whole + whole.substr(24, 15), 1, "the capture ends in packet 2"},
+      {capture(0xa1b2c3d4, "", 0, 1), 0, "of link type 1 and not 253, NETLINK"},
+      {capture(0xd4c3b2a1, datagram), 0,
+       "in a format that is not read here; 'editcap -F pcap FILE NEW' converts it"},
+  };
+  for (const auto& [file, count, error] : kCases) {
     std::vector<Packet> packets;
-    EXPECT_EQ(read(file, &packets), "");
-    ASSERT_EQ(packets.size(), 1U);
-    EXPECT_EQ(packets[0].datagram, bytes(datagram));
-    EXPECT_EQ(packets[0].time->time_since_epoch(), std::chrono::milliseconds(2500));
-    EXPECT_EQ(read(file.substr(0, file.size() - 1), &packets), "the capture ends in packet 1");
-    EXPECT_EQ(read(file.substr(0, 23), &packets), "the capture ends in its first header");
-    EXPECT_EQ(packets.size(), 1U);
+    EXPECT_EQ(datapathctl::read_packets(file, &packets).error, error);
+    EXPECT_EQ(packets.size(), count) << error;
+    for (const Packet& packet : packets) {
+      EXPECT_EQ(packet.datagram, bytes(datagram));
+      EXPECT_EQ(packet.time->time_since_epoch(), std::chrono::milliseconds(2500));
+    }
   }
-  std::vector<Packet> packets;
-  EXPECT_EQ(read(capture(0xa1b2c3d4, datagram, 1), &packets), "the capture ends in packet 1");
-  EXPECT_EQ(read(capture(0xa1b2c3d4, datagram, 0, NETLINK_ROUTE), &packets), "");
-  EXPECT_EQ(read(capture(0xa1b2c3d4, "", 0, 0, 1), &packets),
-            "of link type 1 and not 253, NETLINK");
-  for (const uint32_t other : {0xd4c3b2a1U, 0x4d3cb2a1U, 0x0a0d0d0aU}) {
-    EXPECT_EQ(read(capture(other, datagram), &packets),
-              "in a format that is not read here; 'editcap -F pcap FILE NEW' converts it");
-  }
-  EXPECT_TRUE(packets.empty());
 }
 
-TEST(CaptureTest, HexadecimalIsReadAsItIsPrinted) {
+TEST(ReadPacketsTest, ReadsHexadecimalAsItIsPrinted) {
   const std::vector<uint8_t> datagram = bytes(message(kFamily, 5, 1, generic(9, "")));
   for (const char* text :
        {"14000000 1c000500 01000000 00000000 09010000",
         "> RESET\n    bytes 14000000 1c000500 01000000 00000000 09010000\nDEAD end",
         R"({"seq":1,"bytes":"14000000 1c000500 01000000 00000000 09010000","pid":1})",
         "140000001c0005000100000000\r\n000000 09 01 00 00"}) {
-    const std::vector<Packet> packets = datapathctl::read_hex(text);
+    std::vector<Packet> packets;
+    EXPECT_TRUE(datapathctl::read_packets(text, &packets).ok());
     ASSERT_EQ(packets.size(), 1U) << text;
     EXPECT_EQ(packets[0].datagram, datagram) << text;
   }
-  EXPECT_EQ(datapathctl::read_hex("bytes 01\nbytes 02\n03\n\n04\n0: 05\n06\n").size(), 4U);
+  std::vector<Packet> packets;
+  EXPECT_TRUE(
+      datapathctl::read_packets("bytes 01\nbytes 02\n03\n\n04\n0: 05\n06\n", &packets).ok());
+  EXPECT_EQ(packets.size(), 4U);
 }
 
 }  // namespace
