@@ -1,4 +1,4 @@
-#include "datapathctl/capture.h"
+#include "datapathctl/message_decoder.h"
 
 #include <arpa/inet.h>
 #include <linux/if_arp.h>

@@ -85,15 +85,14 @@ PortList parse_ports(const std::vector<std::string>& texts) {
   return list;
 }
 
-/// Words for an emulator's fault injection, which are sure to name faults.
-std::string parse_faults(const std::vector<std::string>& words) {
-  std::string faults = CLI::detail::join(words, " ");
+/// Why a word names no fault of an emulator; empty where it does.
+std::string not_a_fault(const std::string& word) {
   try {
-    tavik_wlan::parse_faults(faults);
+    tavik_wlan::parse_faults(word);
+    return "";
   } catch (const std::invalid_argument& error) {
-    throw CLI::ValidationError(error.what());
+    return error.what();
   }
-  return faults;
 }
 
 /// Why a text is no IP address; empty where it is one.
@@ -116,13 +115,14 @@ std::string parse_trace(const std::string& word) {
   throw CLI::ValidationError("'" + word + "' is neither compact nor full");
 }
 
-/// Has a parser convert the texts of an option or argument to a value.
-template <typename Variable, typename Value>
-CLI::Option* add_value(CLI::App& parser, const char* name, Variable& value,
-                       Value (*convert)(const std::vector<std::string>&), const std::string& help) {
+CLI::Option* add_ports(CLI::App& parser, const char* name, PortList& ports, const char* help) {
   return parser.add_option_function<std::vector<std::string>>(
-      name, [&value, convert](const std::vector<std::string>& texts) { value = convert(texts); },
-      help);
+      name, [&ports](const std::vector<std::string>& texts) { ports = parse_ports(texts); }, help);
+}
+
+CLI::Option* add_words(CLI::App& parser, const char* name, std::string& faults,
+                       const std::string& help) {
+  return parser.add_option(name, faults, help)->type_name("WORD")->join()->check(not_a_fault);
 }
 
 /// Has a parser take a number up to `max` for an option or argument.
@@ -146,7 +146,7 @@ void add_forwarding(CLI::App& parser, Command& c) {
   add_text(parser, "--to", c.to, "where it is forwarded to")->type_name("NAME");
   add_number(parser, "--selector", c.selector, "number sent along, 0 unless given")
       ->type_name("NUMBER");
-  add_value(parser, "PORTS", c.ports, parse_ports, "ports: tcp/443, udp6/4500, tcp/1000-1999");
+  add_ports(parser, "PORTS", c.ports, "ports: tcp/443, udp6/4500, tcp/1000-1999");
 }
 
 void add_proxy(CLI::App& parser, Command& c) {
@@ -160,8 +160,8 @@ void add_proxy_down(CLI::App& parser, Command& c) {
 }
 
 void add_proxy_update(CLI::App& parser, Command& c) {
-  add_value(parser, "--old", c.old_ports, parse_ports, "ports to remove")->type_name("PORTS");
-  add_value(parser, "--new", c.ports, parse_ports, "ports to add")->type_name("PORTS");
+  add_ports(parser, "--old", c.old_ports, "ports to remove")->type_name("PORTS");
+  add_ports(parser, "--new", c.ports, "ports to add")->type_name("PORTS");
   parser.callback([&c] {
     if (c.old_ports.size() + c.ports.size() == 0) {
       throw CLI::ValidationError("no ports: it takes --old, --new or both");
@@ -188,9 +188,10 @@ void add_lowlat(CLI::App& parser, Command& c) {
 }
 
 void add_faults(CLI::App& parser, Command& c) {
-  add_value(parser, "WORD", c.faults, parse_faults,
-            "in place of those before: " + tavik_wlan::fault_words())
-      ->required();
+  add_words(parser, "WORD", c.faults, "in place of those before: " + tavik_wlan::fault_words())
+      ->required()
+      ->expected(1, -1)
+      ->allow_extra_args();
 }
 
 void add_file(CLI::App& parser, Command& c) {
@@ -283,10 +284,7 @@ void add_options(CLI::App& app, Settings& settings) {
   add_path("--library", settings.library, "load this library, not the installed one");
   app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
   add_path("--socket", settings.socket, "talk to the emulator that serves there");
-  add_value(app, "--misbehave", settings.faults, parse_faults,
-            "have the emulated kernel misbehave, repeatable")
-      ->type_name("WORD")
-      ->allow_extra_args(false);
+  add_words(app, "--misbehave", settings.faults, "have the emulated kernel misbehave, repeatable");
   add_number(app, "--timeout", settings.timeout_ms, "how long the kernel may take to answer",
              3600000, 1)
       ->type_name("MS");

@@ -124,19 +124,19 @@ std::string help_on(const std::string& topic) {
 }
 
 /// Takes the name of an operation off the words, which may be abbreviated; of help, all words.
-/// `asks` is whether they ask for help by an option.
-void take_operation(std::vector<std::string>* words, bool asks, Command* command) {
-  if (asks && words->empty()) {
+void take_operation(std::vector<std::string>* words, Command* command) {
+  if (!words->empty() && words->front() == "--help") {
     *command = {.operation = find_operation("help"), .text = help_on_options()};
+    words->clear();
     return;
   }
   std::string name = take_name("", words);
-  const bool asks_here = words->empty() ? asks : words->front() == "help";
-  if (!asks_here && !names_below(name).empty()) {
+  const bool asks = !words->empty() && (words->front() == "help" || words->front() == "--help");
+  if (!asks && !names_below(name).empty()) {
     name += " " + take_name(name, words);
   }
-  command->operation = find_operation(asks || asks_here ? "help" : name);
-  if (asks || asks_here) {
+  command->operation = find_operation(asks ? "help" : name);
+  if (asks) {
     words->clear();
     command->text = help_on(name);
   } else if (name == "help") {
@@ -152,7 +152,7 @@ void take_arguments(std::vector<std::string> words, bool in_batch, Command* comm
   try {
     std::ranges::reverse(words);  // CLI11 takes them from the back.
     app->parse(words);
-  } catch (const CLI::CallForHelp&) {  // in a batch
+  } catch (const CLI::CallForHelp&) {
     *command = {.operation = find_operation("help"), .text = app->help()};
   } catch (const CLI::ParseError&) {
     const std::vector<std::string> strangers = app->remaining();
@@ -172,15 +172,14 @@ Result parse(std::vector<std::string> words, Settings* settings, Command* comman
   if (std::ranges::any_of(words, has_nul)) {
     refuse("a NUL byte is in a word");
   }
-  bool asks = false;
   if (settings != nullptr) {
     const auto options = options_of(settings);
     std::ranges::reverse(words);
     options->parse(words);
-    asks = options->count("-h") > 0;
     words = options->count("-V") > 0 ? std::vector<std::string>{"version"} : options->remaining();
+    words.resize(words.size() + options->count("-h"), "--help");
   }
-  take_operation(&words, asks, command);
+  take_operation(&words, command);
   take_arguments(std::move(words), settings == nullptr, command);
   if (settings != nullptr) {
     check(*settings, *command->operation);

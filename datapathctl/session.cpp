@@ -82,9 +82,6 @@ void explain_refusal(const CorvilNetlinkError& error, const Json& answer, Result
       failed->members[name] = answer[name];
     }
   }
-  if (is_look_up) {
-    failed->members.erase("request");
-  }
   failed->error =
       "the kernel refused " + (is_look_up ? request : TAVIK_WLAN_FAMILY_NAME " " + request) + ": " +
       std::generic_category().message(error.error) + " (" + error_name(error.error) + ")";

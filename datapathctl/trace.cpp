@@ -9,7 +9,6 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "datapathctl/capture.h"
 #include "datapathctl/operations.h"
 #include "kernel_interface/protocol.h"
 #include "reference_host/netlink/corvil_netlink_control.h"

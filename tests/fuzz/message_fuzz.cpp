@@ -14,7 +14,6 @@
 #include <string_view>
 #include <vector>
 
-#include "datapathctl/capture.h"
 #include "datapathctl/message_decoder.h"
 #include "reference_host/port_utils/corvil_port_tree.h"
 #include "reference_kernel/emulator/kernel.h"

@@ -129,7 +129,7 @@ TEST_F(DatapathctlTest, TellsWhatStaysBehindAndTakesItBack) {
        "UNSET_DEV, DEL_FWD_INFO, LL_ADDR_FLUSH", "proxy up w --from a --to b --selector 1"},
       {"proxy update --new tcp/1", "proxy unmap --from a --to c tcp/1", "DEL_TUPLES",
        "proxy update --new tcp/1"},
-      {"proxy update --new tcp/1\nmisbehave refuse=2:ENOSPC",
+      {"proxy update --new tcp/1\nmisbehave refuse=9:EPERM refuse=2:ENOSPC",
        "proxy update --old tcp/1 --new tcp/2", "DEL_TUPLES", "proxy update --new tcp/1"},
   };
   for (const auto& [before, command, done, undo] : kCases) {
@@ -373,7 +373,7 @@ TEST_F(DatapathctlTest, SaysInOneLineWhatIsWrong) {
       {"--socket x state --emulate", 1, "state: --emulate excludes --socket"},
       {"--pcap '' reset", 1, "--pcap: the path is empty"},
       {"--dry-run misbehave frob", 1,
-       "misbehave: bad misbehaviour 'frob': one of none, silent, delay=MS, truncate=BYTES, "
+       "misbehave: WORD: bad misbehaviour 'frob': one of none, silent, delay=MS, truncate=BYTES, "
        "garbage, "
        "stale, refuse=N:ERRNO, interrupt=DUMPS, family-id=ID, absent"},
       {"--misbehave silent reset", 1, "reset: --misbehave is for an emulator that is started here"},

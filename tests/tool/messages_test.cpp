@@ -11,7 +11,6 @@
 #include <string_view>
 #include <vector>
 
-#include "datapathctl/capture.h"
 #include "datapathctl/message_decoder.h"
 #include "kernel_interface/tavik_wlan.h"
 #include "tests/support/netlink_bytes.h"
