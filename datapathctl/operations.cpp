@@ -281,7 +281,7 @@ void add_options(CLI::App& app, Settings& settings) {
   const auto add_path = [&app](const char* name, std::string& path, const char* help) {
     return app.add_option(name, path, help)->type_name("PATH")->check(empty_path);
   };
-  add_path("--library", settings.library, "load this library, not the installed one");
+  add_path("--library", settings.library, "load this library, not the one beside this program");
   app.add_flag("--emulate", settings.emulate, "run an emulated kernel inside");
   add_path("--socket", settings.socket, "talk to the emulator that serves there");
   add_words(app, "--misbehave", settings.faults, "have the emulated kernel misbehave, repeatable");

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <iterator>
 #include <random>
@@ -29,8 +30,18 @@ constexpr uint16_t kDryRunFamilyId = 65535;
 
 constinit void* library = nullptr;
 
+/// The library beside this program, or else where the loader finds it. Under a sanitizer, which has
+/// a dlopen() of its own, the loader does not know whose search path counts.
+std::string default_library() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto beside = program.parent_path() / CORVIL_LIBRARY;
+  return std::filesystem::exists(beside, error) ? beside.string() : CORVIL_LIBRARY;
+}
+
 Result load_library(const Settings& settings) {
-  library = dlopen(settings.library.empty() ? CORVIL_LIBRARY : settings.library.c_str(), RTLD_NOW);
+  const std::string path = settings.library.empty() ? default_library() : settings.library;
+  library = dlopen(path.c_str(), RTLD_NOW);
   return library != nullptr ? Result{}
                             : usage_error(std::string("cannot load the library: ") + dlerror());
 }
