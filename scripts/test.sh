@@ -9,8 +9,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-stages=(release asan style coverage arm device fuzz clang tools vm tsan analyzers tidy vm_6.1 vm_faults
-  package ynl_kernel android_bp reproducible docs)
+stages=(release asan style coverage arm device fuzz clang tools vm tsan analyzers vm_6.1 vm_faults
+  package ynl_kernel android_bp reproducible docs tidy)
 
 # build PRESET [OPTIONS OF CMAKE]
 build() {
