@@ -79,4 +79,5 @@ find "$modules" -name '*.xz' -exec xz --decompress {} +
 PATH=$PATH:/usr/sbin depmod --basedir "$root" "$release" 2>/dev/null
 
 [ -z "${EXTRA:-}" ] || cp --archive "$EXTRA/." "$root"
+chmod -R a+rX "$root" # The folder of the tree may be its owner's alone.
 (cd "$root" && find . -print0 | cpio --null --create --format=newc --quiet) >"$build/initramfs.cpio"
