@@ -26,7 +26,7 @@ struct Operation {
 std::span<const Operation> operations();
 
 /// Has a parser fill the settings.
-void add_options(CLI::App& parser, Settings& settings);
+void add_options(CLI::App& app, Settings& settings);
 
 /// Fills the command from words, or tells in one line what is wrong with them; the command's
 /// operation is set as soon as it is known. The words of a command line have options, which go to
